@@ -1,0 +1,56 @@
+#pragma once
+
+#include "platform/Data.h"
+#include "platform/Error.h"
+#include "platform/Secret.h"
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+
+namespace florvane {
+
+// Digests, message authentication, key derivation, the ChaCha20 and Poly1305 primitives and random bytes, by OpenSSL 3.
+// Everything here is thread-safe; an object with state belongs to one thread at a time.
+
+enum class DigestAlgorithm { SHA1, SHA224, SHA256, SHA384, SHA512 };
+
+// A digest computed piece by piece.
+class Digest {
+ public:
+  explicit Digest(DigestAlgorithm algorithm);
+  ~Digest();
+  Digest(Digest&&) noexcept;
+  Digest& operator=(Digest&&) noexcept;
+  Digest& update(std::span<const std::uint8_t> bytes);
+  Digest& update(std::string_view text);
+  // Once; the object is spent afterwards.
+  Data finish();
+
+ private:
+  struct State;
+  std::unique_ptr<State> state_;
+};
+
+Data digest(DigestAlgorithm algorithm, std::span<const std::uint8_t> bytes);
+std::size_t digestLength(DigestAlgorithm algorithm);
+Data hmac(DigestAlgorithm algorithm, std::span<const std::uint8_t> key, std::span<const std::uint8_t> message);
+// PBKDF2 with HMAC of the algorithm. Iterations at least 1.
+Secret pbkdf2(DigestAlgorithm algorithm, const Secret& password, const Data& salt, std::uint64_t iterations,
+              std::size_t outputLength);
+
+// The original ChaCha20 with a 64-bit nonce and a 64-bit block counter that wraps: XORs the key stream of the blocks
+// from `counter` on over the bytes, in place.
+void chacha20(std::span<const std::uint8_t> key32, std::uint64_t nonce, std::uint64_t counter,
+              std::span<std::uint8_t> bytes);
+// One-time authenticator of 16 bytes.
+Data poly1305(std::span<const std::uint8_t> key32, std::span<const std::uint8_t> message);
+
+// Cryptographically strong random bytes. The error is in POSIXErrorDomain (EIO) when the source fails.
+Result<Data> randomBytes(std::size_t count);
+bool constantTimeEqual(std::span<const std::uint8_t> a, std::span<const std::uint8_t> b);
+
+}  // namespace florvane

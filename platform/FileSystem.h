@@ -1,0 +1,69 @@
+#pragma once
+
+#include "platform/Data.h"
+#include "platform/Error.h"
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include <sys/types.h>
+
+namespace florvane {
+
+// Files by path. Errors are in QuilbarErrorDomain with the errno as underlying error. Thread-safe.
+
+// An open file descriptor, closed when it goes.
+class FileDescriptor {
+ public:
+  FileDescriptor() = default;
+  explicit FileDescriptor(int descriptor) : descriptor_(descriptor) {}
+  FileDescriptor(FileDescriptor&& other) noexcept;
+  FileDescriptor& operator=(FileDescriptor&& other) noexcept;
+  ~FileDescriptor();
+  int get() const { return descriptor_; }
+  bool valid() const { return descriptor_ >= 0; }
+  int release();
+  void close();
+
+ private:
+  int descriptor_ = -1;
+};
+
+inline constexpr std::uint64_t kWholeFile = UINT64_MAX;
+
+// The whole file, refused with an error when it is larger than the limit (bytes).
+Result<Data> readFile(const std::string& path, std::uint64_t limit = kWholeFile);
+// Writes a temporary beside the path, syncs it when asked, and renames it into place.
+Result<void> writeFileAtomically(const std::string& path, const Data& bytes, mode_t mode = 0600, bool sync = false);
+// The folder and those above it; fine when it is there already. Mode for those that are made.
+Result<void> createDirectories(const std::string& path, mode_t mode = 0777);
+// A file or an empty folder, without following a last symbolic link; fine when it is not there.
+Result<void> removeItem(const std::string& path);
+// A file or a folder with all that is in it; never through symbolic links.
+Result<void> removeTree(const std::string& path);
+Result<void> syncDirectory(const std::string& path);
+bool fileExists(const std::string& path);
+// As realpath(3): absent with the errno in `error` when it cannot be resolved.
+std::optional<std::string> realPath(const std::string& path, int* error = nullptr);
+// A new empty file, mode 0600, its name made of prefix and a random suffix.
+Result<std::pair<FileDescriptor, std::string>> makeTemporaryFile(const std::string& folder, std::string_view prefix);
+// Writes all bytes, through short writes and interruptions.
+Result<void> writeAll(int descriptor, std::span<const std::uint8_t> bytes, std::string_view path);
+
+// A lock on a whole file, made when missing, shared by processes and by threads of one; given back when this goes,
+// even by a crash. Blocks until it is held.
+class FileLock {
+ public:
+  static Result<FileLock> acquire(const std::string& path, bool exclusive);
+  FileLock(FileLock&&) noexcept = default;
+  FileLock& operator=(FileLock&&) noexcept = default;
+
+ private:
+  explicit FileLock(FileDescriptor descriptor) : descriptor_(std::move(descriptor)) {}
+  FileDescriptor descriptor_;
+};
+
+}  // namespace florvane
