@@ -2,6 +2,8 @@
 
 #include "platform/Data.h"
 
+#include <cstdint>
+#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -14,6 +16,8 @@ class Secret {
  public:
   Secret() = default;
   explicit Secret(std::string_view bytes) : bytes_(bytes) {}
+  explicit Secret(std::span<const std::uint8_t> bytes)
+      : bytes_(reinterpret_cast<const char*>(bytes.data()), bytes.size()) {}
   Secret(const Secret& other) = default;
   Secret(Secret&& other) noexcept;
   Secret& operator=(Secret other) noexcept;
@@ -21,6 +25,9 @@ class Secret {
 
   // The bytes themselves, for the one who sends or stores them; valid while this value lives.
   std::string_view reveal() const noexcept { return bytes_; }
+  std::span<const std::uint8_t> revealSpan() const noexcept {
+    return {reinterpret_cast<const std::uint8_t*>(bytes_.data()), bytes_.size()};
+  }
   Data revealData() const { return Data::fromString(bytes_); }
   std::size_t size() const noexcept { return bytes_.size(); }
   bool empty() const noexcept { return bytes_.empty(); }
