@@ -32,6 +32,7 @@ TEST_F(SerialQueueTest, RunsItemsOfManySubmittersOneAtATimeAndInEachOnesOrder) {
   std::vector<int> last(kSubmitters, -1);  // touched only on the queue: a second thread in it would be a race
   int disorder = 0;
   std::vector<std::thread> submitters;
+  submitters.reserve(kSubmitters);
   for (int submitter = 0; submitter < kSubmitters; ++submitter) {
     submitters.emplace_back([&, submitter] {
       for (int item = 0; item < kItems; ++item) {
