@@ -4,10 +4,12 @@
 #include "platform/Error.h"
 
 #include <cstdint>
-#include <functional>
+#include <ctime>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include <sys/types.h>
 
@@ -34,17 +36,27 @@ class FileDescriptor {
 
 inline constexpr std::uint64_t kWholeFile = UINT64_MAX;
 
-// The whole file, refused with an error when it is larger than the limit (bytes).
+// Opens with O_CLOEXEC added to the flags; the mode is for a file that is made. The error is a reading one for flags
+// that only read, else a writing one.
+Result<FileDescriptor> openFile(const std::string& path, int flags, mode_t mode = 0600);
+// The whole file, refused with an error (EFBIG) when it is larger than the limit (bytes) or than Data can be.
 Result<Data> readFile(const std::string& path, std::uint64_t limit = kWholeFile);
-// Writes a temporary beside the path, syncs it when asked, and renames it into place.
-Result<void> writeFileAtomically(const std::string& path, const Data& bytes, mode_t mode = 0600, bool sync = false);
+// The rest of an open file, likewise; the path is for the error.
+Result<Data> readAll(int descriptor, std::string_view path, std::uint64_t limit = kWholeFile);
+// Writes a temporary beside the path, gives it exactly that mode and, when one is given, that modification time, and
+// renames it into place; a symbolic link there is replaced, not followed. With `sync`, file and folder are on stable
+// storage on return. A temporary that a killed writer left in the folder is removed once it is an hour old.
+Result<void> writeFileAtomically(const std::string& path, const Data& bytes, mode_t mode = 0600, bool sync = false,
+                                 std::optional<timespec> modificationTime = {});
 // The folder and those above it; fine when it is there already. Mode for those that are made.
 Result<void> createDirectories(const std::string& path, mode_t mode = 0777);
 // A file or an empty folder, without following a last symbolic link; fine when it is not there.
 Result<void> removeItem(const std::string& path);
-// A file or a folder with all that is in it; never through symbolic links.
+// A file or a folder with all that is in it, however deep; never through symbolic links. Fine when it is not there.
+// Stops at the first thing that cannot be removed.
 Result<void> removeTree(const std::string& path);
 Result<void> syncDirectory(const std::string& path);
+// Follows symbolic links.
 bool fileExists(const std::string& path);
 // As realpath(3): absent with the errno in `error` when it cannot be resolved.
 std::optional<std::string> realPath(const std::string& path, int* error = nullptr);
