@@ -331,6 +331,13 @@ Result<void> syncDirectory(const std::string& path) {
   return {};
 }
 
+Result<void> syncFile(const std::string& path) {
+  auto file = openFile(path, O_RDONLY);
+  if (!file) return Failure(file.error());
+  if (syncDescriptor(file->get()) != 0 && !isSyncUnsupported(errno)) return Failure(Error::fileWrite(errno, path));
+  return syncDirectory(folderOf(path));
+}
+
 bool fileExists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
 std::optional<std::string> realPath(const std::string& path, int* error) {

@@ -56,6 +56,8 @@ Result<void> removeItem(const std::string& path);
 // Stops at the first thing that cannot be removed.
 Result<void> removeTree(const std::string& path);
 Result<void> syncDirectory(const std::string& path);
+// Puts a file and its name in the folder on stable storage.
+Result<void> syncFile(const std::string& path);
 // Follows symbolic links.
 bool fileExists(const std::string& path);
 // As realpath(3): absent with the errno in `error` when it cannot be resolved.

@@ -23,8 +23,10 @@ class PreferencesStore {
   Result<std::optional<Value>> read(std::string_view key) const;
   // Everything, as one consistent snapshot.
   Result<Dictionary> snapshot() const;
-  // Reads, changes and writes as one step under the lock; nothing is written when the change leaves it equal.
+  // Reads, changes and writes as one step under the lock; nothing is written when the change leaves it equal. The
+  // change may read this store but not update it.
   Result<void> update(const std::function<void(Dictionary&)>& change);
+  // Absent removes the key.
   Result<void> set(std::string_view key, std::optional<Value> value);
   // Flushes file and folder to stable storage.
   Result<void> synchronize();
