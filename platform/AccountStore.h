@@ -33,18 +33,20 @@ class CredentialStore {
   virtual Result<void> removePassword(std::string_view identifier) = 0;
 };
 
-// Passwords in one property-list file of mode 0600; refused with a clear error when others may read it.
+// Passwords in one property-list file of mode 0600. One that another user owns or could open is an error
+// (QuilbarErrorDomain, FileReadNoPermissionError) for every call.
 std::unique_ptr<CredentialStore> makeFileCredentialStore(std::string path);
 
 // The accounts of a container, in its file "Accounts.plist", and their passwords in "Credentials.plist". Names are
 // unique. Thread-safe, and safe with several processes.
 class AccountStore {
  public:
-  explicit AccountStore(std::string containerDirectory);
+  explicit AccountStore(const std::string& containerDirectory);
   ~AccountStore();
   // The store of the process's container.
   static Result<std::shared_ptr<AccountStore>> shared();
 
+  // In the order in which they were added.
   Result<std::vector<Account>> accounts() const;
   Result<std::optional<Account>> accountWithIdentifier(std::string_view identifier) const;
   Result<std::optional<Account>> accountWithName(std::string_view name) const;

@@ -80,17 +80,6 @@ Error refusal(const std::string& path, const std::string& reason) {
       .withUnderlyingError(Error::posix(EPERM, path));
 }
 
-bool isUUID(std::string_view text) {
-  if (text.size() != 36) return false;
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    bool isDash = i == 8 || i == 13 || i == 18 || i == 23;
-    if (isDash ? text[i] != '-' : std::string_view("0123456789ABCDEFabcdef").find(text[i]) == std::string_view::npos) {
-      return false;
-    }
-  }
-  return true;
-}
-
 // Absent inside when there is none yet or what stands there is none.
 Result<std::optional<std::string>> storedDeviceIdentifier(const std::string& path) {
   auto bytes = readFile(path, 4096);

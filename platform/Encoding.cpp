@@ -103,4 +103,15 @@ std::string makeUUID() {
   return text;
 }
 
+bool isUUID(std::string_view text) {
+  if (text.size() != 36) return false;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    bool isDash = i == 8 || i == 13 || i == 18 || i == 23;
+    if (isDash ? text[i] != '-' : hexDigit(text[i]) < 0) {
+      return false;
+    }
+  }
+  return true;
+}
+
 }  // namespace florvane

@@ -19,5 +19,7 @@ std::optional<Data> base64Decode(std::string_view text);
 bool isValidUTF8(std::string_view text);
 // A random (version 4) UUID, upper-case: "8C3F0B1E-...".
 std::string makeUUID();
+// 36 characters of that form, in either case.
+bool isUUID(std::string_view text);
 
 }  // namespace florvane

@@ -31,14 +31,15 @@ inline constexpr char ResourceTypeDirectory[] = "ResourceTypeDirectory";
 inline constexpr char ResourceTypeRegular[] = "ResourceTypeRegular";
 
 // The values of a file under the keys asked for (all when none are named), from statx; a key that the system has no
-// value for is left out. A last symbolic link is not followed. Errors as in FileSystem.h. Thread-safe.
+// value for is left out: the size but for regular files, the file type but for those and folders, the date of addition
+// everywhere. The creation date is the earlier of the other two where the file system keeps none. A last symbolic link
+// is not followed. Errors as in FileSystem.h. Thread-safe.
 Result<Dictionary> resourceValues(const std::string& path, std::span<const std::string_view> keys = {});
 // The MIME type for a name's extension from the shared MIME database; "application/octet-stream" when unknown.
 std::string typeIdentifierForName(std::string_view name);
 // What people call the type ("PNG image"); the type itself when the database has no words for it.
 std::string localizedTypeDescription(std::string_view typeIdentifier);
-// Sets those of the values that can be written (dates of creation and addition where the file system keeps them are
-// not; readable and writable are not). Errors as in FileSystem.h.
+// The one of these values that can be written here. Errors as in FileSystem.h.
 Result<void> setContentModificationDate(int descriptor, Date date);
 
 }  // namespace florvane
