@@ -166,12 +166,11 @@ tl::expected<Upload, HTTPResponse> CommandHandler::beginUpload(const Command& co
 }
 
 HTTPResponse CommandHandler::finishUpload(const Command& command, Upload upload) {
-  auto stored =
-      command.kind == Command::Kind::Write
-          ? store_.write(*parent(command), command.share, *name(command), command.metadata, std::move(upload))
-          : store_.replace(*document(command), command.share,
-                           FVFRequestUtils::versionIdentifierFromURIQueryItems(command.queryItems), command.metadata,
-                           std::move(upload));
+  auto stored = command.kind == Command::Kind::Write
+                    ? store_.write(*parent(command), command.share, *name(command), command.metadata, std::move(upload))
+                    : store_.replace(*document(command), command.share,
+                                     FVFRequestUtils::versionIdentifierFromURIQueryItems(command.queryItems),
+                                     command.metadata, std::move(upload));
   if (!stored) return refusal(stored.error());
   if (stored->dropBox) return item(FVFResponseContainerTransferTypeDropBoxFile, stored->metadata, stored->version);
   HTTPResponse response = item(FVFResponseContainerTransferTypeFull, stored->metadata, stored->version);

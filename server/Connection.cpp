@@ -139,11 +139,12 @@ Connection::Awaitable<Connection::Persistence> Connection::serveRequest() {
   HTTPResponse response = co_await respond(parser);
   const HTTPRequestHead& head = parser.head();
   // The rest of a refused body is read so that the refusal is not lost in a reset, but nobody waits for much of it.
-  bool isShort = parser.isDone() || (!head.expectsContinue && head.contentLength.value_or(kMaximumDiscarded) < kPieceSize);
+  bool isShort =
+      parser.isDone() || (!head.expectsContinue && head.contentLength.value_or(kMaximumDiscarded) < kPieceSize);
   bool keepAlive = head.keepAlive && isShort;
   co_await send(response, keepAlive);
   bool isComplete = co_await discardBody(parser);
-  co_return keepAlive && isComplete ? Persistence::Keep : Persistence::Close;
+  co_return keepAlive&& isComplete ? Persistence::Keep : Persistence::Close;
 }
 
 Connection::Awaitable<bool> Connection::readHead(RequestParser& parser) {
@@ -220,7 +221,8 @@ Connection::Awaitable<HTTPResponse> Connection::respondToUpload(RequestParser& p
   std::uint64_t length = parser.head().contentLength.value_or(0), stored = 0;
   if (length > services_.maximumUploadSize) co_return tooLarge();
   allowForever();
-  auto upload = co_await blocking(services_.diskThreads, [&] { return services_.commands.beginUpload(command, length); });
+  auto upload =
+      co_await blocking(services_.diskThreads, [&] { return services_.commands.beginUpload(command, length); });
   if (!upload) co_return upload.error();
   co_await allowBody(parser);
   std::string piece, next;
@@ -231,8 +233,8 @@ Connection::Awaitable<HTTPResponse> Connection::respondToUpload(RequestParser& p
     // The next piece comes in while this one goes to the disk.
     next.clear();
     auto written = co_await (readBodyPiece(parser, next, kPieceSize) && blocking(services_.diskThreads, [&] {
-      return writeAll(upload->descriptor(), bytes(piece), "upload");
-    }));
+                               return writeAll(upload->descriptor(), bytes(piece), "upload");
+                             }));
     if (!written) co_return uploadFailure(written.error());
     piece.swap(next);
   }
@@ -407,20 +409,26 @@ void Connection::notify() { event_.cancel(); }
 Connection::Awaitable<> Connection::sleep(Duration duration) {
   if (duration <= Duration::zero()) co_return;
   auto isOver = std::make_shared<bool>(false);
-  auto timer = services_.clock.schedule(
-      services_.clock.monotonicNow() + duration, {}, [isOver, weak = weak_from_this(), executor = stream_.get_executor()] {
-        net::post(executor, [isOver, weak] {
-          *isOver = true;
-          if (auto self = weak.lock()) self->notify();
-        });
-      });
+  auto timer = services_.clock.schedule(services_.clock.monotonicNow() + duration, {},
+                                        [isOver, weak = weak_from_this(), executor = stream_.get_executor()] {
+                                          net::post(executor, [isOver, weak] {
+                                            *isOver = true;
+                                            if (auto self = weak.lock()) self->notify();
+                                          });
+                                        });
   while (!*isOver && !isBroken_) co_await notified();
 }
 
 template <typename F>
 Connection::Awaitable<std::invoke_result_t<F&>> Connection::blocking(net::thread_pool& pool, F function) {
-  auto call = [](F& blockingFunction) -> Awaitable<std::invoke_result_t<F&>> { co_return blockingFunction(); };
-  co_return co_await net::co_spawn(pool, call(function), net::use_awaitable);
+  using Answer = std::invoke_result_t<F&>;
+  std::optional<Answer> answer;
+  auto call = [](F& blockingFunction, std::optional<Answer>& place) -> Awaitable<> {
+    place.emplace(blockingFunction());
+    co_return;
+  };
+  co_await net::co_spawn(pool, call(function, answer), net::use_awaitable);
+  co_return std::move(*answer);
 }
 
 void Connection::allow(Duration duration) {

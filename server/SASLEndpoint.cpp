@@ -160,7 +160,8 @@ HTTPResponse SASLEndpoint::keep(Exchange exchange, std::span<const std::uint8_t>
   if (!random) return internalFailure(random.error().localizedDescription());
   std::string token = hexEncode(*random);
   HTTPResponse response = octets(message);
-  response.fields.emplace_back("Set-Cookie", std::string(kExchangeCookie) + "=" + token + "; Path=/sasl; Secure; HttpOnly");
+  response.fields.emplace_back("Set-Cookie",
+                               std::string(kExchangeCookie) + "=" + token + "; Path=/sasl; Secure; HttpOnly");
   MonotonicTime now = clock_.monotonicNow();
   if (!exchange.isProved) exchange.started = now;
   std::vector<Exchange> dropped;  // freed without the lock

@@ -66,7 +66,8 @@ std::size_t connectionLimit() {
   rlimit limit{};
   if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return kDescriptorsForFiles;
   std::size_t descriptors = limit.rlim_cur;
-  return std::clamp<std::size_t>(descriptors - std::min(descriptors / 2, kDescriptorsForFiles), 16, kMaximumConnections);
+  return std::clamp<std::size_t>(descriptors - std::min(descriptors / 2, kDescriptorsForFiles), 16,
+                                 kMaximumConnections);
 }
 
 }  // namespace
@@ -193,8 +194,9 @@ Result<void> Server::State::open() {
 
 Result<void> Server::State::listen() {
   auto failure = [this](const boost::system::error_code& error) {
-    return Failure(serverError(ServerErrorCode::Network, "The server cannot listen on " + options.listenHost + ", port " +
-                                                             std::to_string(options.port) + ": " + error.message()));
+    return Failure(serverError(ServerErrorCode::Network, "The server cannot listen on " + options.listenHost +
+                                                             ", port " + std::to_string(options.port) + ": " +
+                                                             error.message()));
   };
   boost::system::error_code error;
   tls.set_options(net::ssl::context::default_workarounds | net::ssl::context::no_compression, error);

@@ -16,8 +16,8 @@ namespace florvane {
 struct ServerOptions {
   std::string stateDirectory;
   std::vector<ShareConfiguration> shares;
-  std::string listenHost = "127.0.0.1";  // a name or an address literal, IPv6 without brackets
-  std::uint16_t port = 10548;            // 0 takes a free one
+  std::string listenHost = "127.0.0.1";           // a name or an address literal, IPv6 without brackets
+  std::uint16_t port = 10548;                     // 0 takes a free one
   std::vector<std::string> mechanisms = {"SRP"};  // of "SRP" and "PLAIN", as they are offered
   // PEM files; both empty for the pair in the state folder, which is made when missing.
   std::string certificatePath, keyPath;

@@ -24,7 +24,7 @@ struct Freeing {
   }
 };
 using Bio = std::unique_ptr<BIO, Freeing<BIO_free_all>>;
-using Key = std::unique_ptr<EVP_PKEY, Freeing<EVP_PKEY_free>>;
+using PrivateKey = std::unique_ptr<EVP_PKEY, Freeing<EVP_PKEY_free>>;
 using Certificate = std::unique_ptr<X509, Freeing<X509_free>>;
 using Extension = std::unique_ptr<X509_EXTENSION, Freeing<X509_EXTENSION_free>>;
 
@@ -79,7 +79,7 @@ Certificate makeSelfSigned(EVP_PKEY* key, const std::string& host) {
 }
 
 Result<void> make(const std::string& certificatePath, const std::string& keyPath, const std::string& host) {
-  Key key(EVP_EC_gen("P-256"));
+  PrivateKey key(EVP_EC_gen("P-256"));
   Certificate certificate = key ? makeSelfSigned(key.get(), host) : nullptr;
   Bio keyText(BIO_new(BIO_s_mem())), certificateText(BIO_new(BIO_s_mem()));
   if (!certificate || PEM_write_bio_PrivateKey(keyText.get(), key.get(), nullptr, nullptr, 0, nullptr, nullptr) != 1 ||
@@ -102,13 +102,14 @@ Result<ServerCertificate> ServerCertificate::load(const std::string& certificate
   if (!leaf) return failure("The file " + certificatePath + " holds no certificate in PEM form.");
   // A daemon has nobody to ask for a passphrase.
   auto noPassphrase = [](char*, int, int, void*) { return -1; };
-  Key key(PEM_read_bio_PrivateKey(keyFile.get(), nullptr, noPassphrase, nullptr));
+  PrivateKey key(PEM_read_bio_PrivateKey(keyFile.get(), nullptr, noPassphrase, nullptr));
   if (!key) return failure("The file " + keyPath + " holds no private key in PEM form without a passphrase.");
   if (X509_check_private_key(leaf.get(), key.get()) != 1) {
     return failure("The key in " + keyPath + " does not belong to the certificate in " + certificatePath + ".");
   }
   Bio der(BIO_new(BIO_s_mem()));
-  if (i2d_X509_bio(der.get(), leaf.get()) != 1) return failure("The certificate in " + certificatePath + " is damaged.");
+  if (i2d_X509_bio(der.get(), leaf.get()) != 1)
+    return failure("The certificate in " + certificatePath + " is damaged.");
   return ServerCertificate{certificatePath, keyPath, contents(der.get())};
 }
 

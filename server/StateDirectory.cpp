@@ -16,10 +16,11 @@ Error serverError(ServerErrorCode code, const std::string& sentence) {
 Result<StateDirectory> StateDirectory::open(const std::string& path) {
   if (auto made = createDirectories(path, 0700); !made) return Failure(made.error());
   FileDescriptor folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  struct stat info {};
+  struct stat info{};
   if (!folder.valid() || fstat(folder.get(), &info) != 0) return Failure(Error::fileRead(errno, path));
   if (info.st_uid != geteuid()) {
-    return Failure(serverError(ServerErrorCode::InvalidArgument, "The state folder " + path + " belongs to another user."));
+    return Failure(
+        serverError(ServerErrorCode::InvalidArgument, "The state folder " + path + " belongs to another user."));
   }
   if ((info.st_mode & 077) != 0 && fchmod(folder.get(), 0700) != 0) return Failure(Error::fileWrite(errno, path));
   return StateDirectory(path);

@@ -28,7 +28,15 @@ class StateDirectory {
 
 // Why a server cannot start or an administrative request is refused, in a sentence for the person who asked.
 inline constexpr char ServerErrorDomain[] = "ServerErrorDomain";
-enum class ServerErrorCode { InvalidArgument = 1, InUse = 2, AlreadyExists = 3, NotFound = 4, Certificate = 5, Network = 6, Database = 7 };
+enum class ServerErrorCode {
+  InvalidArgument = 1,
+  InUse = 2,
+  AlreadyExists = 3,
+  NotFound = 4,
+  Certificate = 5,
+  Network = 6,
+  Database = 7
+};
 Error serverError(ServerErrorCode code, const std::string& sentence);
 
 }  // namespace florvane

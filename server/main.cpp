@@ -212,7 +212,8 @@ int run(int count, char** texts) {
     });
   }
   if (*remove) {
-    return administer(arguments, [&](Administration& administration) { return administration.removeUser(arguments.user); });
+    return administer(arguments,
+                      [&](Administration& administration) { return administration.removeUser(arguments.user); });
   }
   if (*list) {
     auto administration = Administration::open(arguments.server.stateDirectory, Clock::system());
