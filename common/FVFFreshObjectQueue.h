@@ -115,6 +115,13 @@ class FVFFreshObjectQueue {
     }
   }
 
+  // That of the oldest entry; absent when there is none.
+  std::optional<Identifier> firstIdentifier() const {
+    std::lock_guard lock(state_->mutex);
+    if (state_->entries.empty()) return std::nullopt;
+    return state_->entries.begin()->first;
+  }
+
   // How many are not expired.
   std::size_t count() const {
     Dropped dropped;

@@ -59,6 +59,7 @@ std::optional<Data> encode(const Notification& notification) {
 }
 
 std::optional<Notification> decode(const Data& bytes) {
+  if (bytes.size() > NotificationSocket::kLargestMessage) return std::nullopt;  // cut off by the read
   // A datagram may share values so that a few bytes stand for very many.
   auto list = readPropertyList(bytes, {.depth = 128, .values = NotificationSocket::kLargestMessage});
   if (!list) return std::nullopt;

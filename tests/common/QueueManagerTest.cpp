@@ -53,6 +53,7 @@ TEST(DispatchQueue, CompletesItsWorkWhenDroppedAndTellsItsLabel) {
 }
 
 TEST(DispatchQueue, ReportsCodeThatRunsElsewhere) {
+  reported.clear();
   auto queue = FVFDispatchQueue::queueWithLabel("here");
   setSoftAssertionHandler([](std::string_view, unsigned, std::string_view condition) { reported = condition; });
   queue->dispatchSynchronousBlock([&] { EXPECT_TRUE(queue->checkIsCurrent("source", 1)); });
