@@ -21,6 +21,7 @@ class ByteBlock : public RefCounted {
   const std::uint8_t* bytes() const noexcept { return reinterpret_cast<const std::uint8_t*>(this + 1); }
 
  private:
+  friend class DataBuilder;
   explicit ByteBlock(std::uint32_t size) : size_(size) {}
   std::uint32_t size_;
 };
@@ -55,6 +56,29 @@ class Data {
  private:
   friend class Value;
   Ref<ByteBlock> block_;
+};
+
+// Bytes being put together in place, so that the finished Data needs no copy. More than 4 GiB throw std::bad_alloc.
+class DataBuilder {
+ public:
+  DataBuilder() = default;
+  ~DataBuilder();
+  DataBuilder(const DataBuilder&) = delete;
+  DataBuilder& operator=(const DataBuilder&) = delete;
+
+  std::size_t size() const noexcept { return size_; }
+  void reserve(std::size_t capacity);
+  // Room for that many more bytes, for the caller to fill; valid until the next change.
+  std::uint8_t* extend(std::size_t count);
+  void append(std::string_view bytes);
+  void append(std::uint8_t byte) { *extend(1) = byte; }
+  // Takes the bytes out; the builder is empty again.
+  Data finish();
+
+ private:
+  void* memory_ = nullptr;  // room for a ByteBlock, then the bytes
+  std::size_t size_ = 0;
+  std::size_t capacity_ = 0;
 };
 
 struct DataHash {

@@ -1,5 +1,6 @@
 #include "platform/Encoding.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 
@@ -16,6 +17,9 @@ int hexDigit(char character) {
   if (character >= 'A' && character <= 'F') return character - 'A' + 10;
   return -1;
 }
+
+// Groups of three bytes or four digits handed to OpenSSL at once: it counts in int.
+constexpr std::size_t kBase64Piece = std::size_t{1} << 24;
 
 bool isBase64Character(char character) {
   return (character >= 'A' && character <= 'Z') || (character >= 'a' && character <= 'z') ||
@@ -49,8 +53,11 @@ std::optional<Data> hexDecode(std::string_view text) {
 
 std::string base64Encode(const Data& data) {
   std::string text((data.size() + 2) / 3 * 4, '\0');
-  // OpenSSL ends the text with a zero byte, which lands on the string's own.
-  EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()), data.bytes(), static_cast<int>(data.size()));
+  for (std::size_t at = 0; at < data.size(); at += kBase64Piece * 3) {
+    // OpenSSL ends each piece with a zero byte, which the next piece covers; the last lands on the string's own.
+    EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()) + at / 3 * 4, data.bytes() + at,
+                    static_cast<int>(std::min(data.size() - at, kBase64Piece * 3)));
+  }
   return text;
 }
 
@@ -62,10 +69,12 @@ std::optional<Data> base64Decode(std::string_view text) {
     if (!isBase64Character(character)) return std::nullopt;
   }
   std::vector<std::uint8_t> bytes(text.size() / 4 * 3);
-  int length =
-      EVP_DecodeBlock(bytes.data(), reinterpret_cast<const unsigned char*>(text.data()), static_cast<int>(text.size()));
-  if (length < 0) return std::nullopt;
-  return Data(bytes.data(), static_cast<std::size_t>(length) - padding);
+  for (std::size_t at = 0; at < text.size(); at += kBase64Piece * 4) {
+    int length = EVP_DecodeBlock(bytes.data() + at / 4 * 3, reinterpret_cast<const unsigned char*>(text.data()) + at,
+                                 static_cast<int>(std::min(text.size() - at, kBase64Piece * 4)));
+    if (length < 0) return std::nullopt;
+  }
+  return Data(bytes.data(), bytes.size() - padding);
 }
 
 bool isValidUTF8(std::string_view text) {
@@ -86,6 +95,35 @@ bool isValidUTF8(std::string_view text) {
     }
   }
   return true;
+}
+
+void appendUTF8(std::string& text, char32_t point) {
+  if (point < 0x80) {
+    text += static_cast<char>(point);
+    return;
+  }
+  int more = point < 0x800 ? 1 : point < 0x10000 ? 2 : 3;
+  unsigned lead = more == 1 ? 0xc0 : more == 2 ? 0xe0 : 0xf0;
+  text += static_cast<char>(lead | point >> (6 * more));
+  while (more-- > 0) text += static_cast<char>(0x80 | (point >> (6 * more) & 0x3f));
+}
+
+std::u16string utf16FromUTF8(std::string_view text) {
+  std::u16string units;
+  units.reserve(text.size());
+  for (std::size_t i = 0; i < text.size();) {
+    auto lead = static_cast<unsigned char>(text[i++]);
+    int more = lead < 0x80 ? 0 : lead < 0xe0 ? 1 : lead < 0xf0 ? 2 : 3;
+    char32_t point = more == 0 ? lead : lead & (0x3fU >> more);
+    for (; more > 0 && i < text.size(); --more) point = point << 6 | (static_cast<unsigned char>(text[i++]) & 0x3f);
+    if (point < 0x10000) {
+      units += static_cast<char16_t>(point);
+    } else {
+      units += static_cast<char16_t>(0xd7c0 + (point >> 10));
+      units += static_cast<char16_t>(0xdc00 + (point & 0x3ff));
+    }
+  }
+  return units;
 }
 
 std::string makeUUID() {

@@ -17,6 +17,10 @@ std::string base64Encode(const Data& data);
 // Strict: absent when a character is not of the alphabet, the length is no multiple of four or the padding is wrong.
 std::optional<Data> base64Decode(std::string_view text);
 bool isValidUTF8(std::string_view text);
+// One code point, which must be no surrogate and at most U+10FFFF.
+void appendUTF8(std::string& text, char32_t point);
+// Of valid UTF-8 only.
+std::u16string utf16FromUTF8(std::string_view text);
 // A random (version 4) UUID, upper-case: "8C3F0B1E-...".
 std::string makeUUID();
 // 36 characters of that form, in either case.

@@ -80,6 +80,13 @@ struct DictionaryBlock : RefCounted {
     auto found = index.find(key);
     return found == index.end() ? nullptr : &entries[found->second];
   }
+  const Dictionary::Entry* find(const Key& key) const noexcept {
+    if (!index.empty()) return find(key.text());
+    for (const auto& entry : entries) {
+      if (entry.key == key) return &entry;
+    }
+    return nullptr;
+  }
   void append(const Key& key, Value value) {
     entries.push_back({key, std::move(value)});
     if (!index.empty()) {
@@ -209,6 +216,19 @@ const Value* Value::arrayBegin() const noexcept {
 
 std::size_t Value::arraySize() const noexcept {
   return kind_ == Kind::Array && payload_.pointer ? arrayBlock()->values.size() : 0;
+}
+
+const DictionaryEntry* Value::dictionaryBegin() const noexcept {
+  return kind_ == Kind::Dictionary && payload_.pointer ? dictionaryBlock()->entries.data() : nullptr;
+}
+
+std::size_t Value::dictionarySize() const noexcept {
+  return kind_ == Kind::Dictionary && payload_.pointer ? dictionaryBlock()->entries.size() : 0;
+}
+
+std::string_view Value::dataBytes() const noexcept {
+  if (kind_ != Kind::Data || !payload_.pointer) return {};
+  return {reinterpret_cast<const char*>(byteBlock()->bytes()), byteBlock()->size()};
 }
 
 namespace {
@@ -391,7 +411,7 @@ void Dictionary::reserve(std::size_t count) { writable().entries.reserve(count);
 
 void Dictionary::set(const Key& key, Value value) {
   auto& block = writable();
-  if (const Entry* entry = block.find(key.text())) {
+  if (const Entry* entry = block.find(key)) {
     block.entries[static_cast<std::size_t>(entry - block.entries.data())].value = std::move(value);
   } else {
     block.append(key, std::move(value));

@@ -16,6 +16,7 @@ namespace florvane {
 
 class Array;
 class Dictionary;
+struct DictionaryEntry;
 struct ArrayBlock;
 struct DictionaryBlock;
 
@@ -67,6 +68,10 @@ class Value {
   // In place; null where the kind differs. For walks over large trees that must not touch reference counts.
   const Value* arrayBegin() const noexcept;
   std::size_t arraySize() const noexcept;
+  const DictionaryEntry* dictionaryBegin() const noexcept;
+  std::size_t dictionarySize() const noexcept;
+  // Empty where the kind is not data.
+  std::string_view dataBytes() const noexcept;
 
   // A rendering for messages: strings bare, data as "<0a1b>", dates as RFC 3339, collections in braces.
   std::string description() const;
@@ -140,14 +145,16 @@ class Key {
   Ref<Block> block_;
 };
 
+struct DictionaryEntry {
+  Key key;
+  Value value;
+};
+
 // Keys to values, copied on write; keeps the order in which keys were first set. Small ones are scanned, large ones
 // carry an index, so that neither costs the square of its size.
 class Dictionary {
  public:
-  struct Entry {
-    Key key;
-    Value value;
-  };
+  using Entry = DictionaryEntry;
 
   Dictionary() noexcept;
   Dictionary(std::initializer_list<Entry> entries);
