@@ -17,12 +17,14 @@ struct PropertyListLimits {
   std::size_t values = 20'000'000;  // values of the tree, counting a shared one each time it stands somewhere
 };
 
-// Reads either form, told apart by its first bytes. Dates keep their microseconds. Errors: QuilbarErrorDomain,
-// PropertyListReadCorruptError, with a sentence that says what is wrong. Thread-safe.
+// Reads either form, told apart by its first bytes. Dates keep their microseconds; of a key that a dictionary has
+// twice the last value counts. Errors: QuilbarErrorDomain, PropertyListReadCorruptError, with a sentence that says
+// what is wrong (also for unique identifiers, sets and integers beyond 64 bits, which no Value holds). Thread-safe.
 Result<Value> readPropertyList(const Data& bytes, const PropertyListLimits& limits = {});
-// Writes a tree without nulls. Equal values are written once in the binary form. Errors: QuilbarErrorDomain,
-// PropertyListWriteInvalidError (null inside, nested deeper than 128, text that is no UTF-8 or that the XML form
-// cannot hold). Thread-safe.
+// Writes a tree without nulls, dictionaries in their own order. Equal strings, data, dates and numbers are written once
+// in the binary form, whose dates are exact to the microsecond for the 272 years around 2001 and to the nearest double
+// beyond. Errors: QuilbarErrorDomain, PropertyListWriteInvalidError (null inside, beyond the limits above, over 4 GiB,
+// text that is no UTF-8 or that the XML form cannot hold). Thread-safe.
 Result<Data> writePropertyList(const Value& root, PropertyListFormat format);
 
 }  // namespace florvane
