@@ -13,6 +13,9 @@
 
 namespace florvane {
 
+// As field names compare: without regard to the case of ASCII letters.
+bool equalIgnoringCase(std::string_view a, std::string_view b);
+
 // Header fields in the order in which they were set; names compare without regard to case.
 class HTTPHeaders {
  public:

@@ -90,12 +90,14 @@ struct URLSessionConfiguration {
   // Overrides the request's timeoutInterval where it is set; zero means no limit.
   std::optional<Duration> timeoutIntervalForRequest;
   Duration timeoutIntervalForResource = std::chrono::hours(24 * 7);
-  std::size_t maximumHeaderBytes = 256 * 1024;            // beyond it the task ends with URLErrorCannotParseResponse
-  std::uint64_t maximumDataTaskBytes = 64 * 1024 * 1024;  // beyond it URLErrorDataLengthExceedsMaximum
+  std::size_t maximumHeaderBytes = std::size_t{256} * 1024;  // beyond it the task ends with URLErrorCannotParseResponse
+  std::uint64_t maximumDataTaskBytes = std::uint64_t{64} * 1024 * 1024;  // beyond it URLErrorDataLengthExceedsMaximum
   bool honoursEnvironmentProxies = false;
   // A long poll: a connection of its own beside the pool's 8 a server, kept alive and watched by TCP keep-alive and
   // TCP_USER_TIMEOUT instead of a silence limit.
   bool longPoll = false;
+  // Measures silence; the system's when null.
+  Clock* clock = nullptr;
 
   static URLSessionConfiguration defaultConfiguration() { return {}; }
   static URLSessionConfiguration ephemeralConfiguration() {
