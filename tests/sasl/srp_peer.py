@@ -217,9 +217,13 @@ class Peer:
     def open(self, data):
         return self.receiving.open(data)
 
-    def value(self, name):
-        value = getattr(self, name.decode())
-        return minimal(value) if isinstance(value, int) else value
+    def chosen_options(self, _):
+        return self.chosen
+
+    def layer(self, data):
+        """A layer of its own, without an exchange: key, IV for sending, IV for receiving."""
+        self.sending, self.receiving = Stream(data[:32], data[32:48]), Stream(data[:32], data[48:])
+        return b""
 
     def prime(self, bits):
         return minimal(rfc3526_prime(int(bits)))
