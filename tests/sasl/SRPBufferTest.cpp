@@ -30,8 +30,11 @@ struct Fields {
 };
 
 int readEveryField(std::span<const std::uint8_t> buffer, Fields& fields) {
-  return UnBuffer(buffer, everyField,
-                  {&fields.number, &fields.octets, &fields.text, &fields.word, &fields.longWord, &fields.byte});
+  testing::internal::CaptureStderr();
+  int result = UnBuffer(buffer, everyField,
+                        {&fields.number, &fields.octets, &fields.text, &fields.word, &fields.longWord, &fields.byte});
+  EXPECT_EQ(testing::internal::GetCapturedStderr().empty(), result == SRPDone);
+  return result;
 }
 
 // The result of reading, and what it said on standard error.

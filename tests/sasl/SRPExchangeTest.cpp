@@ -1,8 +1,5 @@
 #include "platform/Encoding.h"
-#include "platform/Exceptions.h"
-#include "platform/PropertyList.h"
 #include "sasl/SRPClientMechanism.h"
-#include "sasl/SRPServerMechanism.h"
 #include "tests/sasl/SRPPeer.h"
 
 #include <gtest/gtest.h>
@@ -14,8 +11,6 @@ using test::SRPPeer;
 
 constexpr char user[] = "j\xc3\xb6rg";
 constexpr char password[] = "p\xc3\xa4ss:word";
-
-std::string textOf(std::span<const std::uint8_t> bytes) { return {bytes.begin(), bytes.end()}; }
 
 SRPContextPtr newClient(const std::string& withPassword = password) {
   SRPContextPtr context;
@@ -32,12 +27,6 @@ Step clientStep(SRPContextPtr& context, std::string_view input) {
   Data output;
   int result = srp_nsdata_client_step(context.get(), Data::fromString(input), &output);
   return {result, std::string(output.view())};
-}
-
-Step serverStep(SRPContextPtr& context, std::string_view input) {
-  std::span<const std::uint8_t> output;
-  int result = srp_server_mech_step(context.get(), Data::fromString(input).span(), &output);
-  return {result, textOf(output)};
 }
 
 // The client against the independent server, which may be told to misbehave.

@@ -29,9 +29,9 @@ struct Step {
 class SRPServer : public testing::Test {
  protected:
   SRPServer() {
-    settings.verifierRecord = [this](std::string_view name) -> Result<std::optional<Data>> {
+    settings.verifierRecord = [](std::string_view name) -> Result<std::optional<Data>> {
       if (name == "broken") return Failure(Error::posix(EIO));
-      return name == user ? std::optional(record) : std::nullopt;
+      return name == user ? std::optional(record()) : std::nullopt;
     };
     settings.unknownUserSecret = Secret("a secret of the deployment");
     settings.group = "rfc5054_1024";
@@ -46,7 +46,7 @@ class SRPServer : public testing::Test {
     testing::internal::CaptureStderr();
     int result = srp_server_mech_step(context.get(), Data::fromString(input).span(), &output);
     diagnostics = testing::internal::GetCapturedStderr();
-    if (result < 0) EXPECT_TRUE(output.empty());
+    EXPECT_TRUE(result >= 0 || output.empty());
     return {result, std::string(output.begin(), output.end())};
   }
 
@@ -60,14 +60,16 @@ class SRPServer : public testing::Test {
 
   std::string detail() const { return srp_errdetail(context.get()); }
 
-  static const Data record;
+  static const Data& record() {
+    static const Data made = *srp_make_verifier_record(Secret(password), SRPMinimumIterations, "rfc5054_1024");
+    return made;
+  }
+
   SRPPeer peer;
   SRPServerSettings settings;
   SRPContextPtr context;
   std::string diagnostics;
 };
-
-const Data SRPServer::record = *srp_make_verifier_record(Secret(password), SRPMinimumIterations, "rfc5054_1024");
 
 TEST_F(SRPServer, SignsInAndSealsTheLastMessage) {
   Step last = exchange();

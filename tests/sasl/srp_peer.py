@@ -164,7 +164,7 @@ class Peer:
         self.N, self.g = number(self.set["N"]), number(self.set["g"])
         self.iterations = number(self.choose("iterations", b"\1"))
         self.salt = self.choose("salt", self.salt)
-        self.v = pow(self.g, self.x(), self.N) if self.iterations < 10000 else 1
+        self.v = pow(self.g, self.x(), self.N) if 0 < self.iterations < 10000 else 1
         self.B = (self.k() * self.v + pow(self.g, self.secret, self.N)) % self.N
         return pack([("c", 0), ("m", self.set["N"]), ("m", self.set["g"]), ("o", self.salt),
                      ("m", self.choose("B", minimal(self.B))), ("q", self.iterations),
