@@ -2,6 +2,7 @@
 
 #include "platform/Container.h"
 #include "platform/Encoding.h"
+#include "platform/Format.h"
 #include "platform/PreferencesStore.h"
 #include "platform/PropertyListFile.h"
 
@@ -66,12 +67,11 @@ Dictionary dictionaryFromAccount(const Account& account) {
 Result<Account> accountFromEntry(const Dictionary::Entry& entry) {
   auto damaged = [&](const char* key) {
     return Failure(Error(QuilbarErrorDomain, PropertyListReadCorruptError,
-                         std::string(kAccountsFile) + ": account \"" + std::string(entry.key.text()) + "\" is damaged" +
-                             (*key ? " at \"" + std::string(key) + "\"." : ".")));
+                         format("%s: account \"%s\" is damaged at \"%s\".", kAccountsFile, entry.key.text(), key)));
   };
   // The identifier becomes a part of paths.
   auto record = entry.value.asDictionary();
-  if (!record || !isUUID(entry.key.text())) return damaged("");
+  if (!record || !isUUID(entry.key.text())) return damaged("identifier");
   Account account;
   account.identifier = entry.key.text();
   auto name = record->string(kNameKey), userName = record->string(kUserNameKey);

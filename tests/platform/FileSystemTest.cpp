@@ -127,7 +127,7 @@ TEST_F(FileSystemTest, RemovingATreeNeverLeavesIt) {
 
 TEST_F(FileSystemTest, RemovesTreesDeeperThanPathsAndDescriptorsReach) {
   FileDescriptor at(open(directory.path().c_str(), O_RDONLY | O_DIRECTORY));
-  for (int level = 0; level < 5000; ++level) {
+  for (int level = 0; level < 2000; ++level) {
     ASSERT_EQ(mkdirat(at.get(), "level", 0700), 0);
     FileDescriptor file(openat(at.get(), "file", O_CREAT | O_WRONLY, 0600));
     at = FileDescriptor(openat(at.get(), "level", O_RDONLY | O_DIRECTORY));
