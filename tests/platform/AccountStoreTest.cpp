@@ -30,6 +30,7 @@ struct AccountStoreTest : testing::Test {
   std::vector<std::string> names() const {
     std::vector<std::string> result;
     auto accounts = AccountStore(directory.path()).accounts().value();
+    result.reserve(accounts.size());
     for (const auto& account : accounts) result.push_back(account.name);
     return result;
   }

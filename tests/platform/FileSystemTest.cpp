@@ -140,7 +140,7 @@ TEST_F(FileSystemTest, RemovesTreesDeeperThanPathsAndDescriptorsReach) {
 
 TEST_F(FileSystemTest, LocksExcludeThreadsOfOneProcess) {
   std::string path = directory.file("lock");
-  int inside = 0;  // not atomic on purpose: the lock is what keeps it whole
+  std::atomic<int> inside = 0;  // read and written in two steps: the lock is what keeps them together
   std::vector<std::thread> threads;
   threads.reserve(4);
   for (int i = 0; i < 4; ++i) {
@@ -148,7 +148,7 @@ TEST_F(FileSystemTest, LocksExcludeThreadsOfOneProcess) {
       for (int round = 0; round < 200; ++round) {
         auto lock = FileLock::acquire(path, true);
         ASSERT_TRUE(lock);
-        ++inside;
+        inside.store(inside.load() + 1);
       }
     });
   }
