@@ -1,0 +1,149 @@
+#include "server/DirectoryCatalog.h"
+
+#include <algorithm>
+#include <utility>
+
+#include <fcntl.h>
+
+namespace florvane {
+
+namespace {
+
+// No path is deeper; a longer chain of records is a ring, left by moves that were seen in the wrong order.
+constexpr int kMaximumDepth = 256;
+// Entries held in memory, at about 400 bytes each with their share of a body.
+constexpr std::size_t kEntriesBudget = 1'000'000;
+
+tl::unexpected<StoreError> notFound() {
+  return tl::unexpected(StoreError{StoreStatus::NotFound, "The item is not on the server any more."});
+}
+
+}  // namespace
+
+DirectoryCatalog::DirectoryCatalog(StoreIndex& index, std::vector<ServedShare> shares, KnownDirectory::Touched touched,
+                                   Changed changed)
+    : index_(index), shares_(std::move(shares)), touched_(std::move(touched)), changed_(std::move(changed)) {}
+
+StoreResult<DirectoryCatalog::Place> DirectoryCatalog::place(const DocumentIdentifier& document) const {
+  Place place;
+  std::vector<std::string> names;
+  DocumentIdentifier current = document;
+  for (int depth = 0; depth < kMaximumDepth; ++depth) {
+    const auto share = std::find_if(shares_.begin(), shares_.end(),
+                                    [&](const ServedShare& candidate) { return candidate.identifier == current; });
+    if (share != shares_.end()) {
+      place.share = &*share;
+      for (auto name = names.rbegin(); name != names.rend(); ++name) {
+        if (!place.path.empty()) place.path += '/';
+        place.path += *name;
+      }
+      return place;
+    }
+    auto record = index_.find(current);
+    if (!record) return tl::unexpected(record.error());
+    if (!*record || (*record)->parent == DocumentIdentifier{}) return notFound();
+    names.push_back((*record)->name);
+    current = (*record)->parent;
+    if (depth == 0) place.record = *std::move(*record);
+  }
+  return notFound();
+}
+
+StoreResult<LocatedDocument> DirectoryCatalog::locate(const DocumentIdentifier& document) {
+  // The second look comes after the folders above were read again, which finds what was renamed or replaced.
+  for (bool again : {false, true}) {
+    auto place = this->place(document);
+    if (!place) return tl::unexpected(place.error());
+    const bool isShare = place->path.empty();
+    StoreError failure{StoreStatus::NotFound, "The item is not on the server any more."};
+    if (auto opened = place->share->folder->open(place->path, O_PATH)) {
+      auto stamp = place->share->folder->stamp(opened->get());
+      if (!stamp) return tl::unexpected(stamp.error());
+      if (isShare) {
+        place->record = {document,
+                         index_.root(),
+                         place->share->configuration().name,
+                         place->share->number,
+                         stamp->identity,
+                         stamp->identity.birth,
+                         {},
+                         false};
+      }
+      if (stamp->identity == place->record.identity) {
+        return LocatedDocument{place->share, std::move(place->record), *std::move(opened), *stamp};
+      }
+    } else if (opened.error().status != StoreStatus::NotFound) {
+      return tl::unexpected(opened.error());
+    }
+    if (again || isShare) return tl::unexpected(failure);
+    refresh(place->record.parent);
+  }
+  return notFound();
+}
+
+StoreResult<std::shared_ptr<KnownDirectory>> DirectoryCatalog::known(const LocatedDocument& located) {
+  if (!located.stamp.identity.directory) {
+    return tl::unexpected(StoreError{StoreStatus::NotFound, "“" + located.record.name + "” is not a folder."});
+  }
+  std::vector<std::shared_ptr<KnownDirectory>> evicted;  // go after the lock does
+  const std::lock_guard lock(mutex_);
+  const DocumentIdentifier& identifier = located.record.identifier;
+  const auto found = known_.find(identifier);
+  if (found != known_.end()) {
+    uses_.splice(uses_.begin(), uses_, found->second.use);
+    return found->second.directory;
+  }
+  auto directory = std::make_shared<KnownDirectory>(identifier, *located.share, touched_);
+  uses_.push_front(identifier);
+  known_.emplace(identifier, Kept{directory, uses_.begin()});
+  evictBeyondBudget(evicted);
+  return directory;
+}
+
+void DirectoryCatalog::evictBeyondBudget(std::vector<std::shared_ptr<KnownDirectory>>& evicted) {
+  for (auto use = uses_.end(); held_ > kEntriesBudget && use != uses_.begin();) {
+    --use;
+    const auto found = known_.find(*use);
+    // Whoever holds a reference is using it.
+    if (found->second.directory->isAttended() || found->second.directory.use_count() > 1) continue;
+    held_ -= found->second.directory->weight;
+    evicted.push_back(std::move(found->second.directory));
+    known_.erase(found);
+    use = uses_.erase(use);
+  }
+}
+
+StoreResult<Attention> DirectoryCatalog::attend(const DocumentIdentifier& document) {
+  auto located = locate(document);
+  if (!located) return tl::unexpected(located.error());
+  const DocumentIdentifier directory =
+      located->stamp.identity.directory ? located->record.identifier : located->record.parent;
+  if (directory != located->record.identifier) {
+    located = locate(directory);
+    if (!located) return tl::unexpected(located.error());
+  }
+  auto known = this->known(*located);
+  if (!known) return tl::unexpected(known.error());
+  // Attention first: what changes during the look is then reported.
+  Attention attention{(*known)->attend(), true};
+  refresh(directory);
+  attention.announced = (*known)->announced;
+  return attention;
+}
+
+void DirectoryCatalog::refresh(const DocumentIdentifier& directory) {
+  const auto result = in(directory, [](KnownDirectory&, const LocatedDocument&) -> StoreResult<void> { return {}; });
+  // A directory that is gone is a change of its own; other failures show when someone asks for it.
+  if (!result && result.error().status == StoreStatus::NotFound) changed_({directory});
+}
+
+std::vector<DocumentIdentifier> DirectoryCatalog::unannounced() {
+  const std::lock_guard lock(mutex_);
+  std::vector<DocumentIdentifier> found;
+  for (const auto& [identifier, kept] : known_) {
+    if (kept.directory->isAttended() && !kept.directory->announced) found.push_back(identifier);
+  }
+  return found;
+}
+
+}  // namespace florvane
