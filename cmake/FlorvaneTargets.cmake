@@ -23,8 +23,9 @@ target_compile_options(florvane_settings INTERFACE -Wall -Wextra -Wpedantic -Wsh
 if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
   target_compile_options(florvane_settings INTERFACE -Wthread-safety)
 else()
-  # GCC 12 reports inlined standard library code of its own under these three.
-  target_compile_options(florvane_settings INTERFACE -Wno-maybe-uninitialized -Wno-restrict -Wno-stringop-overflow)
+  # GCC 12 reports inlined standard library code of its own under these four.
+  target_compile_options(florvane_settings INTERFACE -Wno-array-bounds -Wno-maybe-uninitialized -Wno-restrict
+                         -Wno-stringop-overflow)
   target_compile_options(florvane_settings INTERFACE -fpch-preprocess)
 endif()
 target_link_libraries(florvane_settings INTERFACE Threads::Threads)
