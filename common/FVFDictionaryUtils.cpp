@@ -1,5 +1,7 @@
 #include "common/FVFDictionaryUtils.h"
 
+#include <span>
+
 namespace florvane {
 
 namespace {
@@ -47,7 +49,7 @@ bool FVFDictionaryUtils::applyDictionaryDifferences(const Dictionary& difference
   Dictionary result = toDictionary;
   if (const Value* removed = differences.find(DUDictionaryDifferenceRemovedKeys)) {
     if (removed->kind() != Value::Kind::Array) return false;
-    for (const Value& key : *removed->asArray()) {
+    for (const Value& key : std::span(removed->arrayBegin(), removed->arraySize())) {
       if (!key.asString()) return false;
       result.remove(*key.asString());
     }

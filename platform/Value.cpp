@@ -3,6 +3,7 @@
 #include <array>
 #include <cstdio>
 #include <mutex>
+#include <span>
 #include <unordered_map>
 #include <vector>
 
@@ -266,12 +267,13 @@ std::string Value::description() const {
       return asDate()->description();
     case Kind::Array: {
       std::string text = "(";
-      for (const auto& value : *asArray()) text += (text.size() > 1 ? ", " : "") + value.description();
+      for (const auto& value : std::span(arrayBegin(), arraySize()))
+        text += (text.size() > 1 ? ", " : "") + value.description();
       return text + ")";
     }
     case Kind::Dictionary: {
       std::string text = "{";
-      for (const auto& [key, value] : *asDictionary()) {
+      for (const auto& [key, value] : std::span(dictionaryBegin(), dictionarySize())) {
         text += (text.size() > 1 ? ", " : "") + std::string(key.text()) + " = " + value.description();
       }
       return text + "}";
