@@ -73,8 +73,6 @@ bool installPeerTrustJudge(SSL_CTX* context, std::string host, HTTPPeerTrustJudg
   SSL_CTX_set_cert_verify_callback(context, verify, nullptr);
   SSL_CTX_set_session_cache_mode(context, SSL_SESS_CACHE_OFF);
   SSL_CTX_set_options(context, SSL_OP_NO_TICKET | SSL_OP_NO_RENEGOTIATION);
-  // A body that ends without a length must end by the peer's word, not because somebody cut the line.
-  SSL_CTX_clear_options(context, SSL_OP_IGNORE_UNEXPECTED_EOF);
   return true;
 }
 

@@ -60,7 +60,10 @@ void HTTPTransfer::didEnd(CURLcode result) {
   } else if (result != CURLE_OK) {
     end(makeTransferError(result, url, detail_.data(), headReceived_));
   } else if (!headReceived_) {
-    end(makeURLError(URLErrorCannotParseResponse, url, "The server's answer has no head."));
+    // curl takes a head that ends with the connection for a whole one.
+    end(makeURLError(URLErrorNetworkConnectionLost, url, "The connection was lost in the answer's head."));
+  } else if (endsWithConnection_ && url.scheme() == "https" && !endAnnounced_) {
+    end(makeURLError(URLErrorNetworkConnectionLost, url, "The connection was cut in the answer's body."));
   } else {
     curl_off_t sent = 0;
     if (body_ && curl_easy_getinfo(easy_, CURLINFO_SIZE_UPLOAD_T, &sent) == CURLE_OK) noteProgress(received_, sent);
@@ -86,6 +89,13 @@ bool HTTPTransfer::mayBeRepeated() const {
   return request_.request.method == "GET" || request_.request.method == "HEAD";
 }
 
+// Of the running transfer; null without TLS.
+const SSL* HTTPTransfer::connection() const {
+  const curl_tlssessioninfo* session = nullptr;
+  if (request_.request.url.scheme() == "https") curl_easy_getinfo(easy_, CURLINFO_TLS_SSL_PTR, &session);
+  return session ? static_cast<const SSL*>(session->internals) : nullptr;
+}
+
 int HTTPTransfer::willSend() {
   noteActivity();
   const URL& url = request_.request.url;
@@ -97,9 +107,7 @@ int HTTPTransfer::willSend() {
   }
   std::shared_ptr<const ServerTrust> trust;
   if (url.scheme() == "https") {
-    const curl_tlssessioninfo* session = nullptr;
-    curl_easy_getinfo(easy_, CURLINFO_TLS_SSL_PTR, &session);
-    if (session) trust = peerTrustOfConnection(static_cast<const SSL*>(session->internals));
+    trust = peerTrustOfConnection(connection());
     if (!trust) {
       fail(makeURLError(URLErrorSecureConnectionFailed, url, "The connection's certificates are not known."));
       return CURL_PREREQFUNC_ABORT;
@@ -144,6 +152,8 @@ bool HTTPTransfer::finishHead() {
     auto [end, failure] = std::from_chars(text->data(), text->data() + text->size(), number);
     if (failure == std::errc() && number >= 0) length = number;
   }
+  bool hasBody = request_.request.method != "HEAD" && status != 204 && status != 304;
+  endsWithConnection_ = hasBody && length < 0 && !headers_.value("Transfer-Encoding");
   auto error = client_->transferDidReceiveHead(status, std::move(headers_), length);
   return !error || fail(*error);
 }
@@ -184,6 +194,10 @@ std::size_t HTTPTransfer::provideBody(std::span<char> buffer) {
 }
 
 void HTTPTransfer::noteProgress(curl_off_t received, curl_off_t sent) {
+  if (endsWithConnection_) {
+    const SSL* tls = connection();
+    if (tls) endAnnounced_ = (SSL_get_shutdown(tls) & SSL_RECEIVED_SHUTDOWN) != 0;
+  }
   if (received == received_ && sent == sentBytes_) return;
   noteActivity();
   received_ = received;

@@ -15,6 +15,7 @@
 #include <variant>
 
 #include <curl/curl.h>
+#include <openssl/ssl.h>
 
 namespace florvane {
 
@@ -77,6 +78,7 @@ class HTTPTransfer : public std::enable_shared_from_this<HTTPTransfer> {
   bool mayBeRepeated() const;
 
   CURLcode prepareTLS(void* context);
+  const SSL* connection() const;
   int willSend();
   std::size_t receiveHeader(std::string_view line);
   bool finishHead();
@@ -107,6 +109,8 @@ class HTTPTransfer : public std::enable_shared_from_this<HTTPTransfer> {
   HTTPHeaders headers_;
   std::size_t headerBytes_ = 0;
   bool headReceived_ = false;
+  bool endsWithConnection_ = false;  // nothing but the connection's end ends the body
+  bool endAnnounced_ = false;        // and TLS said that this was its end
 
   bool paused_ = false;
   std::unique_ptr<Timer> timer_;

@@ -4,6 +4,7 @@
 #include <array>
 #include <cctype>
 #include <cerrno>
+#include <csignal>
 #include <stdexcept>
 #include <system_error>
 
@@ -108,6 +109,19 @@ bool ScriptedServer::Connection::send(const std::string& bytes) {
   return true;
 }
 
+std::size_t ScriptedServer::Connection::sendUntilStalled(const std::string& bytes) {
+  timeval patience = {.tv_sec = 0, .tv_usec = 200'000};
+  setsockopt(state_->socket, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
+  std::size_t sent = 0;
+  for (ssize_t count = 0; sent < bytes.size(); sent += static_cast<std::size_t>(count)) {
+    count = ::send(state_->socket, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+    if (count <= 0) break;
+  }
+  patience.tv_usec = 0;
+  setsockopt(state_->socket, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
+  return sent;
+}
+
 bool ScriptedServer::Connection::respond(const std::string& body, const std::string& moreFields) {
   return send(okAnswer(body, moreFields));
 }
@@ -127,6 +141,7 @@ void ScriptedServer::Connection::cut(bool reset) {
 
 ScriptedServer::ScriptedServer(Script script, std::optional<Certificate> certificate, bool ipv6)
     : script_(std::move(script)), ipv6_(ipv6) {
+  signal(SIGPIPE, SIG_IGN);  // a client that has gone must not end the test
   if (certificate) {
     tls_.reset(SSL_CTX_new(TLS_server_method()), &SSL_CTX_free);
     SSL_CTX_use_certificate(tls_.get(), certificate->certificate.get());

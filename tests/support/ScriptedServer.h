@@ -47,6 +47,8 @@ class ScriptedServer {
     void readBody(Request& request);
     // False when the peer is gone.
     bool send(const std::string& bytes);
+    // Sends until the peer takes nothing any more for a fifth of a second; how much it took. Without TLS.
+    std::size_t sendUntilStalled(const std::string& bytes);
     // Status 200 and that body; more fields end in "\r\n" each.
     bool respond(const std::string& body, const std::string& moreFields = {});
     // Ends the connection as a process does that is killed: no close of TLS, and with a reset on request.
