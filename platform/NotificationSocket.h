@@ -16,7 +16,7 @@ namespace florvane {
 // belong to one thread.
 class NotificationSocket {
  public:
-  static constexpr std::size_t kLargestMessage = 64 * 1024;
+  static constexpr std::size_t kLargestMessage = 65'536;
 
   // Makes the folder when missing (0700) and removes sockets that nobody listens on any more. Errors: POSIXErrorDomain.
   static Result<std::unique_ptr<NotificationSocket>> bind(const std::string& folder);

@@ -182,7 +182,7 @@ for message in [b"garbage", plistlib.dumps([1], fmt=plistlib.FMT_BINARY), plistl
   ASSERT_EQ(result.exitStatus, 0) << result.standardError;
   auto peerObservation = observe(peer, "name", local);
   peer.post("name", "null", {{"null", Value()}});
-  peer.post("name", "large", {{"large", Data::fromString(std::string(64 * 1024, 'x'))}});
+  peer.post("name", "large", {{"large", Data::fromString(std::string(65'536, 'x'))}});
   peer.post("name", "largest", {{"large", Data::fromString(std::string(65'000, 'x'))}});
   auto list = received.waitFor(1);
   EXPECT_EQ(list.size(), 1U);

@@ -12,7 +12,6 @@
 
 #include <unistd.h>
 
-using florvane::Dictionary;
 using florvane::Notification;
 using florvane::NotificationCenter;
 using florvane::Value;
