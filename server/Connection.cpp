@@ -127,8 +127,8 @@ void Connection::close() {
 Connection::Awaitable<> Connection::serve() {
   allow(kHandshakeTime);
   co_await stream_.async_handshake(net::ssl::stream_base::server, net::use_awaitable);
-  while (co_await serveRequest() == Persistence::Keep) {
-  }
+  // Not awaited in a loop's condition: GCC 12 lays that coroutine's frame out wrongly.
+  for (auto persistence = Persistence::Keep; persistence == Persistence::Keep;) persistence = co_await serveRequest();
   allow(kClosingTime);
   co_await stream_.async_shutdown(net::use_awaitable);
 }
@@ -143,8 +143,8 @@ Connection::Awaitable<Connection::Persistence> Connection::serveRequest() {
       parser.isDone() || (!head.expectsContinue && head.contentLength.value_or(kMaximumDiscarded) < kPieceSize);
   bool keepAlive = head.keepAlive && isShort;
   co_await send(response, keepAlive);
-  bool isComplete = co_await discardBody(parser);
-  co_return keepAlive&& isComplete ? Persistence::Keep : Persistence::Close;
+  if (!co_await discardBody(parser)) keepAlive = false;
+  co_return keepAlive ? Persistence::Keep : Persistence::Close;
 }
 
 Connection::Awaitable<bool> Connection::readHead(RequestParser& parser) {

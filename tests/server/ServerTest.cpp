@@ -161,16 +161,18 @@ TEST(Server, RefusalsArriveThroughLargeBodies) {
   HTTPClient client(server);
   std::string library = client.share("Library").identifier, files = client.share("Files").identifier;
   struct Case {
-    std::string cookie, target, framing, statusLine;
+    std::string cookie, target, framing;
+    int mebibytes;
+    std::string statusLine;
   };
   for (const Case& each :
-       {Case{client.cookie(), writeTarget(library, "new"), "length", "HTTP/1.1 403 Forbidden\n"},
-        Case{client.cookie(), writeTarget(files, "new"), "length", "HTTP/1.1 413 Content Too Large\n"},
-        Case{client.cookie(), writeTarget(files, "new"), "chunked", "HTTP/1.1 413 Content Too Large\n"},
-        Case{"k=stale", writeTarget(files, "new"), "chunked", "HTTP/1.1 401 Unauthorized\n"},
-        Case{client.cookie(), "/fv/v1/watch", "length", "HTTP/1.1 413 Content Too Large\n"}}) {
+       {Case{client.cookie(), writeTarget(library, "new"), "length", 7, "HTTP/1.1 403 Forbidden\n"},
+        Case{client.cookie(), writeTarget(files, "new"), "length", 32, "HTTP/1.1 413 Content Too Large\n"},
+        Case{client.cookie(), writeTarget(files, "new"), "chunked", 32, "HTTP/1.1 413 Content Too Large\n"},
+        Case{"k=stale", writeTarget(files, "new"), "chunked", 32, "HTTP/1.1 401 Unauthorized\n"},
+        Case{client.cookie(), "/fv/v1/watch", "length", 32, "HTTP/1.1 413 Content Too Large\n"}}) {
     ProcessResult result = runPython(stubbornClient, {std::to_string(server.port()), each.cookie, each.target,
-                                                      std::to_string(32 << 20), each.framing});
+                                                      std::to_string(each.mebibytes << 20), each.framing});
     EXPECT_EQ(result.standardOutput, each.statusLine) << result.standardError;
   }
   EXPECT_TRUE(std::filesystem::is_empty(server.files())) << "nothing stays of what was refused";
@@ -278,7 +280,9 @@ TEST(Server, KeepsItsStateToItself) {
                 .exitStatus,
             0);
 
-  ServerOptions options{.stateDirectory = server.stateFolder(), .port = 0};
+  ServerOptions options;
+  options.stateDirectory = server.stateFolder();
+  options.port = 0;
   Server second(options);
   auto started = second.start();
   ASSERT_FALSE(started);
