@@ -7,10 +7,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <cstring>
+#include <exception>
 
-#include <boost/asio/co_spawn.hpp>
-#include <boost/asio/experimental/awaitable_operators.hpp>
+#include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/redirect_error.hpp>
 #include <boost/asio/this_coro.hpp>
@@ -24,7 +23,6 @@ namespace {
 
 namespace net = boost::asio;
 using namespace std::chrono_literals;
-using net::experimental::awaitable_operators::operator&&;
 
 constexpr Duration kHandshakeTime = 15s, kIdleTime = 75s, kHeadTime = 30s, kBodySilence = 30s, kWriteSilence = 60s;
 constexpr Duration kClosingTime = 5s;
@@ -232,9 +230,8 @@ Connection::Awaitable<HTTPResponse> Connection::respondToUpload(RequestParser& p
     if (stored > services_.maximumUploadSize) co_return tooLarge();
     // The next piece comes in while this one goes to the disk.
     next.clear();
-    auto written = co_await (readBodyPiece(parser, next, kPieceSize) && blocking(services_.diskThreads, [&] {
-                               return writeAll(upload->descriptor(), bytes(piece), "upload");
-                             }));
+    auto store = [&] { return writeAll(upload->descriptor(), bytes(piece), "upload"); };
+    auto written = co_await blocking(services_.diskThreads, store, readBodyPiece(parser, next, kPieceSize));
     if (!written) co_return uploadFailure(written.error());
     piece.swap(next);
   }
@@ -351,13 +348,13 @@ Connection::Awaitable<> Connection::send(const HTTPResponse& response, bool keep
 }
 
 Connection::Awaitable<> Connection::sendFile(const HTTPResponse& response, std::string head) {
-  auto read = [&](std::uint64_t offset) {
+  auto read = [&](std::uint64_t offset, Awaitable<> meanwhile) {
     std::uint64_t size = std::min<std::uint64_t>(kPieceSize, response.fileSize - offset);
-    return blocking(services_.diskThreads,
-                    [descriptor = response.file->get(), offset, size] { return readPiece(descriptor, offset, size); });
+    auto readIt = [descriptor = response.file->get(), offset, size] { return readPiece(descriptor, offset, size); };
+    return blocking(services_.diskThreads, readIt, std::move(meanwhile));
   };
   allowForever();
-  Piece piece = co_await read(0);
+  Piece piece = co_await read(0, {});
   piece.bytes.insert(0, head);
   std::uint64_t offset = std::min<std::uint64_t>(kPieceSize, response.fileSize);
   std::uint64_t sent = 0, total = head.size() + response.fileSize;
@@ -371,7 +368,7 @@ Connection::Awaitable<> Connection::sendFile(const HTTPResponse& response, std::
       // The file shrank or cannot be read on; a body that breaks off tells the client.
       throw boost::system::system_error(net::error::broken_pipe, "a file that cannot be read to its end");
     }
-    Piece next = co_await (write(piece.bytes) && read(offset));
+    Piece next = co_await read(offset, write(piece.bytes));
     offset += std::min<std::uint64_t>(kPieceSize, response.fileSize - offset);
     piece = std::move(next);
   }
@@ -420,14 +417,31 @@ Connection::Awaitable<> Connection::sleep(Duration duration) {
 }
 
 template <typename F>
-Connection::Awaitable<std::invoke_result_t<F&>> Connection::blocking(net::thread_pool& pool, F function) {
-  using Answer = std::invoke_result_t<F&>;
-  std::optional<Answer> answer;
-  auto call = [](F& blockingFunction, std::optional<Answer>& place) -> Awaitable<> {
-    place.emplace(blockingFunction());
-    co_return;
-  };
-  co_await net::co_spawn(pool, call(function, answer), net::use_awaitable);
+Connection::Awaitable<std::invoke_result_t<F&>> Connection::blocking(net::thread_pool& pool, F function,
+                                                                     Awaitable<> meanwhile) {
+  std::optional<std::invoke_result_t<F&>> answer;
+  std::exception_ptr failure, failureMeanwhile;
+  bool isDone = false;
+  // The guard keeps the network thread running until it has heard of the end; this frame lives as long.
+  net::post(pool, [&, guard = net::make_work_guard(stream_.get_executor())] {
+    try {
+      answer.emplace(function());
+    } catch (...) {
+      failure = std::current_exception();
+    }
+    net::post(guard.get_executor(), [&isDone, this] {
+      isDone = true;
+      notify();
+    });
+  });
+  try {
+    if (meanwhile.valid()) co_await std::move(meanwhile);
+  } catch (...) {
+    failureMeanwhile = std::current_exception();
+  }
+  while (!isDone) co_await notified();
+  if (failureMeanwhile) std::rethrow_exception(failureMeanwhile);
+  if (failure) std::rethrow_exception(failure);
   co_return std::move(*answer);
 }
 

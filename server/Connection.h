@@ -86,9 +86,10 @@ class Connection : public std::enable_shared_from_this<Connection> {
   Awaitable<> notified();
   void notify();
   Awaitable<> sleep(Duration duration);
-  // Runs the function on the pool's threads and returns what it returns.
+  // Runs the function on the pool's threads, and the other work here at the same time, and returns what the function
+  // returned when both have ended.
   template <typename F>
-  Awaitable<std::invoke_result_t<F&>> blocking(boost::asio::thread_pool& pool, F function);
+  Awaitable<std::invoke_result_t<F&>> blocking(boost::asio::thread_pool& pool, F function, Awaitable<> meanwhile = {});
 
   // Closes the connection unless it makes progress, that is calls this again, in time.
   void allow(Duration duration);

@@ -73,7 +73,11 @@ HTTPAnswer HTTPClient::request(const std::string& target, std::vector<std::strin
   return answer;
 }
 
-HTTPClient::Item HTTPClient::share(const std::string& name) { return find(get("/fv/v1/root").list(), name).value(); }
+HTTPClient::Item HTTPClient::share(const std::string& name) {
+  Item item = find(get("/fv/v1/root").list(), name).value();
+  item.version = get("/fv/v1/ls?d=" + item.identifier).field("ETag");
+  return item;
+}
 
 std::optional<HTTPClient::Item> HTTPClient::child(const std::string& directory, const std::string& name) {
   return find(get("/fv/v1/ls?d=" + directory).list(), name);

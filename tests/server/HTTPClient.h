@@ -34,7 +34,9 @@ class HTTPClient {
   struct Item {
     std::string identifier, version;
   };
+  // With the version of its listing.
   Item share(const std::string& name);
+  // As its parent's listing has it.
   std::optional<Item> child(const std::string& directory, const std::string& name);
   // Cookies that the server sets are kept and sent again.
   void keepCookies() { keepsCookies_ = true; }
