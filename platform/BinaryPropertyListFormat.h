@@ -34,4 +34,10 @@ inline constexpr std::uint8_t kCountFollows = 0x0f;
 // Dates are seconds since 2001-01-01T00:00:00Z.
 inline constexpr std::int64_t kEpochSince1970 = 978'307'200;
 
+inline std::uint64_t bigEndian(const std::uint8_t* bytes, std::size_t width) {
+  std::uint64_t number = 0;
+  for (std::size_t i = 0; i < width; ++i) number = number << 8 | bytes[i];
+  return number;
+}
+
 }  // namespace florvane::bplist

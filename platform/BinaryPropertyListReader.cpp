@@ -10,19 +10,11 @@
 
 namespace florvane {
 
+using bplist::bigEndian;
+
 namespace {
 
 constexpr std::uint8_t kOpen = 255;
-
-std::uint64_t bigEndian(const std::uint8_t* bytes, std::size_t width) {
-  std::uint64_t number = 0;
-  for (std::size_t i = 0; i < width; ++i) number = number << 8 | bytes[i];
-  return number;
-}
-
-std::uint32_t unitAt(std::span<const std::uint8_t> units, std::size_t at) {
-  return static_cast<std::uint32_t>(units[at] << 8 | units[at + 1]);
-}
 
 }  // namespace
 
@@ -54,7 +46,6 @@ bool BinaryPropertyListReader::readTrailer() {
   std::uint64_t top = bigEndian(trailer + bplist::kTopObjectAt, 8);
   std::uint64_t table = bigEndian(trailer + bplist::kOffsetTableAt, 8);
   std::size_t tableEnd = bytes_.size() - bplist::kTrailerSize;
-
   if (offsetWidth_ < 1 || offsetWidth_ > 8 || referenceWidth_ < 1 || referenceWidth_ > 8) {
     return fail("The binary property list's trailer is damaged.");
   }
@@ -216,11 +207,7 @@ bool BinaryPropertyListReader::readText(std::uint32_t object, std::uint8_t marke
     values_[object] = Value(Data(content));
     return true;
   }
-  if (type == bplist::kUTF16) {
-    if (!decodeUTF16(content)) return false;
-    values_[object] = Value(scratch_);
-    return true;
-  }
+  if (type == bplist::kUTF16) return readUTF16(object, content);
   std::string_view text(reinterpret_cast<const char*>(content.data()), content.size());
   if (std::any_of(content.begin(), content.end(), [](std::uint8_t byte) { return byte > 0x7f; })) {
     return fail("The binary property list has a string that is not ASCII where it should be.");
@@ -229,12 +216,12 @@ bool BinaryPropertyListReader::readText(std::uint32_t object, std::uint8_t marke
   return true;
 }
 
-bool BinaryPropertyListReader::decodeUTF16(std::span<const std::uint8_t> units) {
+bool BinaryPropertyListReader::readUTF16(std::uint32_t object, std::span<const std::uint8_t> units) {
   scratch_.clear();
   for (std::size_t i = 0; i < units.size(); i += 2) {
-    std::uint32_t point = unitAt(units, i);
+    auto point = static_cast<char32_t>(bigEndian(&units[i], 2));
     if (point >= 0xd800 && point < 0xe000) {
-      std::uint32_t low = point < 0xdc00 && i + 2 < units.size() ? unitAt(units, i + 2) : 0;
+      char32_t low = point < 0xdc00 && i + 2 < units.size() ? static_cast<char32_t>(bigEndian(&units[i + 2], 2)) : 0;
       if (low < 0xdc00 || low > 0xdfff)
         return fail("The binary property list has a string with half a surrogate pair.");
       point = 0x10000 + ((point - 0xd800) << 10) + (low - 0xdc00);
@@ -242,6 +229,7 @@ bool BinaryPropertyListReader::decodeUTF16(std::span<const std::uint8_t> units) 
     }
     appendUTF8(scratch_, point);
   }
+  values_[object] = Value(scratch_);
   return true;
 }
 

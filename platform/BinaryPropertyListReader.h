@@ -41,7 +41,7 @@ class BinaryPropertyListReader {
   bool readDate(std::uint32_t object, std::size_t at);
   bool readCount(std::uint8_t marker, std::size_t& at, std::size_t unit, std::size_t& count);
   bool readText(std::uint32_t object, std::uint8_t marker, std::size_t at);
-  bool decodeUTF16(std::span<const std::uint8_t> units);
+  bool readUTF16(std::uint32_t object, std::span<const std::uint8_t> units);
   bool open(std::uint32_t object, std::uint8_t marker, std::size_t at);
   bool add(Collection& collection, std::uint32_t child);
   bool close();
