@@ -123,11 +123,20 @@ int createCategory(const char* catname) {
   return category;
 }
 
+// Without initialising anything: lower layers report under locks of their own, which reading the preferences or
+// following their changes may need.
+void writeAssertion(std::string_view source, unsigned line, std::string_view condition) {
+  int category = defaultCategory;
+  // Before there are categories, an assertion still goes out.
+  if (isCategory(category) && !(dc_log_get_mask(category) & DCLogMaskCritical)) return;
+  dc_log(category, DCLogLevelCritical, "%s:%u: failed assertion '%s'\n", source, line, condition);
+}
+
 void createCategories() {
   defaultCategory = dc_log_get_category("quorl.florvane.dclog");
   callbacksCategory = dc_log_get_category("quorl.florvane.dc.callbacks");
   traceCategory = dc_log_get_category("quorl.florvane.dc.trace");
-  setSoftAssertionHandler(DCAssertionFailed);
+  setSoftAssertionHandler(writeAssertion);
 }
 
 struct Message {
@@ -368,10 +377,8 @@ void _DCLogTrace(std::string_view function, std::initializer_list<DCLogArgument>
 }
 
 void DCAssertionFailed(std::string_view source, unsigned line, std::string_view condition) {
-  int category = dc_log_default_category();
-  // Before there are categories, an assertion still goes out.
-  if (isCategory(category) && !(dc_log_get_mask(category) & DCLogMaskCritical)) return;
-  dc_log(category, DCLogLevelCritical, "%s:%u: failed assertion '%s'\n", source, line, condition);
+  _DCLogInitialize();
+  writeAssertion(source, line, condition);
 }
 
 void _DCLogInitialize() {
