@@ -27,20 +27,26 @@ class DCPreferencesTest : public testing::Test {
                {file()})
         .standardOutput;
   }
-  // Posts that arrive while `change` runs.
+  // Returns when everything posted so far has been delivered.
+  static void waitForDelivery() {
+    std::promise<void> over;
+    auto& center = NotificationCenter::shared();
+    auto ending = center.addObserver("over", [&](const Notification&) { over.set_value(); });
+    center.post("over");
+    over.get_future().wait();
+  }
+  // Posts that `change` brings about.
   template <typename Change>
   int postsOf(Change change) {
+    waitForDelivery();
     int posts = 0;
-    std::promise<void> over;
     auto& center = NotificationCenter::shared();
     auto counting = center.addObserver("DCPreferencesDidChangeNotification", [&](const Notification& notification) {
       EXPECT_FALSE(notification.object);
       ++posts;
     });
-    auto ending = center.addObserver("over", [&](const Notification&) { over.set_value(); });
     EXPECT_TRUE(change());
-    center.post("over");
-    over.get_future().wait();
+    waitForDelivery();
     return posts;
   }
 

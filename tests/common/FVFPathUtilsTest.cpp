@@ -42,7 +42,7 @@ TEST(FVFPathUtils, CleansRelativePaths) {
   for (std::string illegal : {"/a", "a/../b", "./a", "a/.", "..", "\xc3", "a\xff/b"}) {
     EXPECT_EQ(relative(illegal), "Illegal path: " + illegal);
   }
-  EXPECT_EQ(relative(std::string_view("a\0b", 3)), std::string("Illegal path: a\0b", 17));
+  EXPECT_EQ(relative(std::string_view("a\0b", 3)), "Illegal path: a");
   EXPECT_EQ(relative("a/b", false), "Illegal path: a/b");
   EXPECT_EQ(relative("", false), "");
 }
