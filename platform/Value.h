@@ -116,6 +116,7 @@ class Array {
   void reserve(std::size_t count);
   void append(Value value);
   void set(std::size_t index, Value value);
+  std::string description() const { return Value(*this).description(); }
 
   friend bool operator==(const Array& a, const Array& b) noexcept;
 
@@ -186,6 +187,7 @@ class Dictionary {
   void appendUnchecked(const Key& key, Value value);
   // True when the key was there.
   bool remove(std::string_view key);
+  std::string description() const { return Value(*this).description(); }
 
   friend bool operator==(const Dictionary& a, const Dictionary& b) noexcept;
 
