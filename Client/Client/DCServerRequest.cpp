@@ -1,0 +1,293 @@
+#include "Client/Client/DCServerRequest.h"
+
+#include "Client/Client/DCLog.h"
+#include "Client/Client/DCPath.h"
+#include "common/FVFQueueManager.h"
+#include "platform/Crypto.h"
+#include "platform/Encoding.h"
+#include "platform/Exceptions.h"
+#include "platform/FileSystem.h"
+
+#include <cstdlib>
+#include <mutex>
+#include <thread>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace florvane {
+
+namespace {
+
+constexpr Duration kTimeout = std::chrono::seconds(30);
+constexpr Duration kNoTimeout = std::chrono::seconds(4294967295);
+
+struct DeleteAllLocalData {
+  std::mutex mutex;
+  DCServerRequest::DeleteAllLocalDataHandler handler;
+  static DeleteAllLocalData& shared() {
+    static auto* instance = new DeleteAllLocalData;
+    return *instance;
+  }
+};
+
+}  // namespace
+
+void DCServerRequest::setDeleteAllLocalDataHandler(DeleteAllLocalDataHandler handler) {
+  auto& shared = DeleteAllLocalData::shared();
+  std::lock_guard lock(shared.mutex);
+  shared.handler = std::move(handler);
+}
+
+DCServerRequest::~DCServerRequest() {
+  // A session keeps its delegate, so a request goes only after its end or unstarted, with the handler called or unset.
+  responseHandler_.abandon();
+}
+
+URLSessionTaskPtr DCServerRequest::startDownloadTaskWithURI(const std::string& uri, const QueryItems& queryItems,
+                                                            std::shared_ptr<DCService> service,
+                                                            const HTTPHeaders& headers, std::optional<Data> body,
+                                                            DCServerRequestResponseHandler responseHandler) {
+  return start(Kind::Download, uri, queryItems, std::move(service), headers, std::move(body),
+               std::move(responseHandler));
+}
+
+URLSessionTaskPtr DCServerRequest::startBothloadTaskWithURI(const std::string& uri, const QueryItems& queryItems,
+                                                            std::shared_ptr<DCService> service,
+                                                            const HTTPHeaders& headers, std::optional<Data> body,
+                                                            DCServerRequestResponseHandler responseHandler) {
+  return start(Kind::Bothload, uri, queryItems, std::move(service), headers, std::move(body),
+               std::move(responseHandler));
+}
+
+URLSessionTaskPtr DCServerRequest::start(Kind kind, const std::string& uri, const QueryItems& queryItems,
+                                         std::shared_ptr<DCService> service, const HTTPHeaders& headers,
+                                         std::optional<Data> body, DCServerRequestResponseHandler responseHandler) {
+  const char* name = kind == Kind::Download ? "download" : "bothload";
+  service_ = std::move(service);
+  sessionManager_ = HTTPSASLClientSessionManager::HTTPSASLClientSessionManagerForService(service_);
+  connectivityTracker_ = DCConnectivityTracker::connectivityTrackerForService(service_);
+  request_ = _requestForMethod(kind == Kind::Download ? "GET" : "POST", uri, queryItems, headers, std::move(body),
+                               kind == Kind::Download ? kTimeout : kNoTimeout);
+  responseHandler_ = std::move(responseHandler);
+
+  if (auto authenticated = addAuthenticationHeadersToRequest(*request_); !authenticated) {
+    DCLogInfo("Could not start %s task with request %@ due to error %@", name, *request_, authenticated.error());
+    callResponseHandlerWithAuthError(authenticated.error());
+    return nullptr;
+  }
+  DCLogInfo("Will start %s task with request: %@", name, *request_);
+  session_ = newDefaultSession(kind);
+  URLSessionTaskPtr task = session_->downloadTask(*request_);
+  task_ = task;
+  connectivityTracker_->didStartTask(session_, task);
+  task->resume();
+  return task;
+}
+
+URLRequest DCServerRequest::_requestForMethod(const std::string& method, const std::string& uri,
+                                              const QueryItems& queryItems, const HTTPHeaders& headers,
+                                              std::optional<Data> body, Duration timeoutInterval) const {
+  URL base = service_->url();
+  auto resolved = base.resolving(uri);
+  if (!resolved) DCAssertionFailed("Client/Client/DCServerRequest", __LINE__, "resolved");
+  URLRequest request(resolved.value_or(base).withQueryItems(queryItems));
+  request.timeoutInterval = timeoutInterval;
+  request.method = method;
+  for (const auto& [name, value] : headers.fields()) request.headers.set(name, value);
+  request.body = std::move(body);
+  return request;
+}
+
+Result<void> DCServerRequest::addAuthenticationHeadersToRequest(URLRequest& request) {
+  const auto& clientSession = sessionManager_->clientSession();
+  // A cookie that another request's refusal takes away between the two steps is asked for again.
+  for (int attempt = 0; attempt < 3; ++attempt) {
+    if (!clientSession->authenticatedCookie()) {
+      if (auto result = sessionManager_->authenticateClientSessionWithError(); !result) return result;
+    }
+    authentication_ = clientSession->addAuthenticationToRequest(request);
+    if (authentication_) return {};
+  }
+  return Failure(Error(URLErrorDomain, 401));
+}
+
+void DCServerRequest::callResponseHandlerWithAuthError(const Error& error) {
+  if (auto handler = std::move(responseHandler_)) handler(std::nullopt, nullptr, std::nullopt, error);
+}
+
+URLSessionPtr DCServerRequest::newDefaultSession(Kind kind) {
+  auto configuration = URLSessionConfiguration::defaultConfiguration();
+  configuration.sharedContainerIdentifier = DCAppGroupIdentifier;
+  configuration.connectionPool = connectionPool();
+  configuration.downloadDirectory = DUTemporaryDirectory().value_or("");
+  if (kind == Kind::Bothload) {
+    configuration.timeoutIntervalForRequest = configuration.timeoutIntervalForResource;
+    configuration.longPoll = true;
+  }
+  auto queue = FVFQueueManager::sharedQueueManager().queueForServiceWithUniqueIdentifier(service_->uniqueIdentifier());
+  return URLSession::create(std::move(configuration), shared_from_this(), queue->queue());
+}
+
+// Connections are shared by requests of the same service, cookie and pin: only there has the one who accepted the
+// server's certificate compared it with this request's own pin.
+std::string DCServerRequest::connectionPool() const {
+  Digest digest(DigestAlgorithm::SHA256);
+  digest.update(authentication_->cookie.reveal()).update(std::string_view("\0", 1));
+  if (authentication_->sessionDelegate) digest.update(authentication_->sessionDelegate->trustedCertData().span());
+  return service_->uniqueIdentifier() + " " + hexEncode(digest.finish());
+}
+
+void DCServerRequest::cancel() {
+  if (auto task = task_.lock()) task->cancelByProducingResumeData([](const std::optional<Data>&) {});
+}
+
+std::string DCServerRequest::description() const {
+  return format("%@<%p>{ url=%@ }", "DCServerRequest", static_cast<const void*>(this),
+                request_ ? std::optional(request_->url.absoluteString()) : std::nullopt);
+}
+
+bool DCServerRequest::isOwnSession(SessionRef session) const {
+  if (session == session_) return true;
+  DCLogDebug("Delegate session %@ is NOT the same as our session %@", session, session_);
+  return false;
+}
+
+void DCServerRequest::didBecomeInvalidWithError(SessionRef session, const std::optional<Error>& error) {
+  DCLogTrace("-[DCServerRequest URLSession:didBecomeInvalidWithError:]", {{"session", session}, {"error", error}});
+  if (!isOwnSession(session)) return;
+  if (auto handler = std::move(responseHandler_)) handler(std::nullopt, nullptr, std::nullopt, error);
+  dropSession();
+}
+
+void DCServerRequest::didReceiveChallenge(SessionRef session, const URLAuthenticationChallenge& challenge,
+                                          const ChallengeCompletion& completionHandler) {
+  if (authentication_ && authentication_->sessionDelegate) {
+    authentication_->sessionDelegate->didReceiveChallenge(session, challenge, completionHandler);
+  } else {
+    completionHandler(ChallengeDisposition::PerformDefaultHandling, nullptr);
+  }
+}
+
+void DCServerRequest::didReceiveChallenge(SessionRef session, TaskRef /*task*/,
+                                          const URLAuthenticationChallenge& challenge,
+                                          const ChallengeCompletion& completionHandler) {
+  didReceiveChallenge(session, challenge, completionHandler);
+}
+
+void DCServerRequest::didFinishDownloadingToURL(SessionRef session, TaskRef downloadTask, const URL& location) {
+  DCLogTrace("-[DCServerRequest URLSession:downloadTask:didFinishDownloadingToURL:]",
+             {{"session", session}, {"downloadTask", downloadTask}, {"location", location}});
+  if (!isOwnSession(session)) return;
+  connectivityTracker_->didFinishDownloadingToURL(session, downloadTask, location);
+  DCLogInfo("%@ finished download", downloadTask);
+  httpResponse_ = downloadTask->response();
+  if (!httpResponse_) DCAssertionFailed("Client/Client/DCServerRequest", __LINE__, "0");
+  auto handler = std::move(responseHandler_);
+  if (!handler) return;
+  try {
+    handler(downloadTask->taskIdentifier(), httpResponse_, location, std::nullopt);
+  } catch (const std::exception& exception) {
+    handleUnexpectedException(exception, location);
+  }
+}
+
+void DCServerRequest::handleUnexpectedException(const std::exception& exception, const URL& location) const {
+  DCLogError("Unexpected exception processing download of '%@': %@", location.path(), exception.what());
+  const auto* inconsistency = dynamic_cast<const InternalInconsistencyException*>(&exception);
+  if (!inconsistency || !inconsistency->reason().starts_with("Document identifier")) return;
+  // The database contradicts itself. Its data is deleted, and the process ends by the exception, raised again where
+  // nobody catches it, so that nothing goes on with what it remembers of that data.
+  std::thread([service = service_, inconsistent = *inconsistency] {
+    _DCLog(dc_log_default_category(), DCLogLevelCritical, "Deleting database due to exception: %@",
+           inconsistent.reason());
+    DeleteAllLocalDataHandler deleteAllLocalData;
+    {
+      auto& shared = DeleteAllLocalData::shared();
+      std::lock_guard lock(shared.mutex);
+      deleteAllLocalData = shared.handler;
+    }
+    if (deleteAllLocalData) deleteAllLocalData(service);
+    throw InternalInconsistencyException(inconsistent);
+  }).detach();
+}
+
+void DCServerRequest::didWriteData(SessionRef session, TaskRef downloadTask, std::int64_t bytesWritten,
+                                   std::int64_t totalBytesWritten, std::int64_t totalBytesExpectedToWrite) {
+  connectivityTracker_->didWriteData(session, downloadTask, bytesWritten, totalBytesWritten, totalBytesExpectedToWrite);
+}
+
+void DCServerRequest::didSendBodyData(SessionRef session, TaskRef task, std::int64_t /*bytesSent*/,
+                                      std::int64_t totalBytesSent, std::int64_t totalBytesExpectedToSend) {
+  if (!isOwnSession(session)) return;
+  DCLogInfo("Session task %@ did send data: %lld of %lld", task, totalBytesSent, totalBytesExpectedToSend);
+}
+
+void DCServerRequest::didReceiveData(SessionRef session, TaskRef dataTask, const Data& data) {
+  DCLogTrace("-[DCServerRequest URLSession:dataTask:didReceiveData:]",
+             {{"session", session}, {"dataTask", dataTask}, {"data", data.description()}});
+  if (!isOwnSession(session)) return;
+  connectivityTracker_->didReceiveData(session, dataTask, data);
+  if (!responseData_) responseData_.emplace();
+  responseData_->append(data.view());
+}
+
+void DCServerRequest::didReceiveResponse(SessionRef session, TaskRef dataTask, const HTTPURLResponse& response) {
+  DCLogTrace("-[DCServerRequest URLSession:dataTask:didReceiveResponse:completionHandler:]",
+             {{"session", session}, {"dataTask", dataTask}, {"response", response}});
+  if (!isOwnSession(session)) return;
+  connectivityTracker_->didReceiveResponse(session, dataTask, response);
+  responseData_.reset();
+  httpResponse_ = dataTask->response();
+}
+
+void DCServerRequest::didCompleteWithError(SessionRef session, TaskRef task, const std::optional<Error>& error) {
+  DCLogTrace("-[DCServerRequest URLSession:task:didCompleteWithError:]",
+             {{"session", session}, {"task", task}, {"error", error}});
+  if (!isOwnSession(session)) return;
+  connectivityTracker_->didCompleteWithError(session, task, error);
+  DCLogInfo("%@ finished with error %@", task, error);
+  if (!request_) request_ = task->originalRequest();
+  if (!httpResponse_) httpResponse_ = task->response();
+
+  std::optional<Error> outcome = error;
+  if (_shouldClearAuthCookieAndTrustedCertDataForError(error)) {
+    clearAuthCookieAndTrustedCertData();
+    outcome = Error(URLErrorDomain, 401);
+  }
+  if (auto handler = std::move(responseHandler_)) {
+    handler(task->taskIdentifier(), httpResponse_, storeResponseData(), outcome);
+  }
+  dropSession();
+}
+
+bool DCServerRequest::_shouldClearAuthCookieAndTrustedCertDataForError(const std::optional<Error>& error) const {
+  if (httpResponse_ && httpResponse_->statusCode() == 401) return true;
+  if (authentication_ && authentication_->sessionDelegate && authentication_->sessionDelegate->failed()) return true;
+  if (error && error->domain() == URLErrorDomain && error->userInfo().contains(URLErrorFailingPeerTrustKey))
+    return true;
+  return !sessionManager_->clientSession()->authenticatedCookie();
+}
+
+void DCServerRequest::clearAuthCookieAndTrustedCertData() {
+  if (!authentication_) return;
+  sessionManager_->clearAuthentication(authentication_->cookie);
+  URLSession::retireConnections(connectionPool());
+}
+
+std::optional<URL> DCServerRequest::storeResponseData() const {
+  if (!responseData_) return std::nullopt;
+  std::string path = DUTemporaryDirectory().value_or("/tmp") + "/upload-response-XXXXXXXXX";
+  FileDescriptor file(mkostemp(path.data(), O_CLOEXEC));
+  auto stored = file.valid() ? writeFileAtomically(path, Data::fromString(*responseData_))
+                             : Result<void>(Failure(Error::fileWrite(errno, path)));
+  if (stored) return URL::fileURL(path);
+  DCLogError("Could not store response data: %@", stored.error());
+  return std::nullopt;
+}
+
+void DCServerRequest::dropSession() {
+  if (auto session = std::exchange(session_, nullptr)) session->invalidateAndCancel();
+}
+
+}  // namespace florvane

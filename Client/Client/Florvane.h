@@ -1,0 +1,25 @@
+#pragma once
+
+// Everything that an application includes to use the library, the values that its operations take and give included.
+
+#include "Client/Client/DCActivityInfo.h"
+#include "Client/Client/DCConnectivityTracker.h"
+#include "Client/Client/DCError.h"
+#include "Client/Client/DCLog.h"
+#include "Client/Client/DCPath.h"
+#include "Client/Client/DCPreferences.h"
+#include "Client/Client/DCRemoteDocumentManager.h"
+#include "Client/Client/DCService.h"
+#include "Client/Client/HTTPSASLClientSessionManager.h"
+#include "common/FVFMetadataUtils.h"
+#include "common/FVFQueueManager.h"
+#include "common/FVFResponseContainer.h"
+#include "platform/AccountStore.h"
+#include "platform/Container.h"
+#include "platform/Encoding.h"
+#include "platform/Error.h"
+#include "platform/FileSystem.h"
+#include "platform/PropertyList.h"
+#include "platform/ResourceValues.h"
+#include "platform/Secret.h"
+#include "platform/Value.h"
