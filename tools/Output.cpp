@@ -1,0 +1,143 @@
+#include "tools/Output.h"
+
+#include <array>
+#include <cstdio>
+
+namespace florvane::tools {
+
+namespace {
+
+bool isTransportFailure(const Error& error) {
+  if (error.domain() != URLErrorDomain) return false;
+  switch (error.code()) {
+    case URLErrorTimedOut:
+    case URLErrorCannotConnectToHost:
+    case URLErrorNetworkConnectionLost:
+    case URLErrorDNSLookupFailed:
+      return true;
+    default:
+      return false;
+  }
+}
+
+bool isTrustFailure(const Error& error) {
+  return error.domain() == URLErrorDomain && error.code() <= URLErrorSecureConnectionFailed &&
+         error.code() >= URLErrorClientCertificateRequired;
+}
+
+std::string sentenceForTransport(const Error& error, const std::string& server) {
+  switch (error.code()) {
+    case URLErrorDNSLookupFailed:
+      return "The server's name was not found: " + server + ". Check the name and the network connection.";
+    case URLErrorTimedOut:
+      return "The server " + server + " did not answer in time. Try again, or check the network connection.";
+    case URLErrorNetworkConnectionLost:
+      return "The connection to " + server + " was lost. Try again.";
+    default:
+      return "Nothing answers at " + server + ". Check that the server is running and that host and port are right.";
+  }
+}
+
+std::string sentenceForSignIn(const Error& error, const std::string& server) {
+  switch (error.code()) {
+    case HTTPSASLErrorMissingCredentials:
+      return "The password of this account is missing. Remove the account and add it again.";
+    case HTTPSASLErrorServerNotTrusted:
+      return "The server " + server +
+             " does not offer secure sign-in, and its certificate is not trusted by this system, so no password was "
+             "sent. Ask the server's administrator.";
+    case HTTPSASLErrorAuthenticationFailed:
+    case HTTPSASLErrorPlainFailed:
+      return "The server " + server +
+             " refused the sign-in. Check user name and password; to change them, remove the "
+             "account and add it again.";
+    default:
+      return "Signing in to " + server + " failed: " + error.localizedDescription();
+  }
+}
+
+}  // namespace
+
+CommandFailure failureForError(const Error& error, const std::string& server, const std::string& what) {
+  std::string prefix = what.empty() ? "" : what + ": ";
+  if (isTransportFailure(error) || error.is(DCErrorDomain, 2)) {
+    return {ExitStatus::Offline, sentenceForTransport(error, server), error};
+  }
+  if (error.domain() == HTTPSASLErrorDomain) {
+    return {ExitStatus::SigningInFailed, sentenceForSignIn(error, server), error};
+  }
+  if (isTrustFailure(error)) {
+    return {ExitStatus::SigningInFailed,
+            "The certificate of " + server +
+                " is not the one that this account knows. If the server was set up anew, "
+                "try again to sign in afresh; otherwise do not go on.",
+            error};
+  }
+  if (error.is(URLErrorDomain, 401)) {
+    return {ExitStatus::SigningInFailed, "The server " + server + " no longer accepts the sign-in. Try again.", error};
+  }
+  if (error.is(URLErrorDomain, 404) || error.is(DCErrorDomain, 11)) {
+    return {ExitStatus::NoSuchItem, prefix + "No such item.", error};
+  }
+  if (error.is(URLErrorDomain, 409) || error.is(DCErrorDomain, 3)) {
+    return {ExitStatus::Conflict, prefix + error.localizedDescription(), error};
+  }
+  return {ExitStatus::Failed, prefix + error.localizedDescription(), error};
+}
+
+void Output::line(const std::string& text) const {
+  std::fwrite(text.data(), 1, text.size(), stdout);
+  std::fputc('\n', stdout);
+  std::fflush(stdout);
+}
+
+void Output::object(const nlohmann::ordered_json& object) const {
+  line(object.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace));
+}
+
+void Output::note(const std::string& text) const {
+  if (!options_.quiet && !options_.json) std::fprintf(stderr, "%s\n", text.c_str());
+}
+
+ExitStatus Output::fail(const CommandFailure& failure) const {
+  if (options_.json) {
+    nlohmann::ordered_json error;
+    error["domain"] = failure.error ? failure.error->domain() : "florvane";
+    error["code"] = failure.error ? failure.error->code() : static_cast<std::int64_t>(failure.status);
+    error["message"] = failure.sentence;
+    object({{"error", error}});
+  } else {
+    std::fprintf(stderr, "florvane: %s\n", printable(failure.sentence).c_str());
+  }
+  return failure.status;
+}
+
+std::string printable(const std::string& text) {
+  std::string out;
+  for (char character : text) {
+    auto byte = static_cast<unsigned char>(character);
+    if (byte < 0x20 || byte == 0x7f) {
+      std::array<char, 5> escaped{};
+      std::snprintf(escaped.data(), escaped.size(), "\\x%02x", byte);
+      out += escaped.data();
+    } else {
+      out += character;
+    }
+  }
+  return out;
+}
+
+std::string humanSize(std::int64_t bytes) {
+  static constexpr std::array<const char*, 5> units = {"B", "KiB", "MiB", "GiB", "TiB"};
+  auto size = static_cast<double>(bytes);
+  std::size_t unit = 0;
+  while (size >= 1024 && unit + 1 < units.size()) {
+    size /= 1024;
+    ++unit;
+  }
+  std::array<char, 32> text{};
+  std::snprintf(text.data(), text.size(), unit == 0 ? "%.0f %s" : "%.1f %s", size, units[unit]);
+  return text.data();
+}
+
+}  // namespace florvane::tools

@@ -1,0 +1,116 @@
+#include "tools/Commands.h"
+
+#include <cstdio>
+#include <functional>
+
+#include <CLI/CLI.hpp>
+
+namespace {
+
+using namespace florvane;         // NOLINT(google-build-using-namespace): the program's own names
+using namespace florvane::tools;  // NOLINT(google-build-using-namespace)
+
+// Everything that the command line says; what to run is chosen while it is parsed.
+class CommandLine {
+ public:
+  CommandLine() {
+    app_.require_subcommand(1);
+    app_.set_version_flag("--version", "florvane 1.1.0");
+    app_.add_option("--container", container_, "Folder that holds accounts, preferences and the cache")
+        ->type_name("DIR");
+    app_.add_flag("--json", common_.json, "Answer with JSON: one object, or one a line where it streams");
+    app_.add_flag("--quiet,-q", common_.quiet, "Say nothing but the answer and errors");
+    app_.add_option("--timeout", timeoutSeconds_, "Give up after so many seconds")
+        ->check(CLI::PositiveNumber)
+        ->type_name("SECONDS");
+    app_.add_flag("--debug", debug_, "Write the log to standard error");
+    app_.fallthrough();
+    addAccount();
+    addItems();
+    addWatch();
+    app_.add_subcommand("doctor", "Check container, accounts and servers, and say what to do")->callback([this] {
+      run_ = [](const Output& output) { return examine(output); };
+    });
+  }
+
+  ExitStatus parseAndRun(int argc, char** argv) {
+    try {
+      app_.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+      return app_.exit(error) == 0 ? ExitStatus::Done : ExitStatus::Usage;
+    }
+    if (timeoutSeconds_) {
+      common_.timeout = std::chrono::duration_cast<Duration>(std::chrono::duration<double>(*timeoutSeconds_));
+    }
+    if (container_) Container::setDirectory(*container_);
+    if (debug_) DCLogEnableDebug(true);
+    return run_(Output(common_));
+  }
+
+ private:
+  void addAccount() {
+    auto* account = app_.add_subcommand("account", "Add, list and remove accounts")->require_subcommand(1);
+    auto* add = account->add_subcommand("add", "Add an account of a server");
+    add->add_option("NAME", add_.name, "Short name to type from now on")->required();
+    add->add_option("HOST[:PORT]", add_.hostAndPort, "The server; port 10548 unless named")->required();
+    add->add_option("--user", add_.userName, "User name on the server")->required()->type_name("USER");
+    add->add_option("--password-file", add_.passwordFile, "File whose first line is the password; - is standard input")
+        ->type_name("FILE");
+    add->callback([this] { run_ = [this](const Output& output) { return accountAdd(output, add_); }; });
+    account->add_subcommand("list", "List the accounts")->callback([this] {
+      run_ = [](const Output& output) { return accountList(output); };
+    });
+    auto* remove = account->add_subcommand("remove", "Remove an account and its password");
+    remove->add_option("NAME", remove_)->required();
+    remove->callback([this] { run_ = [this](const Output& output) { return accountRemove(output, remove_); }; });
+  }
+
+  void addItems() {
+    auto* ls = app_.add_subcommand("ls", "List an account's shares or a directory");
+    ls->add_option("NAME[:PATH]", list_.reference)->required();
+    ls->add_flag("-l", list_.isLong, "With sizes and dates");
+    ls->add_flag("--fresh", list_.fresh, "Only an answer of the server's own will do");
+    ls->callback([this] { run_ = [this](const Output& output) { return listItems(output, list_); }; });
+    auto* stat = app_.add_subcommand("stat", "Show what is known of an item");
+    stat->add_option("NAME[:PATH]", reference_)->required();
+    stat->callback([this] { run_ = [this](const Output& output) { return statItem(output, reference_); }; });
+    auto* cat = app_.add_subcommand("cat", "Print a file");
+    cat->add_option("NAME:PATH", reference_)->required();
+    cat->callback([this] { run_ = [this](const Output& output) { return catFile(output, reference_); }; });
+    auto* get = app_.add_subcommand("get", "Fetch a file");
+    get->add_option("NAME:PATH", get_.reference)->required();
+    get->add_option("LOCAL", get_.local, "File or folder to put it; the current folder unless named");
+    get->callback([this] { run_ = [this](const Output& output) { return getFile(output, get_); }; });
+  }
+
+  void addWatch() {
+    auto* watch = app_.add_subcommand("watch", "Print a line whenever an item changes, until stopped");
+    watch->add_option("NAME:PATH", watch_.references)->required();
+    watch->add_option("--count", watch_.count, "End after so many events")->check(CLI::PositiveNumber)->type_name("N");
+    watch->callback([this] { run_ = [this](const Output& output) { return watchItems(output, watch_); }; });
+  }
+
+  CLI::App app_{"Work with the documents of Florvane servers", "florvane"};
+  CommonOptions common_;
+  std::optional<std::string> container_;
+  std::optional<double> timeoutSeconds_;
+  bool debug_ = false;
+  AccountAddOptions add_;
+  ListOptions list_;
+  GetOptions get_;
+  WatchOptions watch_;
+  std::string remove_, reference_;
+  std::function<ExitStatus(const Output&)> run_;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    CommandLine commandLine;
+    return static_cast<int>(commandLine.parseAndRun(argc, argv));
+  } catch (const std::exception& exception) {
+    std::fprintf(stderr, "florvane: %s\n", exception.what());
+    return static_cast<int>(ExitStatus::Failed);
+  }
+}
