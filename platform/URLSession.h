@@ -32,7 +32,8 @@ class URLSessionTask {
   // Null before an answer's head has come.
   virtual std::shared_ptr<const HTTPURLResponse> response() const = 0;
   virtual void resume() = 0;
-  // The completion that follows says URLErrorCancelled, unless the task had ended by then.
+  // The completion that follows says URLErrorCancelled, unless the task had ended by then. A suspended task completes,
+  // too.
   virtual void cancel() = 0;
   // As cancel(). There is nothing to resume from here: the handler gets none, on the delegate queue.
   virtual void cancelByProducingResumeData(std::function<void(std::optional<Data>)> handler) = 0;
@@ -90,6 +91,7 @@ struct URLSessionConfiguration {
   // Overrides the request's timeoutInterval where it is set; zero means no limit.
   std::optional<Duration> timeoutIntervalForRequest;
   Duration timeoutIntervalForResource = std::chrono::hours(24 * 7);
+  // At most 300 KiB can be asked for, and no single field may exceed 100 KiB.
   std::size_t maximumHeaderBytes = std::size_t{256} * 1024;  // beyond it the task ends with URLErrorCannotParseResponse
   std::uint64_t maximumDataTaskBytes = std::uint64_t{64} * 1024 * 1024;  // beyond it URLErrorDataLengthExceedsMaximum
   bool honoursEnvironmentProxies = false;
@@ -124,8 +126,8 @@ class URLSession : public std::enable_shared_from_this<URLSession> {
   virtual URLSessionTaskPtr downloadTask(URLRequest request) = 0;
   // The request's body is the file's contents, streamed; the answer's body arrives as a data task's does.
   virtual URLSessionTaskPtr uploadTask(URLRequest request, const URL& fromFile) = 0;
-  // Cancels every task, then tells didBecomeInvalidWithError and lets the delegate go. Idempotent. Tasks made or
-  // resumed afterwards complete with URLErrorCancelled.
+  // Cancels every running task, then tells didBecomeInvalidWithError and lets the delegate go. Idempotent. A task that
+  // is resumed or cancelled for the first time afterwards is Completed at once and tells nobody.
   virtual void invalidateAndCancel() = 0;
   // As above, but lets the running tasks finish first.
   virtual void finishTasksAndInvalidate() = 0;

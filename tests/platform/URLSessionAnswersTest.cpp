@@ -59,7 +59,7 @@ TEST_F(URLSessionAnswersTest, RefusesWhatIsNoAnswerOrTooLarge) {
   std::string manyFields = "HTTP/1.1 200 OK\r\n";
   for (int i = 0; i < 300; ++i) manyFields += "X-" + std::to_string(i) + ": " + std::string(1016, 'h') + "\r\n";
   EXPECT_EQ(codesFor(manyFields + "\r\n"), refused);
-  EXPECT_EQ(codesFor("HTTP/1.1 200 OK\r\nX: " + std::string(300 * 1024, 'h') + "\r\n\r\n"), refused);
+  EXPECT_EQ(codesFor("HTTP/1.1 200 OK\r\nX: " + std::string(307'200, 'h') + "\r\n\r\n"), refused);
 
   ScriptedServer server(ScriptedServer::answering([](const Request&) { return okAnswer(std::string(2000, 'b')); }));
   URLSessionConfiguration configuration;

@@ -1,7 +1,9 @@
+#include "platform/Container.h"
 #include "tests/platform/URLSessionRecorder.h"
 
 #include <atomic>
 #include <cstdlib>
+#include <filesystem>
 
 #include <gmock/gmock.h>
 
@@ -79,9 +81,13 @@ class ServerTrustTest : public ::testing::Test {
  protected:
   ServerTrustTest() {
     writeText(anchors_.file("anchors.pem"), root_.pem());
+    Container::setDirectory(anchors_.path());
     setenv("SSL_CERT_FILE", anchors_.file("anchors.pem").c_str(), 1);
   }
-  ~ServerTrustTest() override { unsetenv("SSL_CERT_FILE"); }
+  ~ServerTrustTest() override {
+    unsetenv("SSL_CERT_FILE");
+    Container::setDirectory({});
+  }
   std::pair<TrustResult, std::int64_t> judge(const CertificateOptions& options, const std::string& host = "localhost") {
     ServerTrust trust(host, {makeCertificate(options).der()});
     return {trust.evaluate().value(), trust.errorCode()};
@@ -114,8 +120,12 @@ TEST_F(ServerTrustTest, JudgesChainDatesAndHost) {
 }
 
 TEST_F(ServerTrustTest, TrustsWhatStandsInTheUsersListOrInChangedAnchors) {
-  // The container is chosen once a process, so the list is looked for by a process of its own in the tool's tests; here
-  // the anchors change under a loaded store.
+  Certificate self = makeCertificate();
+  std::filesystem::create_directory(anchors_.file("Trusted Certificates"));
+  writeText(anchors_.file("Trusted Certificates/two.pem"), makeCertificate().pem() + self.pem());
+  EXPECT_EQ(ServerTrust("anywhere", {self.der()}).evaluate().value(), TrustResult::Proceed);
+  EXPECT_EQ(judge({}).first, TrustResult::RecoverableTrustFailure);
+
   Certificate other = makeCertificate({.commonName = "other", .alternativeNames = {}, .authority = true});
   EXPECT_EQ(judge({.issuer = &other}).first, TrustResult::RecoverableTrustFailure);
   writeText(anchors_.file("anchors.pem"), root_.pem() + other.pem());
