@@ -20,7 +20,8 @@ class URLSession;
 enum class URLSessionTaskState : std::int64_t { Running = 0, Suspended = 1, Canceling = 2, Completed = 3 };
 enum class URLSessionTaskKind { Data, Download, Upload };
 
-// One transfer of a session, made suspended. Thread-safe.
+// One transfer of a session, made suspended. Keeps its session, so that a delegate which keeps tasks is let go only
+// when the session is invalidated. Thread-safe.
 class URLSessionTask {
  public:
   virtual ~URLSessionTask() = default;

@@ -276,6 +276,11 @@ TEST_F(URLSessionTest, RunsATaskToItsEndThoughNobodyKeepsTheSession) {
   std::weak_ptr<URLSession> watched = session;
   session.reset();
   EXPECT_EQ(recorder->wait(task).body, "kept");
+  // The recorder keeps the task, the task its session, the session its delegate until it is invalidated.
+  auto left = watched.lock();
+  ASSERT_TRUE(left);
+  left->invalidateAndCancel();
+  recorder->waitUntilInvalid(left);
 }
 
 TEST_F(URLSessionTest, ServesManyRequestsOverAtMostEightConnectionsAndLongPollsBeside) {
