@@ -133,8 +133,20 @@ StoreResult<Attention> DirectoryCatalog::attend(const DocumentIdentifier& docume
 
 void DirectoryCatalog::refresh(const DocumentIdentifier& directory) {
   const auto result = in(directory, [](KnownDirectory&, const LocatedDocument&) -> StoreResult<void> { return {}; });
-  // A directory that is gone is a change of its own; other failures show when someone asks for it.
-  if (!result && result.error().status == StoreStatus::NotFound) changed_({directory});
+  // A directory that is gone is a change of its own and of all that was in it; other failures show when someone asks.
+  if (result || result.error().status != StoreStatus::NotFound) return;
+  std::vector<DocumentIdentifier> gone = {directory};
+  std::shared_ptr<KnownDirectory> known;
+  {
+    const std::lock_guard lock(mutex_);
+    const auto found = known_.find(directory);
+    if (found != known_.end()) known = found->second.directory;
+  }
+  if (known && known->isAttended()) {
+    const std::lock_guard lock(known->mutex);
+    for (const DirectoryEntry& entry : known->contents.entries) gone.push_back(entry.identifier);
+  }
+  changed_(gone);
 }
 
 std::vector<DocumentIdentifier> DirectoryCatalog::unannounced() {

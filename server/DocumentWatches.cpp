@@ -147,7 +147,7 @@ void DocumentWatches::run() {
 
 void DocumentWatches::check(const std::shared_ptr<Watch>& watch, bool force) {
   std::vector<DocumentVersion> current;
-  bool differs = force;
+  bool differs = force || watch->documents.empty();
   for (const DocumentVersion& document : watch->documents) {
     const auto version = source_.currentVersion(document.document);
     if (!version && version.error().status == StoreStatus::NotFound) {

@@ -9,6 +9,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <future>
 #include <map>
 #include <memory>
@@ -36,6 +37,10 @@ class StoreFixture : public ::testing::Test {
   }
   void makeFolder(const std::string& path) const { std::filesystem::create_directories(docs(path)); }
   void make(const std::string& path, const std::string& text = "text") const { writeText(docs(path), text); }
+  // A change of one step, unlike a rewrite, which empties the file first.
+  void append(const std::string& path, const std::string& text = "+") const {
+    std::ofstream(docs(path), std::ios::binary | std::ios::app) << text;
+  }
   void rename(const std::string& from, const std::string& to) const { std::filesystem::rename(docs(from), docs(to)); }
   void remove(const std::string& path) const { std::filesystem::remove_all(docs(path)); }
 
@@ -115,7 +120,9 @@ class StoreFixture : public ::testing::Test {
   struct Watching {
     std::unique_ptr<DocumentWatch> watch;
     std::future<Answer> answer;
-    bool answered() const { return answer.wait_for(std::chrono::seconds(0)) == std::future_status::ready; }
+    bool answered() const {
+      return answer.valid() && answer.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+    }
   };
   Watching watch(std::vector<DocumentVersion> documents) {
     auto promise = std::make_shared<std::promise<Answer>>();
