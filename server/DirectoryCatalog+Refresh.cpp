@@ -25,10 +25,14 @@ struct ByName {
   }
   static std::string_view nameOf(std::string_view name) { return name; }
   template <typename T>
+    requires requires(const T& named) { named.name; }
   static std::string_view nameOf(const T& named) {
     return named.name;
   }
 };
+
+// What happens in a folder, and through another link to a file, is not announced in the folder that it is listed in.
+bool isUnsteady(const DirectoryEntry& entry) { return entry.stamp.identity.directory || entry.stamp.links > 1; }
 
 // An editor that keeps the old file under such a name and writes a new one means the new one to be the document.
 bool isBackupName(std::string_view name, std::string_view original) {
@@ -89,6 +93,20 @@ StoreResult<std::vector<DirectoryCatalog::Found>> DirectoryCatalog::look(
   return found;
 }
 
+// Whether what was found at some names is what is known of them.
+bool DirectoryCatalog::isAsKnown(const std::vector<DirectoryEntry>& entries, const std::vector<Found>& found,
+                                 const std::vector<std::string>& names) {
+  auto next = found.begin();
+  for (const std::string& name : names) {
+    const auto known = std::lower_bound(entries.begin(), entries.end(), name, ByName());
+    const bool wasThere = known != entries.end() && known->name == name;
+    const bool isThere = next != found.end() && next->name == name;
+    if (wasThere != isThere || (isThere && !(known->stamp == next->stamp))) return false;
+    if (isThere) ++next;
+  }
+  return true;
+}
+
 StoreResult<void> DirectoryCatalog::refresh(KnownDirectory& directory, const LocatedDocument& located,
                                             const ClientDates* dates) {
   auto& contents = directory.contents;
@@ -108,21 +126,26 @@ StoreResult<void> DirectoryCatalog::refresh(KnownDirectory& directory, const Loc
   KnownDirectory::Pending pending = directory.takePending();
 
   const auto stamp = located.share->folder->stamp(descriptor);
-  if (!stamp) return tl::unexpected(stamp.error());
+  if (!stamp) {
+    contents.loaded = false;
+    return tl::unexpected(stamp.error());
+  }
   std::optional<std::vector<std::string>> names;
   if (!everything && !pending.everything) {
     names.emplace(pending.names.begin(), pending.names.end());
-    // Of these not every change is announced here: what happens in a folder, and through another link to a file.
     for (const DirectoryEntry& entry : contents.entries) {
-      if ((entry.stamp.identity.directory || entry.stamp.links > 1) && !pending.names.contains(entry.name)) {
-        names->push_back(entry.name);
-      }
+      if (names->size() == pending.names.size() + contents.unsteady) break;
+      if (isUnsteady(entry) && !pending.names.contains(entry.name)) names->push_back(entry.name);
     }
     std::sort(names->begin(), names->end());
   }
   auto found = look(directory, descriptor, names);
-  StoreResult<void> merged =
-      found ? merge(directory, *std::move(found), names, dates) : StoreResult<void>(tl::unexpected(found.error()));
+  StoreResult<void> merged;
+  if (!found) {
+    merged = tl::unexpected(found.error());
+  } else if (!names || dates || !isAsKnown(contents.entries, *found, *names)) {
+    merged = merge(directory, *std::move(found), names, dates);
+  }
   if (!merged) {
     // Nothing half done is kept: the next look starts from the index.
     contents.loaded = false;
@@ -217,6 +240,8 @@ StoreResult<void> DirectoryCatalog::merge(KnownDirectory& directory, std::vector
   std::merge(std::move_iterator(untouched.begin()), std::move_iterator(untouched.end()),
              std::move_iterator(merge.resolved.begin()), std::move_iterator(merge.resolved.end()),
              std::back_inserter(contents.entries), ByName());
+  contents.unsteady =
+      static_cast<std::size_t>(std::count_if(contents.entries.begin(), contents.entries.end(), isUnsteady));
   contents.changed.insert(contents.changed.end(), merge.changed.begin(), merge.changed.end());
   return {};
 }
@@ -304,6 +329,7 @@ void DirectoryCatalog::watchChildren(KnownDirectory& directory, int descriptor) 
     contents.childWatches.clear();
     return;
   }
+  if (contents.unsteady == 0) return;
   for (const DirectoryEntry& entry : contents.entries) {
     if (contents.childWatches.size() >= kMaximumChildWatches) return;
     if (!entry.stamp.identity.directory || contents.childWatches.contains(entry.identifier)) continue;

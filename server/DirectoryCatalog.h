@@ -117,6 +117,8 @@ class DirectoryCatalog {
   // What is at the names now, or at all names.
   StoreResult<std::vector<Found>> look(const KnownDirectory& directory, int descriptor,
                                        const std::optional<std::vector<std::string>>& names) const;
+  static bool isAsKnown(const std::vector<DirectoryEntry>& entries, const std::vector<Found>& found,
+                        const std::vector<std::string>& names);
   StoreResult<void> merge(KnownDirectory& directory, std::vector<Found> found,
                           const std::optional<std::vector<std::string>>& names, const ClientDates* dates);
   StoreResult<void> identify(const KnownDirectory& directory, Merge& merge) const;

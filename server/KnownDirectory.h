@@ -45,6 +45,7 @@ class KnownDirectory : public DirectoryChangeSink, public std::enable_shared_fro
     bool loaded = false;
     DirectoryEntry self;
     std::vector<DirectoryEntry> entries;  // sorted by name
+    std::size_t unsteady = 0;             // entries that change without a word about it: folders, and linked files
     VersionDigest sum;                    // of the entries' versions
     VersionDigest version;                // of the listing
     Data body;                            // of the listing; empty until it is asked for
