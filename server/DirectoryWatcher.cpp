@@ -29,9 +29,11 @@ bool DirectoryWatcher::Watch::active() const {
 }
 
 DirectoryWatcher::DirectoryWatcher()
-    : inotify_(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC)), stop_(::eventfd(0, EFD_CLOEXEC)) {
-  // Without either, nothing is ever watched and directories are looked at again for each request.
-  if (inotify_.valid() && stop_.valid()) thread_ = std::thread([this] { run(); });
+    : inotify_(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC)),
+      stop_(::eventfd(0, EFD_CLOEXEC)),
+      works_(inotify_.valid() && stop_.valid()) {
+  // Else nothing is ever watched, and directories are looked at again for each request.
+  if (works_) thread_ = std::thread([this] { run(); });
 }
 
 DirectoryWatcher::~DirectoryWatcher() {
@@ -52,7 +54,7 @@ std::unique_ptr<DirectoryWatcher::Watch> DirectoryWatcher::watchChild(int direct
 }
 
 std::unique_ptr<DirectoryWatcher::Watch> DirectoryWatcher::add(int directory, Target target) {
-  if (!thread_.joinable()) return nullptr;
+  if (!works_) return nullptr;
   const std::string path = "/proc/self/fd/" + std::to_string(directory);
   const std::lock_guard lock(mutex_);
   const int number = ::inotify_add_watch(inotify_.get(), path.c_str(), kWanted);
@@ -74,7 +76,7 @@ void DirectoryWatcher::remove(int number, std::size_t target) {
 }
 
 void DirectoryWatcher::drain() {
-  if (!thread_.joinable()) return;
+  if (!works_) return;
   Told told;
   const std::lock_guard lock(mutex_);
   alignas(inotify_event) std::array<char, std::size_t{64} * 1024> buffer;

@@ -71,6 +71,7 @@ class DirectoryWatcher {
 
   FileDescriptor inotify_;
   FileDescriptor stop_;
+  const bool works_;
   std::mutex mutex_;  // guards the rest, and reading from inotify
   std::unordered_map<int, std::vector<Target>> targets_;
   std::size_t nextTarget_ = 0;
