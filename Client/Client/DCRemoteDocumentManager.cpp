@@ -16,8 +16,8 @@ namespace {
 
 constexpr char kSource[] = "Client/Client/DCRemoteDocumentManager";
 // What an error's body or a list of updates may take at most; a server that sends more is broken.
-constexpr std::uint64_t kMaximumErrorBytes = 64 * 1024;
-constexpr std::uint64_t kMaximumUpdatesBytes = 256 * 1024 * 1024;
+constexpr std::uint64_t kMaximumErrorBytes = std::uint64_t{64} << 10;
+constexpr std::uint64_t kMaximumUpdatesBytes = std::uint64_t{256} << 20;
 
 DCServiceRegistry<DCRemoteDocumentManager>& registry() {
   static auto* shared = new DCServiceRegistry<DCRemoteDocumentManager>;
@@ -66,7 +66,7 @@ Result<FVFResponseContainer::Ptr> containerForResponse(const HTTPURLResponse& re
   auto versionIdentifier = etag ? versionIdentifierOf(*etag) : std::nullopt;
   if (!versionIdentifier) return Failure(invalidHeader(DUHeaderETagKey));
   metadata->set(FVVersionIdentifierKey, *versionIdentifier);
-  return FVFResponseContainer::containerWithURL(body, *transferType, *metadata);
+  return FVFResponseContainer::containerWithURL(body, *transferType, metadata);
 }
 
 Array flatten(const DCVersionIdentifiers& versionIdentifiers) {

@@ -258,7 +258,7 @@ void HTTPSASLClientSession::completeAuthWithError(const Error& error) {
   if (handler) handler(error, nullptr);
 }
 
-void HTTPSASLClientSession::completeAuth(HTTPSASLAuthentication authentication) {
+void HTTPSASLClientSession::completeAuth(const HTTPSASLAuthentication& authentication) {
   {
     std::lock_guard lock(mutex_);
     authenticatedCookie_ = authentication.cookie;

@@ -76,7 +76,7 @@ class HTTPSASLClientSession : public std::enable_shared_from_this<HTTPSASLClient
   void srpComplete(const Data& body);
   void plainStep(const HTTPURLResponse& response);
   void completeAuthWithError(const Error& error);
-  void completeAuth(HTTPSASLAuthentication authentication);
+  void completeAuth(const HTTPSASLAuthentication& authentication);
   void endExchange();
 
   mutable std::mutex mutex_;  // guards the three that outlive the exchange

@@ -102,6 +102,7 @@ TEST(SignIn, OldRefusalsLeaveTheNewLoginAlone) {
   ASSERT_TRUE(server->revokeAllSessions());
   constexpr int kRequests = 20;
   std::vector<std::future<bool>> answers;
+  answers.reserve(kRequests);
   for (int i = 0; i < kRequests; ++i) {
     answers.push_back(std::async(std::launch::async, [&] {
       auto outcome = client.root();
@@ -124,7 +125,7 @@ class EveryLine : public SystemLog {
   void write(const SystemLogMessage& message) override {
     std::lock_guard lock(mutex_);
     text_ += message.text + "\n";
-    for (const auto& [name, value] : message.fields) text_ += name + "=" + value + "\n";
+    for (const auto& [name, value] : message.fields) text_.append(name).append("=").append(value).append("\n");
   }
   std::string text() const {
     std::lock_guard lock(mutex_);

@@ -12,8 +12,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-extern char** environ;
-
 namespace florvane::test {
 
 namespace {
@@ -47,6 +45,7 @@ void writeAndClose(int descriptor, std::string_view text) {
 
 std::vector<char*> pointers(std::vector<std::string>& texts) {
   std::vector<char*> result;
+  result.reserve(texts.size() + 1);
   for (auto& text : texts) result.push_back(text.data());
   result.push_back(nullptr);
   return result;
