@@ -13,8 +13,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-extern char** environ;
-
 namespace florvane::test {
 
 SRPPeer::SRPPeer() {

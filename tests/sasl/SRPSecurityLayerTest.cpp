@@ -74,7 +74,7 @@ TEST_F(SRPSecurityLayer, AgreesWithLibsodiumAtAnyCounterAndNonce) {
     std::string key(client.evidence->sessionKey.reveal().substr(0, 32));
     peer.ask("layer", key + std::string(fromHex(row.ofServer).view()) + std::string(fromHex(row.ofClient).view()));
     for (std::size_t length : {0U, 1U, 63U, 64U, 65U, 1000U, 5000U}) {
-      std::string text(length, 'a' + static_cast<char>(length % 26)), sealed = peer.ask("seal", text);
+      std::string text(length, static_cast<char>('a' + length % 26)), sealed = peer.ask("seal", text);
       // The peer seals as the client does, so the server opens; and the other way round.
       Secret plaintext;
       EXPECT_EQ(srp_decode(&server, bytesOf(sealed), &plaintext), SRPDone);
