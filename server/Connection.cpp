@@ -118,7 +118,7 @@ void Connection::close() {
   isBroken_ = true;
   allowForever();
   boost::system::error_code ignored;
-  stream_.next_layer().close(ignored);
+  (void)stream_.next_layer().close(ignored);
   event_.cancel();
 }
 
@@ -170,8 +170,8 @@ Connection::Awaitable<bool> Connection::readHead(RequestParser& parser) {
 Connection::Awaitable<HTTPResponse> Connection::respond(RequestParser& parser) {
   const HTTPRequestHead& head = parser.head();
   if (isSignIn(head)) co_return co_await respondToSignIn(parser);
-  auto command = Command::parse(head);
   if (!co_await isSignedIn(head)) co_return HTTPResponse::sentence(401, "Please sign in.");
+  auto command = Command::parse(head);
   if (!command) co_return command.error();
   if (command->isUpload()) co_return co_await respondToUpload(parser, *command);
   if (command->kind == Command::Kind::Watch) co_return co_await respondToWatch(parser);

@@ -52,14 +52,16 @@ std::string clientAddress(const net::ip::address& address) {
 
 // A client that vanished without a word is noticed within a minute, even while its watch is held.
 void setUp(tcp::socket& socket) {
-  boost::system::error_code ignored;
-  socket.set_option(tcp::no_delay(true), ignored);
-  socket.set_option(net::socket_base::keep_alive(true), ignored);
-  using IntegerOption = net::detail::socket_option::integer<IPPROTO_TCP, TCP_KEEPIDLE>;
-  socket.set_option(IntegerOption(30), ignored);
-  socket.set_option(net::detail::socket_option::integer<IPPROTO_TCP, TCP_KEEPINTVL>(10), ignored);
-  socket.set_option(net::detail::socket_option::integer<IPPROTO_TCP, TCP_KEEPCNT>(3), ignored);
-  socket.set_option(net::detail::socket_option::integer<IPPROTO_TCP, TCP_USER_TIMEOUT>(60'000), ignored);
+  auto set = [&socket](const auto& option) {
+    boost::system::error_code ignored;
+    (void)socket.set_option(option, ignored);
+  };
+  set(tcp::no_delay(true));
+  set(net::socket_base::keep_alive(true));
+  set(net::detail::socket_option::integer<IPPROTO_TCP, TCP_KEEPIDLE>(30));
+  set(net::detail::socket_option::integer<IPPROTO_TCP, TCP_KEEPINTVL>(10));
+  set(net::detail::socket_option::integer<IPPROTO_TCP, TCP_KEEPCNT>(3));
+  set(net::detail::socket_option::integer<IPPROTO_TCP, TCP_USER_TIMEOUT>(60'000));
 }
 
 std::size_t connectionLimit() {
@@ -125,7 +127,7 @@ void Server::stop() {
     net::post(state->io, [state] {
       state->isStopping = true;
       boost::system::error_code ignored;
-      state->acceptor->close(ignored);
+      (void)state->acceptor->close(ignored);
       for (Connection* connection : state->connections) connection->close();
       state->work.reset();
     });
@@ -199,14 +201,14 @@ Result<void> Server::State::listen() {
                                                              error.message()));
   };
   boost::system::error_code error;
-  tls.set_options(net::ssl::context::default_workarounds | net::ssl::context::no_compression, error);
+  (void)tls.set_options(net::ssl::context::default_workarounds | net::ssl::context::no_compression, error);
   SSL_CTX_set_min_proto_version(tls.native_handle(), TLS1_2_VERSION);
   // A resumed handshake shows no certificate, and clients compare it on each connection.
   SSL_CTX_set_session_cache_mode(tls.native_handle(), SSL_SESS_CACHE_OFF);
   SSL_CTX_set_options(tls.native_handle(), SSL_OP_NO_TICKET | SSL_OP_NO_RENEGOTIATION);
   SSL_CTX_set_num_tickets(tls.native_handle(), 0);
-  if (!error) tls.use_certificate_chain_file(certificate.certificatePath, error);
-  if (!error) tls.use_private_key_file(certificate.keyPath, net::ssl::context::pem, error);
+  if (!error) (void)tls.use_certificate_chain_file(certificate.certificatePath, error);
+  if (!error) (void)tls.use_private_key_file(certificate.keyPath, net::ssl::context::pem, error);
   if (error) {
     return Failure(serverError(ServerErrorCode::Certificate, "The certificate cannot be used: " + error.message()));
   }
@@ -216,10 +218,10 @@ Result<void> Server::State::listen() {
   if (error) return failure(error);
   tcp::endpoint endpoint = addresses.begin()->endpoint();
   acceptor.emplace(io);
-  acceptor->open(endpoint.protocol(), error);
-  if (!error) acceptor->set_option(net::socket_base::reuse_address(true), error);
-  if (!error) acceptor->bind(endpoint, error);
-  if (!error) acceptor->listen(net::socket_base::max_listen_connections, error);
+  (void)acceptor->open(endpoint.protocol(), error);
+  if (!error) (void)acceptor->set_option(net::socket_base::reuse_address(true), error);
+  if (!error) (void)acceptor->bind(endpoint, error);
+  if (!error) (void)acceptor->listen(net::socket_base::max_listen_connections, error);
   if (error) return failure(error);
   port = acceptor->local_endpoint(error).port();
 
