@@ -240,7 +240,7 @@ TEST_F(DCLogTest, FailedAssertionsOfAllLayersComeHere) {
 }
 
 TEST_F(DCLogTest, ALogThatLogsItselfNeitherWaitsNorGoesOnForEver) {
-  log_.onWrite = [] { DCLogError("about that"); };
+  log_.setOnWrite([] { DCLogError("about that"); });
   DCLogError("message");
   EXPECT_THAT(texts(), ElementsAre("message", "about that"));
 }
