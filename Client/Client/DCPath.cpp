@@ -56,12 +56,16 @@ void setUpCurrentDirectory() {
   FVFPathUtils::setCurrentDirectory(path);
 }
 
+// Until it has succeeded: a process whose container appears later is not lost.
 void verifyPathSetupOnce() {
-  static std::once_flag once;
-  std::call_once(once, [] {
-    DUPathVerifyPathSetup();
-    setUpCurrentDirectory();
-  });
+  static std::atomic<bool> verified = false;
+  if (verified.load(std::memory_order_acquire)) return;
+  static std::mutex mutex;
+  std::lock_guard lock(mutex);
+  if (verified.load(std::memory_order_relaxed)) return;
+  DUPathVerifyPathSetup();
+  setUpCurrentDirectory();
+  verified.store(true, std::memory_order_release);
 }
 
 std::string sanitizedAbsolutePath(std::string_view path) {

@@ -1,5 +1,6 @@
 #include "Client/Client/DCLog.h"
 #include "Client/Client/DCPreferences.h"
+#include "platform/NotificationCenter.h"
 #include "platform/PreferencesStore.h"
 #include "platform/Secret.h"
 #include "platform/SerialQueue.h"
@@ -8,6 +9,7 @@
 #include "tests/support/TestContainer.h"
 
 #include <filesystem>
+#include <future>
 #include <thread>
 
 #include <gmock/gmock.h>
@@ -32,6 +34,14 @@ class DCLogTest : public testing::Test {
     std::filesystem::create_directories(container_.file("Preferences"));
     PreferencesStore store(container_.file("Preferences/group.quorl.Florvane.plist"));
     ASSERT_TRUE(store.update([&](Dictionary& contents) { contents = preferences; }));
+  }
+  // Returns when everything posted so far has been delivered.
+  static void waitForDelivery() {
+    std::promise<void> over;
+    auto& center = NotificationCenter::shared();
+    auto ending = center.addObserver("over", [&](const Notification&) { over.set_value(); });
+    center.post("over");
+    over.get_future().wait();
   }
   std::vector<std::string> texts() {
     std::vector<std::string> texts;
@@ -152,11 +162,12 @@ TEST_F(DCLogTest, FollowsThePreferences) {
   EXPECT_FALSE(dc_log_trace_is_on());
   ASSERT_TRUE(preferences->setLogLevel("warning"));
   EXPECT_EQ(log_.waitFor("Setting log level to 4").level, 5);
-  SerialQueue::create("after")->sync([] {});
   ASSERT_TRUE(preferences->setLogLevel("5"));
+  waitForDelivery();
+  EXPECT_EQ(dc_log_get_level(dc_log_default_category()), 5);
+  EXPECT_EQ(log_.countOf("Setting log level to 5"), 0U) << "level 4 drops what is said at level 5";
   ASSERT_TRUE(preferences->setLogLevel("6"));
   log_.waitFor("Setting log level to 6");
-  EXPECT_EQ(log_.countOf("Setting log level to 5"), 0U) << "level 4 drops what is said at level 5";
 }
 
 // Reading the preferences for the first time says something itself.
