@@ -118,7 +118,7 @@ void Connection::close() {
   isBroken_ = true;
   allowForever();
   boost::system::error_code ignored;
-  (void)stream_.next_layer().close(ignored);
+  ignored = stream_.next_layer().close(ignored);
   event_.cancel();
 }
 

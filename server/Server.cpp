@@ -54,7 +54,7 @@ std::string clientAddress(const net::ip::address& address) {
 void setUp(tcp::socket& socket) {
   auto set = [&socket](const auto& option) {
     boost::system::error_code ignored;
-    (void)socket.set_option(option, ignored);
+    ignored = socket.set_option(option, ignored);
   };
   set(tcp::no_delay(true));
   set(net::socket_base::keep_alive(true));
@@ -127,7 +127,7 @@ void Server::stop() {
     net::post(state->io, [state] {
       state->isStopping = true;
       boost::system::error_code ignored;
-      (void)state->acceptor->close(ignored);
+      ignored = state->acceptor->close(ignored);
       for (Connection* connection : state->connections) connection->close();
       state->work.reset();
     });
@@ -201,14 +201,14 @@ Result<void> Server::State::listen() {
                                                              error.message()));
   };
   boost::system::error_code error;
-  (void)tls.set_options(net::ssl::context::default_workarounds | net::ssl::context::no_compression, error);
+  error = tls.set_options(net::ssl::context::default_workarounds | net::ssl::context::no_compression, error);
   SSL_CTX_set_min_proto_version(tls.native_handle(), TLS1_2_VERSION);
   // A resumed handshake shows no certificate, and clients compare it on each connection.
   SSL_CTX_set_session_cache_mode(tls.native_handle(), SSL_SESS_CACHE_OFF);
   SSL_CTX_set_options(tls.native_handle(), SSL_OP_NO_TICKET | SSL_OP_NO_RENEGOTIATION);
   SSL_CTX_set_num_tickets(tls.native_handle(), 0);
-  if (!error) (void)tls.use_certificate_chain_file(certificate.certificatePath, error);
-  if (!error) (void)tls.use_private_key_file(certificate.keyPath, net::ssl::context::pem, error);
+  if (!error) error = tls.use_certificate_chain_file(certificate.certificatePath, error);
+  if (!error) error = tls.use_private_key_file(certificate.keyPath, net::ssl::context::pem, error);
   if (error) {
     return Failure(serverError(ServerErrorCode::Certificate, "The certificate cannot be used: " + error.message()));
   }
@@ -218,10 +218,10 @@ Result<void> Server::State::listen() {
   if (error) return failure(error);
   tcp::endpoint endpoint = addresses.begin()->endpoint();
   acceptor.emplace(io);
-  (void)acceptor->open(endpoint.protocol(), error);
-  if (!error) (void)acceptor->set_option(net::socket_base::reuse_address(true), error);
-  if (!error) (void)acceptor->bind(endpoint, error);
-  if (!error) (void)acceptor->listen(net::socket_base::max_listen_connections, error);
+  error = acceptor->open(endpoint.protocol(), error);
+  if (!error) error = acceptor->set_option(net::socket_base::reuse_address(true), error);
+  if (!error) error = acceptor->bind(endpoint, error);
+  if (!error) error = acceptor->listen(net::socket_base::max_listen_connections, error);
   if (error) return failure(error);
   port = acceptor->local_endpoint(error).port();
 

@@ -48,7 +48,8 @@ TEST(Server, ListsAndFetches) {
   EXPECT_THAT(root.field("ETag"), testing::MatchesRegex("[0-9a-f]+"));
   EXPECT_TRUE(root.metadata().contains("ResourceNameKey"));
   EXPECT_EQ(root.list().arraySize(), 3U);
-  for (std::string known : {root.field("ETag"), "\"" + root.field("ETag") + "\"", "W/\"" + root.field("ETag") + "\""}) {
+  for (const std::string& known :
+       {root.field("ETag"), "\"" + root.field("ETag") + "\"", "W/\"" + root.field("ETag") + "\""}) {
     HTTPAnswer again = client.get("/fv/v1/root", {"-H", "If-None-Match: " + known});
     EXPECT_EQ(again.status, 304);
     EXPECT_EQ(again.field("ETag"), root.field("ETag"));
@@ -83,10 +84,10 @@ TEST(Server, SaysWhyItRefuses) {
   HTTPAnswer wrongMethod = client.post("/fv/v1/ls?d=" + library, "");
   EXPECT_EQ(wrongMethod.status, 405);
   EXPECT_EQ(wrongMethod.field("Allow"), "GET");
-  for (std::string target : {"/", "/fv/v1/", "/fv/v2/root", "/fv/v1/delete", "/x/v1/root"}) {
+  for (const char* target : {"/", "/fv/v1/", "/fv/v2/root", "/fv/v1/delete", "/x/v1/root"}) {
     EXPECT_EQ(client.get(target).status, 404) << target;
   }
-  for (std::string target : {"/fv/v1/ls", "/fv/v1/ls?d=", "/fv/v1/cat?d=xyz"}) {
+  for (const char* target : {"/fv/v1/ls", "/fv/v1/ls?d=", "/fv/v1/cat?d=xyz"}) {
     HTTPAnswer answer = client.get(target);
     EXPECT_TRUE(answer.status == 400 || answer.status == 404) << target << answer.status;
     EXPECT_THAT(answer.body, testing::EndsWith("."));

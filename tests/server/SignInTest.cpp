@@ -165,7 +165,7 @@ TEST(Administration, UsersComeAndGo) {
   ASSERT_TRUE((*administration)->removeUser(name));
   EXPECT_FALSE(users.verify(name, Secret("two")));
   EXPECT_EQ((*administration)->removeUser(name).error().code(), static_cast<int>(ServerErrorCode::NotFound));
-  for (std::string bad : {std::string(), std::string(81, 'x'), std::string("a\nb"), std::string("\xff")}) {
+  for (const std::string& bad : {std::string(), std::string(81, 'x'), std::string("a\nb"), std::string("\xff")}) {
     EXPECT_EQ(users.add(bad, Secret("x")).error().code(), static_cast<int>(ServerErrorCode::InvalidArgument));
   }
 }
