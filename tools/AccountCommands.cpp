@@ -1,6 +1,7 @@
 #include "tools/Commands.h"
 
 #include <charconv>
+#include <csignal>
 #include <cstdio>
 
 #include <termios.h>
@@ -44,18 +45,30 @@ std::string firstLine(std::string text) {
   return text;
 }
 
+termios terminalBeforePrompt;
+
+// A prompt that is interrupted leaves the terminal as it was.
+extern "C" void restoreTerminalAndEnd(int signal) {
+  tcsetattr(STDIN_FILENO, TCSAFLUSH, &terminalBeforePrompt);
+  (void)std::raise(signal);  // its default action, as the handler is reset by now
+}
+
 // One line from the terminal, its echo off while it is typed.
 CommandResult<Secret> promptForPassword(const std::string& userName, const std::string& host) {
   std::fprintf(stderr, "Password of %s at %s: ", printable(userName).c_str(), printable(host).c_str());
-  termios before{};
-  tcgetattr(STDIN_FILENO, &before);
-  termios silent = before;
+  tcgetattr(STDIN_FILENO, &terminalBeforePrompt);
+  struct sigaction restore{};
+  restore.sa_handler = restoreTerminalAndEnd;
+  restore.sa_flags = static_cast<int>(SA_RESETHAND | SA_NODEFER);
+  for (int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) sigaction(signal, &restore, nullptr);
+  termios silent = terminalBeforePrompt;
   silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
   tcsetattr(STDIN_FILENO, TCSAFLUSH, &silent);
   std::string line;
   int character = 0;
   while ((character = std::getchar()) != EOF && character != '\n') line += static_cast<char>(character);
-  tcsetattr(STDIN_FILENO, TCSAFLUSH, &before);
+  tcsetattr(STDIN_FILENO, TCSAFLUSH, &terminalBeforePrompt);
+  for (int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) (void)std::signal(signal, SIG_DFL);
   std::fputc('\n', stderr);
   if (line.empty()) return tl::unexpected(usage("No password was typed."));
   return Secret(line);
@@ -67,8 +80,9 @@ CommandResult<Secret> readPassword(const AccountAddOptions& options) {
     return tl::unexpected(
         usage("There is no terminal to ask for the password. Give it in a file: --password-file FILE"));
   }
-  constexpr std::uint64_t kMaximumPasswordBytes = 64 * 1024;
-  auto bytes = readFile(*options.passwordFile == "-" ? "/dev/stdin" : *options.passwordFile, kMaximumPasswordBytes);
+  constexpr std::uint64_t kMaximumPasswordBytes = std::uint64_t{64} * 1024;
+  auto bytes = *options.passwordFile == "-" ? readAll(STDIN_FILENO, "standard input", kMaximumPasswordBytes)
+                                            : readFile(*options.passwordFile, kMaximumPasswordBytes);
   if (!bytes) return tl::unexpected(failureForError(bytes.error(), "", "Could not read the password"));
   Secret password(firstLine(std::string(bytes->view())));
   if (password.empty()) return tl::unexpected(usage("The password file is empty: " + *options.passwordFile));
@@ -145,7 +159,7 @@ ExitStatus accountRemove(const Output& output, const std::string& name) {
   if (!*account) {
     return output.fail({ExitStatus::NoSuchItem, "There is no account named \"" + name + "\".", std::nullopt});
   }
-  auto service = DCService::serviceWithAccount(**account);
+  auto service = DCService::serviceWithAccount(*account);
   if (auto cleared = DCPreferences::preferences()->clearAuthCookieAndTrustedCertDataForService(service); !cleared) {
     return output.fail(failureForError(cleared.error(), "", "Could not sign out"));
   }

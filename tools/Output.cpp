@@ -1,7 +1,9 @@
 #include "tools/Output.h"
 
 #include <array>
+#include <cerrno>
 #include <cstdio>
+#include <system_error>
 
 namespace florvane::tools {
 
@@ -86,9 +88,10 @@ CommandFailure failureForError(const Error& error, const std::string& server, co
 }
 
 void Output::line(const std::string& text) const {
-  std::fwrite(text.data(), 1, text.size(), stdout);
-  std::fputc('\n', stdout);
-  std::fflush(stdout);
+  if (writeFailure_) return;
+  if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size() || std::fputc('\n', stdout) == EOF) {
+    writeFailure_ = errno;
+  }
 }
 
 void Output::object(const nlohmann::ordered_json& object) const {
@@ -96,10 +99,12 @@ void Output::object(const nlohmann::ordered_json& object) const {
 }
 
 void Output::note(const std::string& text) const {
-  if (!options_.quiet && !options_.json) std::fprintf(stderr, "%s\n", text.c_str());
+  if (!options_.quiet) std::fprintf(stderr, "%s\n", printable(text).c_str());
 }
 
 ExitStatus Output::fail(const CommandFailure& failure) const {
+  auto* cause = failure.error ? failure.error->underlyingError() : nullptr;
+  if (cause && cause->is(POSIXErrorDomain, EPIPE)) return failure.status;  // nobody reads our output any more
   if (options_.json) {
     nlohmann::ordered_json error;
     error["domain"] = failure.error ? failure.error->domain() : "florvane";
@@ -112,16 +117,39 @@ ExitStatus Output::fail(const CommandFailure& failure) const {
   return failure.status;
 }
 
+bool Output::flush() const {
+  if (std::fflush(stdout) != 0 && !writeFailure_) writeFailure_ = errno;
+  return !writeFailure_;
+}
+
+ExitStatus Output::finish(ExitStatus status) const {
+  if (flush()) return status;
+  if (writeFailure_ != EPIPE) {
+    std::string reason = std::generic_category().message(writeFailure_);
+    std::fprintf(stderr, "florvane: Could not write to standard output: %s\n", reason.c_str());
+  }
+  return status == ExitStatus::Done ? ExitStatus::Failed : status;
+}
+
 std::string printable(const std::string& text) {
   std::string out;
-  for (char character : text) {
-    auto byte = static_cast<unsigned char>(character);
-    if (byte < 0x20 || byte == 0x7f) {
-      std::array<char, 5> escaped{};
-      std::snprintf(escaped.data(), escaped.size(), "\\x%02x", byte);
-      out += escaped.data();
+  auto escape = [&out](const char* form, unsigned value) {
+    std::array<char, 8> escaped{};
+    std::snprintf(escaped.data(), escaped.size(), form, value);
+    out += escaped.data();
+  };
+  auto at = [&text](std::size_t i) { return i < text.size() ? static_cast<unsigned char>(text[i]) : 0U; };
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    if (at(i) < 0x20 || at(i) == 0x7f) {
+      escape("\\x%02x", at(i));
+    } else if (at(i) == 0xc2 && at(i + 1) >= 0x80 && at(i + 1) < 0xa0) {
+      escape("\\x%02x", at(++i));
+    } else if (unsigned last = at(i + 2); at(i) == 0xe2 && ((at(i + 1) == 0x80 && last >= 0xaa && last <= 0xae) ||
+                                                            (at(i + 1) == 0x81 && last >= 0xa6 && last <= 0xa9))) {
+      escape("\\u%04x", (at(i) & 0xfU) << 12 | (at(i + 1) & 0x3fU) << 6 | (last & 0x3fU));
+      i += 2;
     } else {
-      out += character;
+      out += text[i];
     }
   }
   return out;

@@ -3,6 +3,8 @@
 
 #include <cerrno>
 #include <filesystem>
+#include <functional>
+#include <span>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -12,29 +14,49 @@ namespace florvane::tools {
 
 namespace {
 
-constexpr std::size_t kCopyBytes = 1024 * 1024;
+constexpr std::size_t kCopyBytes = std::size_t{3} * 512 * 1024;  // a multiple of 3, as pieces are written in base64 too
 
-Result<void> copyBytes(int from, int to, const std::string& fromPath, const std::string& toPath) {
+using Bytes = std::span<const std::uint8_t>;
+
+// Hands on a file piece by piece, each of kCopyBytes except the last.
+Result<void> readPieces(const std::string& path, const std::function<Result<void>(Bytes)>& receive) {
+  auto file = openFile(path, O_RDONLY);
+  if (!file) return Failure(file.error());
   std::vector<std::uint8_t> buffer(kCopyBytes);
+  std::size_t filled = 0;
   while (true) {
-    ssize_t count = ::read(from, buffer.data(), buffer.size());
-    if (count == 0) return {};
+    ssize_t count = ::read(file->get(), buffer.data() + filled, buffer.size() - filled);
     if (count < 0 && errno == EINTR) continue;
-    if (count < 0) return Failure(Error::fileRead(errno, fromPath));
-    auto written = writeAll(to, {buffer.data(), static_cast<std::size_t>(count)}, toPath);
-    if (!written) return written;
+    if (count < 0) return Failure(Error::fileRead(errno, path));
+    filled += static_cast<std::size_t>(count);
+    if (count > 0 && filled < buffer.size()) continue;
+    if (auto received = receive({buffer.data(), filled}); !received) return received;
+    if (count == 0) return {};
+    filled = 0;
   }
 }
 
 Result<void> copyFile(const std::string& path, int to, const std::string& toPath) {
-  FileDescriptor from(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  if (!from.valid()) return Failure(Error::fileRead(errno, path));
-  return copyBytes(from.get(), to, path, toPath);
+  return readPieces(path, [&](Bytes bytes) { return writeAll(to, bytes, toPath); });
 }
 
-// Puts a downloaded file in its place: a temporary beside it, by link where the file systems are one, and a rename, so
-// that whatever stood there is whole until the new file is.
-Result<void> placeFile(const std::string& downloaded, const std::string& destination, std::optional<Date> modified) {
+// The file as the one object that a script expects, without holding it in memory.
+Result<void> printAsObject(const std::string& path, const std::string& name) {
+  auto print = [](std::string_view text) {
+    return writeAll(STDOUT_FILENO, {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()},
+                    "standard output");
+  };
+  auto done = print("{\"name\":" + nlohmann::json(name).dump() + R"(,"encoding":"base64","contents":")");
+  if (!done) return done;
+  done = readPieces(path, [&](Bytes bytes) { return print(base64Encode(Data(bytes.data(), bytes.size()))); });
+  return done ? print("\"}\n") : done;
+}
+
+// Puts a downloaded file in its place: under a temporary name beside it, moved where the file systems are one, and then
+// a rename, so that whatever stood there is whole until the new file is, also if power fails. What stood there keeps
+// its mode.
+Result<void> replaceFile(const std::string& downloaded, const std::string& destination, std::optional<Date> modified,
+                         std::optional<mode_t> presentMode) {
   std::string folder = std::filesystem::path(destination).parent_path();
   auto temporary = makeTemporaryFile(folder.empty() ? "." : folder, ".florvane-get-");
   if (!temporary) return Failure(temporary.error());
@@ -45,12 +67,26 @@ Result<void> placeFile(const std::string& downloaded, const std::string& destina
   if (placed && !written.valid()) placed = Failure(Error::fileWrite(errno, path));
   mode_t mask = umask(0);
   umask(mask);
-  if (placed && fchmod(written.get(), 0666 & ~mask) != 0) placed = Failure(Error::fileWrite(errno, path));
+  if (placed && fchmod(written.get(), presentMode.value_or(0666 & ~mask)) != 0) {
+    placed = Failure(Error::fileWrite(errno, path));
+  }
   if (placed && modified) placed = setContentModificationDate(written.get(), *modified);
+  if (placed && presentMode && fsync(written.get()) != 0) placed = Failure(Error::fileWrite(errno, path));
   if (placed && ::rename(path.c_str(), destination.c_str()) != 0)
     placed = Failure(Error::fileWrite(errno, destination));
   if (!placed) (void)removeItem(path);
   return placed;
+}
+
+// A symbolic link stays one, and a device or a pipe is written to.
+Result<void> placeFile(const std::string& downloaded, const std::string& destination, std::optional<Date> modified) {
+  struct stat present{};
+  if (::stat(destination.c_str(), &present) != 0) return replaceFile(downloaded, destination, modified, std::nullopt);
+  if (S_ISREG(present.st_mode)) {
+    return replaceFile(downloaded, realPath(destination).value_or(destination), modified, present.st_mode & 0777);
+  }
+  auto device = openFile(destination, O_WRONLY | O_NOCTTY);
+  return device ? copyFile(downloaded, device->get(), destination) : Failure(device.error());
 }
 
 }  // namespace
@@ -61,8 +97,9 @@ ExitStatus catFile(const Output& output, const std::string& text) {
   if (!tree) return output.fail(tree.error());
   auto item = tree->item(reference.path);
   if (!item) return output.fail(item.error());
-  auto done = tree->read(*item, reference.text(),
-                         [](const std::string& path) { return copyFile(path, STDOUT_FILENO, "standard output"); });
+  auto done = tree->read(*item, reference.text(), [name = item->name, json = output.options().json](const auto& path) {
+    return json ? printAsObject(path, name) : copyFile(path, STDOUT_FILENO, "standard output");
+  });
   return done ? ExitStatus::Done : output.fail(done.error());
 }
 
@@ -81,7 +118,7 @@ ExitStatus getFile(const Output& output, const GetOptions& options) {
   });
   if (!done) return output.fail(done.error());
   if (output.options().json) output.object({{"path", destination.string()}});
-  output.note("Fetched " + printable(reference.text()) + " to " + printable(destination));
+  output.note("Fetched " + reference.text() + " to " + destination.string());
   return ExitStatus::Done;
 }
 

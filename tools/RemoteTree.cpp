@@ -1,5 +1,6 @@
 #include "tools/RemoteTree.h"
 
+#include <atomic>
 #include <future>
 
 namespace florvane::tools {
@@ -45,6 +46,10 @@ bool RemoteTree::Item::isDirectory() const {
 }
 
 CommandResult<RemoteTree> RemoteTree::open(const std::string& accountName, const CommonOptions& options) {
+  if (accountName.empty()) {
+    return tl::unexpected(CommandFailure{
+        ExitStatus::Usage, "An account's name is missing: NAME or NAME:PATH. See: florvane account list", {}});
+  }
   auto fail = [](const Error& error) { return tl::unexpected(failureForError(error, "", "")); };
   auto store = AccountStore::shared();
   if (!store) return fail(store.error());
@@ -57,7 +62,7 @@ CommandResult<RemoteTree> RemoteTree::open(const std::string& accountName, const
                                              " HOST[:PORT] --user USER",
                                          std::nullopt});
   }
-  return RemoteTree(DCService::serviceWithAccount(**account), options.timeout.value_or(kUnlimited));
+  return RemoteTree(DCService::serviceWithAccount(*account), options.timeout.value_or(kUnlimited));
 }
 
 RemoteTree::RemoteTree(std::shared_ptr<DCService> service, Duration timeout)
@@ -83,16 +88,24 @@ CommandResult<void> RemoteTree::perform(const std::string& what, const Start& st
   for (int attempt = 1;; ++attempt) {
     auto promise = std::make_shared<std::promise<std::optional<Error>>>();
     auto future = promise->get_future();
+    auto isDecided = std::make_shared<std::atomic<bool>>(false);  // by the answer or by the time limit
     // The operation runs on the service's queue: it may wait there for a sign-in, and --timeout still holds here. What
     // the caller handed in is copied, since this function may have returned when an answer comes late.
-    rootActivityInfo_->queue()->dispatchAsynchronousBlock([start, receive, promise] {
-      start([receive, promise](const FVFResponseContainer::Ptr& container, const std::optional<Error>& error) {
-        Result<void> received;
-        if (container) received = receive(*container);
-        promise->set_value(error || received ? error : std::optional(received.error()));
-      });
-    });
-    if (future.wait_until(deadline_) == std::future_status::timeout) {
+    auto answered = [receive, promise = std::move(promise), isDecided](const FVFResponseContainer::Ptr& container,
+                                                                       const std::optional<Error>& error) {
+      if (isDecided->exchange(true)) return;
+      Result<void> received;
+      if (container && container->url()) {
+        received = receive(*container);
+        // The process may end before the session has cleaned up.
+        (void)removeItem(container->url()->path());
+      } else if (!error) {
+        received = Failure(Error(URLErrorDomain, URLErrorCannotParseResponse, "The server's answer has no contents."));
+      }
+      promise->set_value(error || received ? error : std::optional(received.error()));
+    };
+    rootActivityInfo_->queue()->dispatchAsynchronousBlock([start, answered = std::move(answered)] { start(answered); });
+    if (future.wait_until(deadline_) == std::future_status::timeout && !isDecided->exchange(true)) {
       return tl::unexpected(failureForError(Error(URLErrorDomain, URLErrorTimedOut), server(), what));
     }
     auto error = future.get();

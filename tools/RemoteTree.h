@@ -14,11 +14,12 @@ struct ItemReference {
   std::string account;
   std::string path;
   static ItemReference parse(const std::string& text);
-  std::string text() const { return account + ":" + path; }
+  std::string text() const { return path.empty() ? account : account + ":" + path; }
 };
 
 // One account's tree as the server has it now, for callers that wait. An answer of 401 is asked for once more, with a
-// new sign-in.
+// new sign-in. The time limit of the options counts from open() on, for answers to arrive; what arrived in time is
+// received to its end.
 class RemoteTree {
  public:
   // Fails with a sentence when there is no such account.

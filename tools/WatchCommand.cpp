@@ -123,9 +123,7 @@ class Watching {
       ItemReference reference = ItemReference::parse(text);
       auto& watch = accounts_[reference.account];
       if (!watch) {
-        CommonOptions unlimited = output_.options();
-        unlimited.timeout.reset();  // the deadline is this loop's
-        auto tree = RemoteTree::open(reference.account, unlimited);
+        auto tree = RemoteTree::open(reference.account, output_.options());
         if (!tree) return tl::unexpected(tree.error());
         watch = std::make_unique<AccountWatch>(std::move(*tree), wakeup_);
       }
@@ -138,7 +136,9 @@ class Watching {
     bool isFirst = true;
     while (true) {
       auto failure = lookAndWatch();
+      if (!output_.flush()) return ExitStatus::Failed;
       if (remaining_ == std::size_t{0}) return ExitStatus::Done;
+      if (!isFirst && isOver()) return remaining_ ? ExitStatus::Failed : ExitStatus::Done;
       if (failure && (isFirst || failure->status == ExitStatus::SigningInFailed)) return output_.fail(*failure);
       if (failure) {
         output_.note("florvane: " + failure->sentence + " Trying again.");
@@ -152,7 +152,11 @@ class Watching {
   }
 
  private:
+  bool isOver() const { return deadline_ && std::chrono::steady_clock::now() >= *deadline_; }
+
+  // The first failure; an account that fails keeps no other from being watched.
   std::optional<CommandFailure> lookAndWatch() {
+    std::optional<CommandFailure> failure;
     for (auto& [name, watch] : accounts_) {
       auto looked = watch->lookAndWatch([this](const ItemReference& reference, const char* event) {
         if (remaining_ == std::size_t{0}) return;
@@ -163,15 +167,14 @@ class Watching {
           output_.line(std::string(event) + "\t" + printable(reference.text()));
         }
       });
-      if (!looked) return looked.error();
+      if (!looked && !failure) failure = looked.error();
     }
-    return std::nullopt;
+    return failure;
   }
 
   // Until something happens, or after a failure for a pause. False when the time that was given is over.
   bool wait(bool pausing) {
     std::unique_lock lock(wakeup_->mutex);
-    auto now = [] { return std::chrono::steady_clock::now(); };
     auto waitUntil = [&](std::optional<MonotonicTime> time, auto condition) {
       auto end = time && deadline_ ? std::min(*time, *deadline_) : time ? time : deadline_;
       if (end) {
@@ -184,11 +187,12 @@ class Watching {
     // A refused cookie is gone by now, and the next look signs in again.
     bool refused = wakeup_->ended && wakeup_->ended->is(URLErrorDomain, 401);
     if (pausing || (wakeup_->ended && !refused)) {
-      waitUntil(now() + std::chrono::duration_cast<MonotonicTime::duration>(backOff_.next()), [] { return false; });
+      auto pause = std::chrono::duration_cast<MonotonicTime::duration>(backOff_.next());
+      waitUntil(std::chrono::steady_clock::now() + pause, [this] { return wakeup_->updated; });
     }
     wakeup_->updated = false;
     wakeup_->ended.reset();
-    return !deadline_ || now() < *deadline_;
+    return !isOver();
   }
 
   const Output& output_;

@@ -1,7 +1,11 @@
 #include "tools/Commands.h"
 
+#include <cmath>
+#include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <functional>
+#include <string_view>
 
 #include <CLI/CLI.hpp>
 
@@ -9,6 +13,15 @@ namespace {
 
 using namespace florvane;         // NOLINT(google-build-using-namespace): the program's own names
 using namespace florvane::tools;  // NOLINT(google-build-using-namespace)
+
+// A validator of the parser's: the sentence to say, or nothing.
+std::string isTimeLimit(const std::string& text) {
+  constexpr double kYear = 365.0 * 24 * 3600;
+  char* end = nullptr;
+  double seconds = std::strtod(text.c_str(), &end);
+  bool isNumber = !text.empty() && *end == '\0' && std::isfinite(seconds);
+  return isNumber && seconds > 0 && seconds <= kYear ? "" : "Not a number of seconds between 0 and a year: " + text;
+}
 
 // Everything that the command line says; what to run is chosen while it is parsed.
 class CommandLine {
@@ -21,7 +34,7 @@ class CommandLine {
     app_.add_flag("--json", common_.json, "Answer with JSON: one object, or one a line where it streams");
     app_.add_flag("--quiet,-q", common_.quiet, "Say nothing but the answer and errors");
     app_.add_option("--timeout", timeoutSeconds_, "Give up after so many seconds")
-        ->check(CLI::PositiveNumber)
+        ->check(isTimeLimit)
         ->type_name("SECONDS");
     app_.add_flag("--debug", debug_, "Write the log to standard error");
     app_.fallthrough();
@@ -37,17 +50,35 @@ class CommandLine {
     try {
       app_.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-      return app_.exit(error) == 0 ? ExitStatus::Done : ExitStatus::Usage;
+      bool asksForHelp = error.get_exit_code() == 0;
+      if (asksForHelp) (void)app_.exit(error);
+      // Options are taken over only when all of them are understood.
+      common_.json =
+          std::any_of(argv, argv + argc, [](const char* each) { return std::string_view(each) == "--json"; });
+      Output output(common_);
+      return output.finish(asksForHelp ? ExitStatus::Done : output.fail(usageFailure(error)));
     }
     if (timeoutSeconds_) {
       common_.timeout = std::chrono::duration_cast<Duration>(std::chrono::duration<double>(*timeoutSeconds_));
     }
     if (container_) Container::setDirectory(*container_);
     if (debug_) DCLogEnableDebug(true);
-    return run_(Output(common_));
+    Output output(common_);
+    try {
+      return output.finish(run_(output));
+    } catch (const std::exception& exception) {
+      return output.finish(output.fail({ExitStatus::Failed, exception.what(), std::nullopt}));
+    }
   }
 
  private:
+  CommandFailure usageFailure(const CLI::ParseError& error) const {
+    auto extras = app_.remaining();
+    bool isUnknown = app_.get_subcommands().empty() && !extras.empty() && !extras.front().starts_with('-');
+    std::string sentence = isUnknown ? "There is no command \"" + extras.front() + "\"." : error.what();
+    return {ExitStatus::Usage, sentence + (sentence.ends_with('.') ? "" : ".") + " See: florvane --help", std::nullopt};
+  }
+
   void addAccount() {
     auto* account = app_.add_subcommand("account", "Add, list and remove accounts")->require_subcommand(1);
     auto* add = account->add_subcommand("add", "Add an account of a server");
@@ -106,11 +137,15 @@ class CommandLine {
 }  // namespace
 
 int main(int argc, char** argv) {
+  (void)std::signal(SIGPIPE, SIG_IGN);  // a reader that has gone shows as an error of the write
+  auto status = ExitStatus::Failed;
   try {
     CommandLine commandLine;
-    return static_cast<int>(commandLine.parseAndRun(argc, argv));
+    status = commandLine.parseAndRun(argc, argv);
   } catch (const std::exception& exception) {
     std::fprintf(stderr, "florvane: %s\n", exception.what());
-    return static_cast<int>(ExitStatus::Failed);
   }
+  // A request that was given up on may still run on its thread: nothing that it uses is taken down under it.
+  (void)std::fflush(nullptr);
+  std::_Exit(static_cast<int>(status));
 }
