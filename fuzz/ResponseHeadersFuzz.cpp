@@ -24,6 +24,9 @@ struct Client {
     Container::setDirectory(folder);
     manager = std::make_shared<DCRemoteDocumentManager>(DCService::serviceWithHostName("localhost", "fuzz"));
   }
+  ~Client() { std::filesystem::remove_all(folder); }
+  Client(const Client&) = delete;
+  Client& operator=(const Client&) = delete;
   std::string folder = std::filesystem::temp_directory_path() / ("florvane-fuzz-" + std::to_string(getpid()));
   std::shared_ptr<DCRemoteDocumentManager> manager;
 };
@@ -91,7 +94,7 @@ void answer(const Client& client, std::span<const std::uint8_t> input) {
 }  // namespace florvane
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
-  static const auto& client = *new florvane::Client;
+  static const florvane::Client client;
   if (size >= 3) florvane::answer(client, {bytes, size});
   return 0;
 }
