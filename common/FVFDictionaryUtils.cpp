@@ -18,6 +18,7 @@ std::optional<std::int64_t> wholeNumber(const Value& value) {
 }
 
 bool equal(const Value& a, const Value& b) {
+  if (classOf(a) != classOf(b)) return false;
   return classOf(a) == Value::Kind::Integer ? fv_isEqualToNumber(a, &b) : a == b;
 }
 
@@ -28,12 +29,10 @@ Dictionary FVFDictionaryUtils::differencesBetweenDictionary(const Dictionary& di
   Dictionary differences;
   for (const auto& [key, value] : andDictionary) {
     const Value* previous = dictionary.find(key.text());
-    if (!previous || classOf(*previous) != classOf(value)) {
-      differences.set(key, value);
-    } else if (value.kind() == Value::Kind::Dictionary) {
+    if (previous && previous->kind() == Value::Kind::Dictionary && value.kind() == Value::Kind::Dictionary) {
       Dictionary nested = differencesBetweenDictionary(*previous->asDictionary(), *value.asDictionary());
       if (!nested.empty()) differences.set(key, nested);
-    } else if (!equal(*previous, value)) {
+    } else if (!previous || !equal(*previous, value)) {
       differences.set(key, value);
     }
   }

@@ -69,8 +69,9 @@ Outcome RemoteClient::cat(const Dictionary& file, const std::optional<Data>& unl
 Dictionary RemoteClient::entry(const Outcome& listing, const std::string& name) {
   if (listing.error) throw std::runtime_error(listing.error->description());
   auto list = readPropertyList(Data::fromString(listing.body.value_or("")));
-  if (!list || !list->asArray()) throw std::runtime_error("no listing");
-  for (const Value& each : *list->asArray()) {
+  auto entries = list ? list->asArray() : std::nullopt;
+  if (!entries) throw std::runtime_error("no listing");
+  for (const Value& each : *entries) {
     auto entry = each.asDictionary();
     if (entry && entry->string(ResourceNameKey) == name) return *entry;
   }
