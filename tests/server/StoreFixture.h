@@ -54,12 +54,13 @@ class StoreFixture : public ::testing::Test {
   static Entries parse(const Data& body) {
     Entries entries;
     const auto list = readPropertyList(body);
-    if (!list || !list->asArray()) {
+    const auto values = list ? list->asArray() : std::nullopt;
+    if (!values) {
       ADD_FAILURE() << "the body is no array";
       return entries;
     }
     std::string last;
-    for (const Value& value : *list->asArray()) {
+    for (const Value& value : *values) {
       const Dictionary entry = value.asDictionary().value_or(Dictionary());
       const std::string name = entry.string(ResourceNameKey).value_or("");
       EXPECT_LT(last, name) << "sorted by name";
