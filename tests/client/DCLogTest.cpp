@@ -258,6 +258,7 @@ TEST_F(DCLogTest, ALogThatLogsItselfNeitherWaitsNorGoesOnForEver) {
 
 TEST_F(DCLogTest, EveryMessageOfManyThreadsAtFirstUseArrivesWhole) {
   std::vector<std::thread> threads;
+  threads.reserve(8);
   for (int thread = 0; thread < 8; ++thread) {
     threads.emplace_back([thread] {
       for (int message = 0; message < 50; ++message) {

@@ -190,6 +190,7 @@ TEST_F(DCPathTest, ManyThreadsGetTheSameRoots) {
   service();
   std::vector<DCFullPath::Ptr> documentRoots(4);
   std::vector<std::thread> threads;
+  threads.reserve(documentRoots.size());
   for (auto& root : documentRoots) {
     threads.emplace_back([&] {
       auto other = DCService::serviceWithHostName("host", "another");
