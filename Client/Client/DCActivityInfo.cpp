@@ -1,16 +1,20 @@
 #include "Client/Client/DCActivityInfo.h"
 
+#include "Client/Client/DCLog.h"
 #include "platform/Format.h"
 #include "platform/Value.h"
 
 namespace florvane {
 
 DCActivityInfo::Ptr DCActivityInfo::activityInfoWithQueue(std::shared_ptr<FVFDispatchQueue> queue) {
-  return activityInfoWithQueue(std::move(queue), std::nullopt);
+  DCLogTrace("+[DCActivityInfo activityInfoWithQueue:]", {{"queue", queue}});
+  return std::make_shared<const DCActivityInfo>(std::move(queue), std::nullopt);
 }
 
 DCActivityInfo::Ptr DCActivityInfo::activityInfoWithQueue(std::shared_ptr<FVFDispatchQueue> queue,
                                                           std::optional<Data> sharepointDocumentIdentifier) {
+  DCLogTrace("+[DCActivityInfo activityInfoWithQueue:sharepointDocumentIdentifier:]",
+             {{"queue", queue}, {"sharepointDocumentIdentifier", sharepointDocumentIdentifier}});
   return std::make_shared<const DCActivityInfo>(std::move(queue), std::move(sharepointDocumentIdentifier));
 }
 

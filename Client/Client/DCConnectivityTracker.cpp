@@ -26,11 +26,13 @@ std::optional<bool> connectedByEvent(std::string_view eventType) {
 }  // namespace
 
 std::string DCConnectivityTracker::serverFromURL(const URL& url) {
+  DCLogTrace("+[DCConnectivityTracker serverFromURL:]", {{"url", url}});
   return format("%@://%@:%@", url.scheme(), url.host(), url.effectivePort());
 }
 
 std::shared_ptr<DCConnectivityTracker> DCConnectivityTracker::connectivityTrackerForService(
     const std::shared_ptr<DCService>& service) {
+  DCLogTrace("+[DCConnectivityTracker connectivityTrackerForService:]", {{"service", service}});
   struct Registry {
     std::mutex mutex;  // guards trackers; making a tracker waits for nothing
     std::unordered_map<std::string, std::shared_ptr<DCConnectivityTracker>> trackers;
@@ -45,9 +47,12 @@ std::shared_ptr<DCConnectivityTracker> DCConnectivityTracker::connectivityTracke
 }
 
 DCConnectivityTracker::DCConnectivityTracker(std::string server, Clock& clock)
-    : server_(std::move(server)), clock_(clock), events_(std::make_unique<Events>(kEventLifetime, clock)) {}
+    : server_(std::move(server)), clock_(clock), events_(std::make_unique<Events>(kEventLifetime, clock)) {
+  DCLogTrace("-[DCConnectivityTracker initWithServer:]", {{"server", server_}});
+}
 
 void DCConnectivityTracker::addDelegate(const std::shared_ptr<DCConnectivityTrackerDelegate>& delegate) {
+  DCLogTrace("-[DCConnectivityTracker addDelegate:]", {{"delegate", baseDescription("Delegate", delegate.get())}});
   std::lock_guard lock(mutex_);
   DelegateEntry& entry = delegates_[delegate.get()];
   entry.delegate = delegate;
@@ -55,45 +60,69 @@ void DCConnectivityTracker::addDelegate(const std::shared_ptr<DCConnectivityTrac
 }
 
 void DCConnectivityTracker::removeDelegate(const DCConnectivityTrackerDelegate* delegate) {
+  DCLogTrace("-[DCConnectivityTracker removeDelegate:]", {{"delegate", baseDescription("Delegate", delegate)}});
   std::lock_guard lock(mutex_);
   auto entry = delegates_.find(delegate);
   if (entry != delegates_.end() && --entry->second.count == 0) delegates_.erase(entry);
 }
 
 bool DCConnectivityTracker::isConnected() const {
+  DCLogTrace("-[DCConnectivityTracker isConnected]");
   std::lock_guard lock(mutex_);
   return isConnected_;
 }
 
-void DCConnectivityTracker::didStartTask(const URLSessionPtr& /*session*/, const URLSessionTaskPtr& task) {
+void DCConnectivityTracker::didStartTask(const URLSessionPtr& session, const URLSessionTaskPtr& task) {
+  DCLogTrace("-[DCConnectivityTracker URLSession:didStartTask:]", {{"session", session}, {"task", task}});
   _addEvent(DCConnectivityEventTaskStarted, task);
 }
 
-void DCConnectivityTracker::didWriteData(const URLSessionPtr& /*session*/, const URLSessionTaskPtr& downloadTask,
-                                         std::int64_t /*bytesWritten*/, std::int64_t /*totalBytesWritten*/,
-                                         std::int64_t /*totalBytesExpectedToWrite*/) {
+void DCConnectivityTracker::didWriteData(const URLSessionPtr& session, const URLSessionTaskPtr& downloadTask,
+                                         std::int64_t bytesWritten, std::int64_t totalBytesWritten,
+                                         std::int64_t totalBytesExpectedToWrite) {
+  DCLogTrace(
+      "-[DCConnectivityTracker URLSession:downloadTask:didWriteData:totalBytesWritten:totalBytesExpectedToWrite:]",
+      {{"session", session},
+       {"downloadTask", downloadTask},
+       {"bytesWritten", bytesWritten},
+       {"totalBytesWritten", totalBytesWritten},
+       {"totalBytesExpectedToWrite", totalBytesExpectedToWrite}});
   _addEvent(DCConnectivityEventBytesReceived, downloadTask);
 }
 
-void DCConnectivityTracker::didResumeAtOffset(const URLSessionPtr& /*session*/,
-                                              const URLSessionTaskPtr& /*downloadTask*/, std::int64_t /*fileOffset*/,
-                                              std::int64_t /*expectedTotalBytes*/) {}
+void DCConnectivityTracker::didResumeAtOffset(const URLSessionPtr& session, const URLSessionTaskPtr& downloadTask,
+                                              std::int64_t fileOffset, std::int64_t expectedTotalBytes) {
+  DCLogTrace("-[DCConnectivityTracker URLSession:downloadTask:didResumeAtOffset:expectedTotalBytes:]",
+             {{"session", session},
+              {"downloadTask", downloadTask},
+              {"fileOffset", fileOffset},
+              {"expectedTotalBytes", expectedTotalBytes}});
+}
 
-void DCConnectivityTracker::didReceiveData(const URLSessionPtr& /*session*/, const URLSessionTaskPtr& /*dataTask*/,
-                                           const Data& /*data*/) {}
+void DCConnectivityTracker::didReceiveData(const URLSessionPtr& session, const URLSessionTaskPtr& dataTask,
+                                           const Data& data) {
+  DCLogTrace("-[DCConnectivityTracker URLSession:dataTask:didReceiveData:]",
+             {{"session", session}, {"dataTask", dataTask}, {"data", data.description()}});
+}
 
-void DCConnectivityTracker::didReceiveResponse(const URLSessionPtr& /*session*/, const URLSessionTaskPtr& dataTask,
-                                               const HTTPURLResponse& /*response*/) {
+void DCConnectivityTracker::didReceiveResponse(const URLSessionPtr& session, const URLSessionTaskPtr& dataTask,
+                                               const HTTPURLResponse& response) {
+  DCLogTrace("-[DCConnectivityTracker URLSession:dataTask:didReceiveResponse:completionHandler:]",
+             {{"session", session}, {"dataTask", dataTask}, {"response", response}});
   _addEvent(DCConnectivityEventBytesReceived, dataTask);
 }
 
-void DCConnectivityTracker::didFinishDownloadingToURL(const URLSessionPtr& /*session*/,
-                                                      const URLSessionTaskPtr& downloadTask, const URL& /*location*/) {
+void DCConnectivityTracker::didFinishDownloadingToURL(const URLSessionPtr& session,
+                                                      const URLSessionTaskPtr& downloadTask, const URL& location) {
+  DCLogTrace("-[DCConnectivityTracker URLSession:downloadTask:didFinishDownloadingToURL:]",
+             {{"session", session}, {"downloadTask", downloadTask}, {"location", location}});
   _addEvent(DCConnectivityEventTaskCompleted, downloadTask);
 }
 
-void DCConnectivityTracker::didCompleteWithError(const URLSessionPtr& /*session*/, const URLSessionTaskPtr& task,
+void DCConnectivityTracker::didCompleteWithError(const URLSessionPtr& session, const URLSessionTaskPtr& task,
                                                  const std::optional<Error>& error) {
+  DCLogTrace("-[DCConnectivityTracker URLSession:task:didCompleteWithError:]",
+             {{"session", session}, {"task", task}, {"error", error}});
   if (error) {
     _addEventWithError(error, task);
   } else {

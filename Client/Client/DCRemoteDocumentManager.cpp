@@ -97,6 +97,11 @@ DCRemoteDocumentManager::DCRemoteDocumentManager(std::shared_ptr<DCService> serv
   if (!service_) DCAssertionFailed(kSource, __LINE__, "service");
 }
 
+bool DCRemoteDocumentManager::isServiceAvailable() const {
+  DCLogTrace("-[DCRemoteDocumentManager isServiceAvailable]");
+  return true;
+}
+
 std::optional<std::string> DCRemoteDocumentManager::_getUniqueHostIdentifier() const { return deviceIdentifier(); }
 
 HTTPHeaders DCRemoteDocumentManager::_standardRequestHeaders() const {
@@ -167,6 +172,8 @@ DCServerRequest::Ptr DCRemoteDocumentManager::contentsOfFileWithDocumentIdentifi
 void DCRemoteDocumentManager::handleResponse(const std::shared_ptr<const HTTPURLResponse>& response,
                                              const std::optional<URL>& body, const std::optional<Error>& error,
                                              DCRemoteCompletionHandler completionHandler) {
+  DCLogTrace("-[DCRemoteDocumentManager handleResponse:body:error:completionHandler:]",
+             {{"response", response}, {"body", body}, {"error", error}});
   if (!completionHandler) return;
   if (error) {
     completionHandler(nullptr, error);
@@ -299,7 +306,7 @@ void DCRemoteDocumentManager::endWatch(std::uint64_t watchNumber, const Watch& w
 }
 
 void DCRemoteDocumentManager::finishFetchingUpdates() {
-  DCLogTrace("-[DCRemoteDocumentManager finishFetchingUpdates]", {});
+  DCLogTrace("-[DCRemoteDocumentManager finishFetchingUpdates]");
   std::optional<Watch> ended;
   {
     std::lock_guard lock(watchMutex_);
@@ -321,7 +328,7 @@ void DCRemoteDocumentManager::setWatchDidEndHandler(std::function<void(const std
 // What the protocol does not know
 
 std::optional<Data> DCRemoteDocumentManager::rootDocumentIdentifier() const {
-  DCLogTrace("-[DCRemoteDocumentManager rootDocumentIdentifier]", {});
+  DCLogTrace("-[DCRemoteDocumentManager rootDocumentIdentifier]");
   DCAssertionFailed(kSource, __LINE__, "0");
   return std::nullopt;
 }

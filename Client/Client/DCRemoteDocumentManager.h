@@ -38,7 +38,7 @@ class DCRemoteDocumentManager : public std::enable_shared_from_this<DCRemoteDocu
   explicit DCRemoteDocumentManager(std::shared_ptr<DCService> service);
 
   const std::shared_ptr<DCService>& service() const { return service_; }
-  bool isServiceAvailable() const { return true; }
+  bool isServiceAvailable() const;
 
   // The list of share points.
   DCServerRequest::Ptr contentsOfRootDirectoryUnlessVersionIdentifier(const std::optional<Data>& versionIdentifier,

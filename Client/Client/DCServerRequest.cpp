@@ -22,6 +22,19 @@ namespace {
 constexpr Duration kTimeout = std::chrono::seconds(30);
 constexpr Duration kNoTimeout = std::chrono::seconds(4294967295);
 
+// For trace lines.
+Dictionary described(const HTTPHeaders& headers) {
+  Dictionary fields;
+  for (const auto& [name, value] : headers.fields()) fields.set(name, value);
+  return fields;
+}
+
+Array described(const DCServerRequest::QueryItems& queryItems) {
+  Array items;
+  for (const auto& item : queryItems) items.append(item.name + "=" + item.value.value_or(""));
+  return items;
+}
+
 struct DeleteAllLocalData {
   std::mutex mutex;
   DCServerRequest::DeleteAllLocalDataHandler handler;
@@ -48,6 +61,12 @@ URLSessionTaskPtr DCServerRequest::startDownloadTaskWithURI(const std::string& u
                                                             std::shared_ptr<DCService> service,
                                                             const HTTPHeaders& headers, std::optional<Data> body,
                                                             DCServerRequestResponseHandler responseHandler) {
+  DCLogTrace("-[DCServerRequest startDownloadTaskWithURI:queryItems:service:headers:body:responseHandler:]",
+             {{"URI", uri},
+              {"queryItems", described(queryItems)},
+              {"service", service},
+              {"headers", described(headers)},
+              {"body", body}});
   return start(Kind::Download, uri, queryItems, std::move(service), headers, std::move(body),
                std::move(responseHandler));
 }
@@ -56,6 +75,12 @@ URLSessionTaskPtr DCServerRequest::startBothloadTaskWithURI(const std::string& u
                                                             std::shared_ptr<DCService> service,
                                                             const HTTPHeaders& headers, std::optional<Data> body,
                                                             DCServerRequestResponseHandler responseHandler) {
+  DCLogTrace("-[DCServerRequest startBothloadTaskWithURI:queryItems:service:headers:body:responseHandler:]",
+             {{"URI", uri},
+              {"queryItems", described(queryItems)},
+              {"service", service},
+              {"headers", described(headers)},
+              {"body", body}});
   return start(Kind::Bothload, uri, queryItems, std::move(service), headers, std::move(body),
                std::move(responseHandler));
 }
@@ -63,20 +88,23 @@ URLSessionTaskPtr DCServerRequest::startBothloadTaskWithURI(const std::string& u
 URLSessionTaskPtr DCServerRequest::start(Kind kind, const std::string& uri, const QueryItems& queryItems,
                                          std::shared_ptr<DCService> service, const HTTPHeaders& headers,
                                          std::optional<Data> body, DCServerRequestResponseHandler responseHandler) {
-  const char* name = kind == Kind::Download ? "download" : "bothload";
+  bool isDownload = kind == Kind::Download;
   service_ = std::move(service);
   sessionManager_ = HTTPSASLClientSessionManager::HTTPSASLClientSessionManagerForService(service_);
   connectivityTracker_ = DCConnectivityTracker::connectivityTrackerForService(service_);
-  request_ = _requestForMethod(kind == Kind::Download ? "GET" : "POST", uri, queryItems, headers, std::move(body),
-                               kind == Kind::Download ? kTimeout : kNoTimeout);
+  request_ = _requestForMethod(isDownload ? "GET" : "POST", uri, queryItems, headers, std::move(body),
+                               isDownload ? kTimeout : kNoTimeout);
   responseHandler_ = std::move(responseHandler);
 
   if (auto authenticated = addAuthenticationHeadersToRequest(*request_); !authenticated) {
-    DCLogInfo("Could not start %s task with request %@ due to error %@", name, *request_, authenticated.error());
+    DCLogInfo(isDownload ? "Could not start download task with request %@ due to error %@"
+                         : "Could not start bothload task with request %@ due to error %@",
+              *request_, authenticated.error());
     callResponseHandlerWithAuthError(authenticated.error());
     return nullptr;
   }
-  DCLogInfo("Will start %s task with request: %@", name, *request_);
+  DCLogInfo(isDownload ? "Will start download task with request: %@" : "Will start bothload task with request: %@",
+            *request_);
   session_ = newDefaultSession(kind);
   URLSessionTaskPtr task = session_->downloadTask(*request_);
   task_ = task;
@@ -126,7 +154,9 @@ URLSessionPtr DCServerRequest::newDefaultSession(Kind kind) {
     configuration.longPoll = true;
   }
   auto queue = FVFQueueManager::sharedQueueManager().queueForServiceWithUniqueIdentifier(service_->uniqueIdentifier());
-  return URLSession::create(std::move(configuration), shared_from_this(), queue->queue());
+  auto session = URLSession::create(std::move(configuration), shared_from_this(), queue->queue());
+  challengedSession_ = session.get();
+  return session;
 }
 
 // Connections are shared by requests of the same service, cookie and pin: only there has the one who accepted the
@@ -153,6 +183,13 @@ bool DCServerRequest::isOwnSession(SessionRef session) const {
   return false;
 }
 
+bool DCServerRequest::isChallengedSession(SessionRef session) const {
+  if (session.get() == challengedSession_) return true;
+  DCLogDebug("Delegate session %@ is NOT the same as our session %@", session,
+             baseDescription("URLSession", challengedSession_));
+  return false;
+}
+
 void DCServerRequest::didBecomeInvalidWithError(SessionRef session, const std::optional<Error>& error) {
   DCLogTrace("-[DCServerRequest URLSession:didBecomeInvalidWithError:]", {{"session", session}, {"error", error}});
   if (!isOwnSession(session)) return;
@@ -162,17 +199,27 @@ void DCServerRequest::didBecomeInvalidWithError(SessionRef session, const std::o
 
 void DCServerRequest::didReceiveChallenge(SessionRef session, const URLAuthenticationChallenge& challenge,
                                           const ChallengeCompletion& completionHandler) {
+  DCLogTrace("-[DCServerRequest URLSession:didReceiveChallenge:completionHandler:]",
+             {{"session", session}, {"challenge", challenge}});
+  if (!isChallengedSession(session)) return;
+  answerChallenge(session, challenge, completionHandler);
+}
+
+void DCServerRequest::didReceiveChallenge(SessionRef session, TaskRef task, const URLAuthenticationChallenge& challenge,
+                                          const ChallengeCompletion& completionHandler) {
+  DCLogTrace("-[DCServerRequest URLSession:task:didReceiveChallenge:completionHandler:]",
+             {{"session", session}, {"task", task}, {"challenge", challenge}});
+  if (!isChallengedSession(session)) return;
+  answerChallenge(session, challenge, completionHandler);
+}
+
+void DCServerRequest::answerChallenge(SessionRef session, const URLAuthenticationChallenge& challenge,
+                                      const ChallengeCompletion& completionHandler) const {
   if (authentication_ && authentication_->sessionDelegate) {
     authentication_->sessionDelegate->didReceiveChallenge(session, challenge, completionHandler);
   } else {
     completionHandler(ChallengeDisposition::PerformDefaultHandling, nullptr);
   }
-}
-
-void DCServerRequest::didReceiveChallenge(SessionRef session, TaskRef /*task*/,
-                                          const URLAuthenticationChallenge& challenge,
-                                          const ChallengeCompletion& completionHandler) {
-  didReceiveChallenge(session, challenge, completionHandler);
 }
 
 void DCServerRequest::didFinishDownloadingToURL(SessionRef session, TaskRef downloadTask, const URL& location) {
@@ -214,11 +261,23 @@ void DCServerRequest::handleUnexpectedException(const std::exception& exception,
 
 void DCServerRequest::didWriteData(SessionRef session, TaskRef downloadTask, std::int64_t bytesWritten,
                                    std::int64_t totalBytesWritten, std::int64_t totalBytesExpectedToWrite) {
+  DCLogTrace("-[DCServerRequest URLSession:downloadTask:didWriteData:totalBytesWritten:totalBytesExpectedToWrite:]",
+             {{"session", session},
+              {"downloadTask", downloadTask},
+              {"bytesWritten", bytesWritten},
+              {"totalBytesWritten", totalBytesWritten},
+              {"totalBytesExpectedToWrite", totalBytesExpectedToWrite}});
   connectivityTracker_->didWriteData(session, downloadTask, bytesWritten, totalBytesWritten, totalBytesExpectedToWrite);
 }
 
-void DCServerRequest::didSendBodyData(SessionRef session, TaskRef task, std::int64_t /*bytesSent*/,
+void DCServerRequest::didSendBodyData(SessionRef session, TaskRef task, std::int64_t bytesSent,
                                       std::int64_t totalBytesSent, std::int64_t totalBytesExpectedToSend) {
+  DCLogTrace("-[DCServerRequest URLSession:task:didSendBodyData:totalBytesSent:totalBytesExpectedToSend:]",
+             {{"session", session},
+              {"task", task},
+              {"bytesSent", bytesSent},
+              {"totalBytesSent", totalBytesSent},
+              {"totalBytesExpectedToSend", totalBytesExpectedToSend}});
   if (!isOwnSession(session)) return;
   DCLogInfo("Session task %@ did send data: %lld of %lld", task, totalBytesSent, totalBytesExpectedToSend);
 }

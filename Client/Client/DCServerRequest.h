@@ -79,6 +79,10 @@ class DCServerRequest : public URLSessionDelegate, public std::enable_shared_fro
   URLSessionPtr newDefaultSession(Kind kind);
   std::string connectionPool() const;
   bool isOwnSession(SessionRef session) const;
+  // The same on the network thread, where challenges arrive.
+  bool isChallengedSession(SessionRef session) const;
+  void answerChallenge(SessionRef session, const URLAuthenticationChallenge& challenge,
+                       const ChallengeCompletion& completionHandler) const;
   bool _shouldClearAuthCookieAndTrustedCertDataForError(const std::optional<Error>& error) const;
   void clearAuthCookieAndTrustedCertData();
   std::optional<URL> storeResponseData() const;
@@ -92,6 +96,7 @@ class DCServerRequest : public URLSessionDelegate, public std::enable_shared_fro
   std::optional<HTTPSASLAuthentication> authentication_;  // cookie and pin that this request travels with
   DCServerRequestResponseHandler responseHandler_;
   URLSessionPtr session_;
+  const URLSession* challengedSession_ = nullptr;  // set before the task is resumed, never changed afterwards
   std::weak_ptr<URLSessionTask> task_;
   std::shared_ptr<const HTTPURLResponse> httpResponse_;
   std::optional<std::string> responseData_;

@@ -133,6 +133,7 @@ void DCService::setPort(std::int64_t port) {
 }
 
 std::optional<std::string> DCService::serverIdentifierForURL(const URL& url) {
+  DCLogTrace("+[DCService serverIdentifierForURL:]", {{"url", url}});
   if (!url.isFileURL()) return std::nullopt;
   try {
     std::string path = FVFPathUtils::stringBySanitizingPath(url.path(), false, true);

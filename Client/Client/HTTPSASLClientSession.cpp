@@ -76,6 +76,9 @@ class HTTPSASLClientSession::ExchangeDelegate : public UnauthHTTPSSessionDelegat
 
 void HTTPSASLClientSession::startAuthWithURL(const URL& url, std::optional<std::string> username,
                                              std::optional<Secret> password, AuthCompletionHandler completionHandler) {
+  // The password is nobody's to trace.
+  DCLogTrace("-[HTTPSASLClientSession startAuthWithURL:username:password:completionHandler:]",
+             {{"url", url}, {"username", username}});
   _startAuthWithURL(url, kMechanismSRP, std::move(username), std::move(password), std::move(completionHandler));
 }
 
@@ -235,7 +238,7 @@ void HTTPSASLClientSession::srpComplete(const Data& body) {
   Data serverCertData = Data::fromString(decoded.reveal().substr(kCookieKeyLength));
   DCLogDebug("Decrypted key: %@", key);
   DCLogDebug("serverCertData = %@", serverCertData);
-  completeAuth({Secret("k=" + base64Encode(key.revealData())),
+  completeAuth({Secret(format("k=%@", base64Encode(key.revealData()))),
                 std::make_shared<PinnedHTTPSSessionDelegate>(std::move(serverCertData))});
 }
 
@@ -277,6 +280,7 @@ void HTTPSASLClientSession::endExchange() {
 }
 
 std::optional<HTTPSASLAuthentication> HTTPSASLClientSession::addAuthenticationToRequest(URLRequest& request) const {
+  DCLogTrace("-[HTTPSASLClientSession addAuthenticationToRequest:]", {{"request", request}});
   std::optional<HTTPSASLAuthentication> authentication;
   {
     std::lock_guard lock(mutex_);
@@ -293,6 +297,8 @@ std::optional<HTTPSASLAuthentication> HTTPSASLClientSession::addAuthenticationTo
 
 void HTTPSASLClientSession::restoreCachedAuthenticatedCookie(const std::optional<Secret>& cookie,
                                                              const std::optional<Data>& andTrustedCertData) {
+  DCLogTrace("-[HTTPSASLClientSession restoreCachedAuthenticatedCookie:andTrustedCertData:]",
+             {{"authenticatedCookie", cookie}, {"trustedCertData", andTrustedCertData}});
   DCLogDebug("Restoring previously saved auth cookie %@, trustedCertData: %@", cookie, andTrustedCertData);
   std::lock_guard lock(mutex_);
   authenticatedCookie_ = cookie;

@@ -51,6 +51,7 @@ std::optional<Data> pinOf(const HTTPSASLAuthentication& authentication) {
 
 HTTPSASLClientSessionManager::Ptr HTTPSASLClientSessionManager::HTTPSASLClientSessionManagerForService(
     const std::shared_ptr<DCService>& service) {
+  DCLogTrace("+[HTTPSASLClientSessionManager HTTPSASLClientSessionManagerForService:]", {{"service", service}});
   auto manager = registry().objectForKey(service->uniqueIdentifier(), [&] {
     auto made = std::make_shared<HTTPSASLClientSessionManager>(service);
     made->subscribe();
@@ -65,6 +66,7 @@ HTTPSASLClientSessionManager::Ptr HTTPSASLClientSessionManager::HTTPSASLClientSe
 
 HTTPSASLClientSessionManager::HTTPSASLClientSessionManager(std::shared_ptr<DCService> service, Clock& clock)
     : service_(std::move(service)), clientSession_(std::make_shared<HTTPSASLClientSession>()), clock_(clock) {
+  DCLogTrace("-[HTTPSASLClientSessionManager initWithService:]", {{"service", service_}});
   restoreCachedCookieAndCertDataFromPreferences();
 }
 
@@ -76,9 +78,13 @@ void HTTPSASLClientSessionManager::subscribe() {
                                                           });
 }
 
-void HTTPSASLClientSessionManager::defaultsDidChange() { restoreCachedCookieAndCertDataFromPreferences(); }
+void HTTPSASLClientSessionManager::defaultsDidChange() {
+  DCLogTrace("-[HTTPSASLClientSessionManager defaultsDidChange:]");
+  restoreCachedCookieAndCertDataFromPreferences();
+}
 
 void HTTPSASLClientSessionManager::restoreCachedCookieAndCertDataFromPreferences() {
+  DCLogTrace("-[HTTPSASLClientSessionManager restoreCachedCookieAndCertDataFromPreferences]");
   std::lock_guard lock(stateMutex_);
   if (exchangeRunning_ || unsaved_) return;
   auto saved = DCPreferences::preferences()->authCookieAndTrustedCertDataForService(service_);
@@ -86,6 +92,7 @@ void HTTPSASLClientSessionManager::restoreCachedCookieAndCertDataFromPreferences
 }
 
 Result<void> HTTPSASLClientSessionManager::authenticateClientSessionWithError() {
+  DCLogTrace("-[HTTPSASLClientSessionManager authenticateClientSessionWithError:]");
   std::lock_guard exchange(exchangeMutex_);
   restoreCachedCookieAndCertDataFromPreferences();
   if (clientSession_->authenticatedCookie()) return {};  // another caller or process has signed in meanwhile

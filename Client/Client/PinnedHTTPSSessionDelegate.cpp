@@ -4,9 +4,10 @@
 
 namespace florvane {
 
-void PinnedHTTPSSessionDelegate::didReceiveChallenge(SessionRef /*session*/,
-                                                     const URLAuthenticationChallenge& challenge,
+void PinnedHTTPSSessionDelegate::didReceiveChallenge(SessionRef session, const URLAuthenticationChallenge& challenge,
                                                      const ChallengeCompletion& completionHandler) {
+  DCLogTrace("-[PinnedHTTPSSessionDelegate URLSession:didReceiveChallenge:completionHandler:]",
+             {{"session", session}, {"challenge", challenge}});
   DCLogDebug("Delegate received challenge: %@", challenge);
   bool accepted = accepts(challenge);
   failed_ = !accepted;

@@ -4,9 +4,10 @@
 
 namespace florvane {
 
-void UnauthHTTPSSessionDelegate::didReceiveChallenge(SessionRef /*session*/,
-                                                     const URLAuthenticationChallenge& challenge,
+void UnauthHTTPSSessionDelegate::didReceiveChallenge(SessionRef session, const URLAuthenticationChallenge& challenge,
                                                      const ChallengeCompletion& completionHandler) {
+  DCLogTrace("-[UnauthHTTPSSessionDelegate URLSession:didReceiveChallenge:completionHandler:]",
+             {{"session", session}, {"challenge", challenge}});
   if (!challenge.serverTrust) {
     completionHandler(ChallengeDisposition::PerformDefaultHandling, nullptr);
     return;
