@@ -214,6 +214,9 @@ void DCConnectivityTracker::notifyDelegates() {
     // destructor takes.
     queue->dispatchAsynchronousBlock(
         [tracker = shared_from_this(), delegate = std::move(delegate), connected = isConnected_] {
+          DCLogCallback(DCLogLevelInfo, "%@: Calling delegate %@ using %@ at %s:%u", *tracker,
+                        baseDescription("Delegate", delegate.get()),
+                        "connectivityTracker:didUpdateConnectionStatus:", "notifyDelegates", __LINE__);
           delegate->didUpdateConnectionStatus(tracker, connected);
         });
   }
