@@ -243,7 +243,8 @@ void DCRemoteDocumentManager::handleUpdateResponse(const std::shared_ptr<const H
   auto watch = watchIfCurrent(watchNumber);
   if (!watch) return;
   if (error && error->is(URLErrorDomain, URLErrorTimedOut)) {
-    startWatch(watch->versionIdentifiers, watch->activityInfo, watch->handler, watchNumber);
+    startWatch(watch->watchedDocumentIdentifiersAndVersionIdentifiers, watch->activityInfo,
+               watch->updatedVersionIdentifierHandler, watchNumber);
     return;
   }
   if (error) {
@@ -273,7 +274,10 @@ void DCRemoteDocumentManager::handleUpdateResponse(const std::shared_ptr<const H
 }
 
 void DCRemoteDocumentManager::handleUpdates(const Array& pairs, const Watch& watch, std::uint64_t watchNumber) {
-  if (!watch.handler) return;
+  if (!watch.updatedVersionIdentifierHandler) {
+    endWatch(watchNumber, watch, std::nullopt, std::nullopt);
+    return;
+  }
   DCVersionIdentifiers reported;
   for (std::size_t i = 0; i + 1 < pairs.size(); i += 2) {
     auto documentIdentifier = pairs[i].asData();
@@ -286,10 +290,10 @@ void DCRemoteDocumentManager::handleUpdates(const Array& pairs, const Watch& wat
     reported[*documentIdentifier] = *versionIdentifier;
   }
   for (std::size_t i = 0; i + 1 < pairs.size(); i += 2) {
-    watch.handler(pairs[i].asData(), pairs[i + 1].asData(), std::nullopt);
+    watch.updatedVersionIdentifierHandler(pairs[i].asData(), pairs[i + 1].asData(), std::nullopt);
   }
   // The handler may have ended this watch or started another.
-  startWatch(reported, watch.activityInfo, watch.handler, watchNumber);
+  startWatch(reported, watch.activityInfo, watch.updatedVersionIdentifierHandler, watchNumber);
 }
 
 void DCRemoteDocumentManager::endWatch(std::uint64_t watchNumber, const Watch& watch,
@@ -301,7 +305,8 @@ void DCRemoteDocumentManager::endWatch(std::uint64_t watchNumber, const Watch& w
     watch_.reset();
     didEnd = watchDidEndHandler_;
   }
-  if (tellHandler && watch.handler) watch.handler(std::nullopt, std::nullopt, tellHandler);
+  if (tellHandler && watch.updatedVersionIdentifierHandler)
+    watch.updatedVersionIdentifierHandler(std::nullopt, std::nullopt, tellHandler);
   if (didEnd) didEnd(tellOwner);
 }
 
@@ -312,7 +317,7 @@ void DCRemoteDocumentManager::finishFetchingUpdates() {
     std::lock_guard lock(watchMutex_);
     ended = std::exchange(watch_, std::nullopt);
   }
-  if (ended && ended->request) ended->request->cancel();
+  if (ended && ended->fetchUpdateRequest) ended->fetchUpdateRequest->cancel();
 }
 
 bool DCRemoteDocumentManager::isFetchingUpdates() const {

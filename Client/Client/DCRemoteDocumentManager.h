@@ -95,10 +95,10 @@ class DCRemoteDocumentManager : public std::enable_shared_from_this<DCRemoteDocu
                                      DCRemoteCompletionHandler completionHandler);
 
   struct Watch {
-    DCVersionIdentifiers versionIdentifiers;
-    DCUpdatedVersionIdentifierHandler handler;
+    DCVersionIdentifiers watchedDocumentIdentifiersAndVersionIdentifiers;
+    DCUpdatedVersionIdentifierHandler updatedVersionIdentifierHandler;
     DCActivityInfo::Ptr activityInfo;
-    DCServerRequest::Ptr request;
+    DCServerRequest::Ptr fetchUpdateRequest;
   };
   DCServerRequest::Ptr startWatch(const DCVersionIdentifiers& versionIdentifiers,
                                   const DCActivityInfo::Ptr& activityInfo, DCUpdatedVersionIdentifierHandler handler,
