@@ -25,6 +25,7 @@ std::optional<Error> URLSessionDelegate::shouldSendRequest(SessionRef, TaskRef, 
 void URLSessionDelegate::didReceiveResponse(SessionRef, TaskRef, const HTTPURLResponse&) {}
 void URLSessionDelegate::didReceiveData(SessionRef, TaskRef, const Data&) {}
 void URLSessionDelegate::didWriteData(SessionRef, TaskRef, std::int64_t, std::int64_t, std::int64_t) {}
+void URLSessionDelegate::didResumeAtOffset(SessionRef, TaskRef, std::int64_t, std::int64_t) {}
 void URLSessionDelegate::didFinishDownloadingToURL(SessionRef, TaskRef, const URL&) {}
 void URLSessionDelegate::didSendBodyData(SessionRef, TaskRef, std::int64_t, std::int64_t, std::int64_t) {}
 void URLSessionDelegate::didCompleteWithError(SessionRef, TaskRef, const std::optional<Error>&) {}

@@ -70,6 +70,9 @@ class URLSessionDelegate {
   virtual void didReceiveData(SessionRef session, TaskRef dataTask, const Data& data);
   virtual void didWriteData(SessionRef session, TaskRef downloadTask, std::int64_t bytesWritten,
                             std::int64_t totalBytesWritten, std::int64_t totalBytesExpectedToWrite);
+  // A download goes on where an earlier one ended; the sessions made here always begin anew.
+  virtual void didResumeAtOffset(SessionRef session, TaskRef downloadTask, std::int64_t fileOffset,
+                                 std::int64_t expectedTotalBytes);
   // `location` is removed when the operation returns, unless it was moved or linked elsewhere. Not called for an
   // answer of status 401.
   virtual void didFinishDownloadingToURL(SessionRef session, TaskRef downloadTask, const URL& location);

@@ -270,6 +270,16 @@ void DCServerRequest::didWriteData(SessionRef session, TaskRef downloadTask, std
   connectivityTracker_->didWriteData(session, downloadTask, bytesWritten, totalBytesWritten, totalBytesExpectedToWrite);
 }
 
+void DCServerRequest::didResumeAtOffset(SessionRef session, TaskRef downloadTask, std::int64_t fileOffset,
+                                        std::int64_t expectedTotalBytes) {
+  DCLogTrace("-[DCServerRequest URLSession:downloadTask:didResumeAtOffset:expectedTotalBytes:]",
+             {{"session", session},
+              {"downloadTask", downloadTask},
+              {"fileOffset", fileOffset},
+              {"expectedTotalBytes", expectedTotalBytes}});
+  connectivityTracker_->didResumeAtOffset(session, downloadTask, fileOffset, expectedTotalBytes);
+}
+
 void DCServerRequest::didSendBodyData(SessionRef session, TaskRef task, std::int64_t bytesSent,
                                       std::int64_t totalBytesSent, std::int64_t totalBytesExpectedToSend) {
   DCLogTrace("-[DCServerRequest URLSession:task:didSendBodyData:totalBytesSent:totalBytesExpectedToSend:]",

@@ -54,6 +54,8 @@ class DCServerRequest : public URLSessionDelegate, public std::enable_shared_fro
   void didFinishDownloadingToURL(SessionRef session, TaskRef downloadTask, const URL& location) override;
   void didWriteData(SessionRef session, TaskRef downloadTask, std::int64_t bytesWritten, std::int64_t totalBytesWritten,
                     std::int64_t totalBytesExpectedToWrite) override;
+  void didResumeAtOffset(SessionRef session, TaskRef downloadTask, std::int64_t fileOffset,
+                         std::int64_t expectedTotalBytes) override;
   void didSendBodyData(SessionRef session, TaskRef task, std::int64_t bytesSent, std::int64_t totalBytesSent,
                        std::int64_t totalBytesExpectedToSend) override;
   void didReceiveData(SessionRef session, TaskRef dataTask, const Data& data) override;
