@@ -40,17 +40,9 @@ class FVFFreshObjectCache {
   void setObject(Object object, const Key& forKey) { setObject(std::move(object), std::nullopt, forKey); }
   // Throws InvalidArgumentException "null metadata" when there is none though an index is kept by it.
   void setObject(Object object, std::optional<Metadata> andMetadata, const Key& forKey) {
-    if (state_->options.enableObjectForMetadata && !andMetadata) throw InvalidArgumentException("null metadata");
     Entries dropped;
     std::lock_guard lock(state_->mutex);
-    bool wasEmpty = state_->entries.empty();
-    if (auto old = state_->byKey.find(forKey); old != state_->byKey.end()) state_->remove(old->second, dropped);
-    Clock& clock = state_->flusher.clock();
-    auto entry = state_->entries.insert(state_->entries.end(), Entry{forKey, std::move(object), std::move(andMetadata),
-                                                                     clock.now(), clock.monotonicNow()});
-    state_->byKey.emplace(forKey, entry);
-    if (state_->options.enableObjectForMetadata) state_->byMetadata.insert_or_assign(*entry->metadata, entry);
-    if (wasEmpty) state_->renewFlusher();
+    state_->_setEntry(std::move(object), std::move(andMetadata), forKey, dropped);
   }
 
   // Absent when there is none or it has expired. `refreshDate` is when the entry was stored or last refreshed before
@@ -59,30 +51,30 @@ class FVFFreshObjectCache {
                                      Date* refreshDate = nullptr) {
     Entries dropped;
     std::lock_guard lock(state_->mutex);
-    auto found = state_->byKey.find(key);
-    if (found == state_->byKey.end()) return std::nullopt;
+    auto found = state_->cache.find(key);
+    if (found == state_->cache.end()) return std::nullopt;
     return state_->read(found->second, nullptr, metadata, refreshDate, dropped);
   }
   std::optional<Object> objectForMetadata(const Metadata& metadata, std::optional<Key>* key = nullptr,
                                           Date* refreshDate = nullptr) {
     Entries dropped;
     std::lock_guard lock(state_->mutex);
-    auto found = state_->byMetadata.find(metadata);
-    if (found == state_->byMetadata.end()) return std::nullopt;
+    auto found = state_->cacheByMetadata.find(metadata);
+    if (found == state_->cacheByMetadata.end()) return std::nullopt;
     return state_->read(found->second, key, nullptr, refreshDate, dropped);
   }
 
   void removeObjectForKey(const Key& key) {
     Entries dropped;
     std::lock_guard lock(state_->mutex);
-    if (auto found = state_->byKey.find(key); found != state_->byKey.end()) state_->remove(found->second, dropped);
+    if (auto found = state_->cache.find(key); found != state_->cache.end()) state_->remove(found->second, dropped);
     if (state_->entries.empty()) state_->flusher.cancel();
   }
   void removeAllObjects() {
     Entries dropped;
     std::lock_guard lock(state_->mutex);
-    state_->byKey.clear();
-    state_->byMetadata.clear();
+    state_->cache.clear();
+    state_->cacheByMetadata.clear();
     dropped.swap(state_->entries);
     state_->flusher.cancel();
   }
@@ -106,7 +98,7 @@ class FVFFreshObjectCache {
   std::size_t count() const {
     Entries dropped;
     std::lock_guard lock(state_->mutex);
-    state_->flush(dropped);
+    state_->_flushOldObjects(dropped);
     return state_->entries.size();
   }
   // How many were dropped by expiry since the cache was made.
@@ -147,11 +139,22 @@ class FVFFreshObjectCache {
     State(FVFObjectLifetime lifetime, FVFFreshObjectCacheOptions chosen, Clock& clock)
         : options(chosen), flusher(lifetime, clock) {}
 
+    void _setEntry(Object object, std::optional<Metadata> andMetadata, const Key& forKey, Entries& dropped) {
+      if (options.enableObjectForMetadata && !andMetadata) throw InvalidArgumentException("null metadata");
+      bool wasEmpty = entries.empty();
+      if (auto old = cache.find(forKey); old != cache.end()) remove(old->second, dropped);
+      Clock& clock = flusher.clock();
+      auto entry = entries.insert(
+          entries.end(), Entry{forKey, std::move(object), std::move(andMetadata), clock.now(), clock.monotonicNow()});
+      cache.emplace(forKey, entry);
+      if (options.enableObjectForMetadata) cacheByMetadata.insert_or_assign(*entry->metadata, entry);
+      if (wasEmpty) _renewFlusher();
+    }
     void remove(Place entry, Entries& dropped) {
-      byKey.erase(entry->key);
+      cache.erase(entry->key);
       if (options.enableObjectForMetadata) {
-        auto indexed = byMetadata.find(*entry->metadata);
-        if (indexed != byMetadata.end() && indexed->second == entry) byMetadata.erase(indexed);
+        auto indexed = cacheByMetadata.find(*entry->metadata);
+        if (indexed != cacheByMetadata.end() && indexed->second == entry) cacheByMetadata.erase(indexed);
       }
       dropped.splice(dropped.end(), entries, entry);
     }
@@ -159,7 +162,7 @@ class FVFFreshObjectCache {
                                Date* refreshDate, Entries& dropped) {
       MonotonicTime now = flusher.clock().monotonicNow();
       if (flusher.isExpired(entry->refreshedAt, now)) {
-        flush(dropped);
+        _flushOldObjects(dropped);
         return std::nullopt;
       }
       if (key) *key = entry->key;
@@ -172,7 +175,7 @@ class FVFFreshObjectCache {
       }
       return entry->object;
     }
-    void flush(Entries& dropped) {
+    void _flushOldObjects(Entries& dropped) {
       MonotonicTime now = flusher.clock().monotonicNow();
       std::uint64_t before = expired;
       while (!entries.empty() && flusher.isExpired(entries.front().refreshedAt, now)) {
@@ -182,10 +185,10 @@ class FVFFreshObjectCache {
       if (entries.empty()) {
         flusher.cancel();
       } else if (expired != before) {
-        renewFlusher();
+        _renewFlusher();
       }
     }
-    void renewFlusher() {
+    void _renewFlusher() {
       flusher.renew([weak = this->weak_from_this()] {
         if (auto state = weak.lock()) state->flushByTimer();
       });
@@ -193,22 +196,22 @@ class FVFFreshObjectCache {
     void flushOldObjects() {
       Entries dropped;
       std::lock_guard lock(mutex);
-      flush(dropped);
+      _flushOldObjects(dropped);
     }
     // The timer is spent: unlike after other flushes it must be set again even when nothing was dropped.
     void flushByTimer() {
       Entries dropped;
       std::lock_guard lock(mutex);
-      flush(dropped);
-      if (dropped.empty() && !entries.empty()) renewFlusher();
+      _flushOldObjects(dropped);
+      if (dropped.empty() && !entries.empty()) _renewFlusher();
     }
 
     const FVFFreshObjectCacheOptions options;
     std::mutex mutex;  // guards everything below
     FVFFreshObjectFlusher flusher;
     Entries entries;
-    std::unordered_map<Key, Place, KeyHash> byKey;
-    std::unordered_map<Metadata, Place, MetadataHash> byMetadata;
+    std::unordered_map<Key, Place, KeyHash> cache;
+    std::unordered_map<Metadata, Place, MetadataHash> cacheByMetadata;
     std::uint64_t expired = 0;
   };
 

@@ -41,7 +41,7 @@ class FVFFreshObjectQueue {
     state_->entries.emplace_hint(
         state_->entries.end(), identifier,
         Stored{{std::move(object), flusher.clock().now(), std::move(andMetadata)}, flusher.clock().monotonicNow()});
-    if (state_->entries.size() == 1) state_->renewFlusher();
+    if (state_->entries.size() == 1) state_->_renewFlusher();
     return identifier;
   }
 
@@ -71,7 +71,7 @@ class FVFFreshObjectQueue {
   void forEachFromNewest(Visitor&& visitor) const {
     Dropped dropped;
     std::lock_guard lock(state_->mutex);
-    state_->flush(dropped);
+    state_->_flushOldObjects(dropped);
     for (auto entry = state_->entries.rbegin(); entry != state_->entries.rend(); ++entry) {
       if (!visitor(std::as_const(entry->second.entry))) return;
     }
@@ -126,7 +126,7 @@ class FVFFreshObjectQueue {
   std::size_t count() const {
     Dropped dropped;
     std::lock_guard lock(state_->mutex);
-    state_->flush(dropped);
+    state_->_flushOldObjects(dropped);
     return state_->entries.size();
   }
   // How many were dropped by expiry since the queue was made.
@@ -169,7 +169,7 @@ class FVFFreshObjectQueue {
       dropped.push_back(entries.extract(entry));
       if (entries.empty()) flusher.cancel();
     }
-    void flush(Dropped& dropped) {
+    void _flushOldObjects(Dropped& dropped) {
       MonotonicTime now = flusher.clock().monotonicNow();
       bool any = false;
       while (!entries.empty() && flusher.isExpired(entries.begin()->second.storedAt, now)) {
@@ -177,9 +177,9 @@ class FVFFreshObjectQueue {
         ++expired;
         any = true;
       }
-      if (any && !entries.empty()) renewFlusher();
+      if (any && !entries.empty()) _renewFlusher();
     }
-    void renewFlusher() {
+    void _renewFlusher() {
       flusher.renew([weak = this->weak_from_this()] {
         if (auto state = weak.lock()) state->flushByTimer();
       });
@@ -187,14 +187,14 @@ class FVFFreshObjectQueue {
     void flushOldObjects() {
       Dropped dropped;
       std::lock_guard lock(mutex);
-      flush(dropped);
+      _flushOldObjects(dropped);
     }
     // The timer is spent: unlike after other flushes it must be set again even when nothing was dropped.
     void flushByTimer() {
       Dropped dropped;
       std::lock_guard lock(mutex);
-      flush(dropped);
-      if (dropped.empty() && !entries.empty()) renewFlusher();
+      _flushOldObjects(dropped);
+      if (dropped.empty() && !entries.empty()) _renewFlusher();
     }
 
     std::mutex mutex;  // guards everything below
