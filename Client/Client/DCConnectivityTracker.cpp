@@ -2,6 +2,7 @@
 
 #include "Client/Client/DCLog.h"
 #include "Client/Client/DCService.h"
+#include "Client/Client/DCServiceRegistry.h"
 #include "common/FVFQueueManager.h"
 
 #include <utility>
@@ -33,17 +34,10 @@ std::string DCConnectivityTracker::serverFromURL(const URL& url) {
 std::shared_ptr<DCConnectivityTracker> DCConnectivityTracker::connectivityTrackerForService(
     const std::shared_ptr<DCService>& service) {
   DCLogTrace("+[DCConnectivityTracker connectivityTrackerForService:]", {{"service", service}});
-  struct Registry {
-    std::mutex mutex;  // guards trackers; making a tracker waits for nothing
-    std::unordered_map<std::string, std::shared_ptr<DCConnectivityTracker>> trackers;
-  };
   // Never destroyed: transfers may end while the process does.
-  static Registry& registry = *new Registry;
+  static auto& registry = *new DCServiceRegistry<DCConnectivityTracker>;
   std::string server = serverFromURL(service->url());
-  std::lock_guard lock(registry.mutex);
-  auto& tracker = registry.trackers[server];
-  if (!tracker) tracker = std::make_shared<DCConnectivityTracker>(server);
-  return tracker;
+  return registry.objectForKey(server, [&] { return std::make_shared<DCConnectivityTracker>(server); });
 }
 
 DCConnectivityTracker::DCConnectivityTracker(std::string server, Clock& clock)
