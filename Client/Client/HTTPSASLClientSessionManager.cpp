@@ -32,7 +32,11 @@ Credentials credentialsOfAccount(const std::string& identifier) {
     return credentials;
   }
   auto account = (*store)->accountWithIdentifier(identifier);
-  if (account && *account) credentials.userName = (*account)->userName;
+  if (!account) {
+    DCLogError("Could not read the account: %@", account.error());
+  } else if (*account) {
+    credentials.userName = (*account)->userName;
+  }
   auto password = (*store)->credentials().password(identifier);
   if (password) {
     credentials.password = *password;
