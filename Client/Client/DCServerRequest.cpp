@@ -324,10 +324,14 @@ void DCServerRequest::didCompleteWithError(SessionRef session, TaskRef task, con
     clearAuthCookieAndTrustedCertData();
     outcome = Error(URLErrorDomain, 401);
   }
+  // Also when the handler throws: a session that is not dropped would keep this request for ever.
+  struct SessionDropper {
+    DCServerRequest& request;
+    ~SessionDropper() { request.dropSession(); }
+  } dropper{*this};
   if (auto handler = std::move(responseHandler_)) {
     handler(task->taskIdentifier(), httpResponse_, storeResponseData(), outcome);
   }
-  dropSession();
 }
 
 bool DCServerRequest::_shouldClearAuthCookieAndTrustedCertDataForError(const std::optional<Error>& error) const {
