@@ -355,6 +355,16 @@ Result<std::pair<FileDescriptor, std::string>> makeTemporaryFile(const std::stri
 }
 
 Result<FileLock> FileLock::acquire(const std::string& path, bool exclusive) {
+  auto lock = acquire(path, exclusive, true);
+  if (!lock) return Failure(lock.error());
+  return std::move(**lock);
+}
+
+Result<std::optional<FileLock>> FileLock::tryAcquire(const std::string& path, bool exclusive) {
+  return acquire(path, exclusive, false);
+}
+
+Result<std::optional<FileLock>> FileLock::acquire(const std::string& path, bool exclusive, bool waits) {
   for (;;) {
     auto file = openFile(path, O_RDWR | O_CREAT | O_NOFOLLOW, 0600);
     if (!file) return Failure(file.error());
@@ -362,14 +372,15 @@ Result<FileLock> FileLock::acquire(const std::string& path, bool exclusive) {
     range.l_type = exclusive ? F_WRLCK : F_RDLCK;
     range.l_whence = SEEK_SET;
     int result = 0;
-    do result = fcntl(file->get(), F_OFD_SETLKW, &range);
+    do result = fcntl(file->get(), waits ? F_OFD_SETLKW : F_OFD_SETLK, &range);
     while (result != 0 && errno == EINTR);
+    if (result != 0 && !waits && (errno == EAGAIN || errno == EACCES)) return std::nullopt;
     if (result != 0) return Failure(Error::fileWrite(errno, path));
     // A lock on a file that somebody removed meanwhile would exclude nobody.
     struct stat held{}, present{};
     if (fstat(file->get(), &held) != 0) return Failure(Error::fileWrite(errno, path));
     if (stat(path.c_str(), &present) == 0 && held.st_dev == present.st_dev && held.st_ino == present.st_ino) {
-      return FileLock(std::move(*file));
+      return std::optional(FileLock(std::move(*file)));
     }
   }
 }

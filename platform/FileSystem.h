@@ -72,10 +72,13 @@ Result<void> writeAll(int descriptor, std::span<const std::uint8_t> bytes, std::
 class FileLock {
  public:
   static Result<FileLock> acquire(const std::string& path, bool exclusive);
+  // Absent when another holds it.
+  static Result<std::optional<FileLock>> tryAcquire(const std::string& path, bool exclusive);
   FileLock(FileLock&&) noexcept = default;
   FileLock& operator=(FileLock&&) noexcept = default;
 
  private:
+  static Result<std::optional<FileLock>> acquire(const std::string& path, bool exclusive, bool waits);
   explicit FileLock(FileDescriptor descriptor) : descriptor_(std::move(descriptor)) {}
   FileDescriptor descriptor_;
 };

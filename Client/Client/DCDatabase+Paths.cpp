@@ -1,0 +1,193 @@
+#include "Client/Client/DCDatabase+Fetching.h"
+#include "Client/Client/DCDatabase.h"
+#include "Client/Client/DCLog.h"
+
+#include <unordered_set>
+
+#include <unistd.h>
+
+namespace florvane {
+
+namespace {
+
+using PathPtr = std::shared_ptr<DCManagedPath>;
+
+std::string folderPrefix(const std::string& directoryPath) {
+  return directoryPath.empty() ? directoryPath : directoryPath + "/";
+}
+
+ManagedObjectFetch below(std::size_t entity, std::size_t attribute, const std::string& directoryPath,
+                         bool onlyChildren) {
+  ManagedObjectFetch fetch;
+  fetch.entity = entity;
+  fetch.below = {attribute, folderPrefix(directoryPath), onlyChildren};
+  return fetch;
+}
+
+ManagedObjectFetch withValue(std::size_t entity, std::size_t attribute, const Value& value) {
+  ManagedObjectFetch fetch;
+  fetch.entity = entity;
+  fetch.equals = {{attribute, value}};
+  return fetch;
+}
+
+// The record of the path itself, then those below it.
+template <typename T>
+std::vector<std::shared_ptr<T>> recordsOfTree(ManagedObjectContext& context, std::size_t entity,
+                                              const std::string& path) {
+  std::vector<std::shared_ptr<T>> records;
+  for (auto& fetch : {withValue(entity, T::Path, path), below(entity, T::Path, path, false)}) {
+    for (auto& object : context.fetch(fetch)) records.push_back(std::static_pointer_cast<T>(object));
+  }
+  return records;
+}
+
+// What is kept under the path's own bytes, for want of an identifier.
+void rekey(ManagedObjectContext& context, const std::string& from, const std::string& to) {
+  const Data oldKey = Data::fromString(from), newKey = Data::fromString(to);
+  auto stored = withValue(DCEntityIndexStoredLocalMetadata, DCManagedStoredLocalMetadata::DocumentIdentifier, oldKey);
+  for (const auto& object : context.fetch(stored)) {
+    std::static_pointer_cast<DCManagedStoredLocalMetadata>(object)->setDocumentIdentifier(newKey);
+  }
+  auto other = withValue(DCEntityIndexOtherMetadata, DCManagedOtherMetadata::DocumentIdentifier, oldKey);
+  for (const auto& object : context.fetch(other)) {
+    std::static_pointer_cast<DCManagedOtherMetadata>(object)->setDocumentIdentifier(newKey);
+  }
+}
+
+}  // namespace
+
+Result<void> DCDatabase::setDocumentIdentifier(const Data& documentIdentifier, const std::string& path) {
+  DCLogTrace("-[DCDatabase setDocumentIdentifier:forPath:]",
+             {{"documentIdentifier", documentIdentifier}, {"path", path}});
+  return change(Durability::Normal, [&](ManagedObjectContext& context) {
+    auto record = first<DCManagedPath>(DCEntityIndexPath, {{DCManagedPath::Path, path}});
+    if (!record) {
+      record = std::static_pointer_cast<DCManagedPath>(context.insert(DCEntityIndexPath));
+      record->setPath(path);
+    }
+    record->setDocumentIdentifier(documentIdentifier);
+  });
+}
+
+Result<void> DCDatabase::setDocumentIdentifiers(
+    const std::vector<std::pair<std::string, Data>>& documentIdentifiersByPath, const std::string& directoryPath) {
+  DCLogTrace("-[DCDatabase setDocumentIdentifiers:forPathsBelow:]",
+             {{"count", documentIdentifiersByPath.size()}, {"directoryPath", directoryPath}});
+  return change(Durability::Full, [&](ManagedObjectContext& context) {
+    std::unordered_map<std::string, PathPtr> records;
+    for (const auto& object : context.fetch(below(DCEntityIndexPath, DCManagedPath::Path, directoryPath, true))) {
+      auto record = std::static_pointer_cast<DCManagedPath>(object);
+      if (auto path = record->path()) records.emplace(std::move(*path), std::move(record));
+    }
+    for (const auto& [path, documentIdentifier] : documentIdentifiersByPath) {
+      PathPtr& record = records[path];
+      if (!record) {
+        record = std::static_pointer_cast<DCManagedPath>(context.insert(DCEntityIndexPath));
+        record->setPath(path);
+      }
+      record->setDocumentIdentifier(documentIdentifier);
+    }
+  });
+}
+
+std::optional<Data> DCDatabase::documentIdentifierForPath(const std::string& path) {
+  DCLogTrace("-[DCDatabase documentIdentifierForPath:]", {{"path", path}});
+  auto record = first<DCManagedPath>(DCEntityIndexPath, {{DCManagedPath::Path, path}});
+  return record ? record->documentIdentifier() : std::nullopt;
+}
+
+std::unordered_map<std::string, Data> DCDatabase::documentIdentifiers(const std::string& directoryPath,
+                                                                      bool onlyChildren) {
+  std::unordered_map<std::string, Data> identifiers;
+  managedObjectContext()->visit(below(DCEntityIndexPath, DCManagedPath::Path, directoryPath, onlyChildren),
+                                [&](std::span<const Value> values) {
+                                  auto identifier = values[DCManagedPath::DocumentIdentifier].asData();
+                                  auto path = values[DCManagedPath::Path].asString();
+                                  if (identifier && path) identifiers.emplace(*path, *identifier);
+                                });
+  return identifiers;
+}
+
+std::unordered_map<std::string, Data> DCDatabase::documentIdentifiersForPathsBelow(const std::string& directoryPath) {
+  DCLogTrace("-[DCDatabase documentIdentifiersForPathsBelow:]", {{"directoryPath", directoryPath}});
+  return documentIdentifiers(directoryPath, false);
+}
+
+std::unordered_map<std::string, Data> DCDatabase::documentIdentifiersForChildrenOf(const std::string& directoryPath) {
+  DCLogTrace("-[DCDatabase documentIdentifiersForChildrenOf:]", {{"directoryPath", directoryPath}});
+  return documentIdentifiers(directoryPath, true);
+}
+
+std::vector<std::string> DCDatabase::pathsForDocumentIdentifier(const Data& documentIdentifier) {
+  DCLogTrace("-[DCDatabase pathsForDocumentIdentifier:]", {{"documentIdentifier", documentIdentifier}});
+  std::vector<std::string> paths;
+  auto found = managedObjectContext()->fetch(
+      withValue(DCEntityIndexPath, DCManagedPath::DocumentIdentifier, documentIdentifier));
+  for (const auto& object : found) {
+    if (auto path = std::static_pointer_cast<DCManagedPath>(object)->path()) paths.push_back(std::move(*path));
+  }
+  return paths;
+}
+
+Result<void> DCDatabase::renamePath(const std::string& srcPath, const std::string& dstPath) {
+  DCLogTrace("-[DCDatabase renamePath:toPath:]", {{"srcPath", srcPath}, {"dstPath", dstPath}});
+  return change(Durability::Normal, [&](ManagedObjectContext& context) {
+    auto record = first<DCManagedPath>(DCEntityIndexPath, {{DCManagedPath::Path, srcPath}});
+    if (!record || srcPath == dstPath) return;
+    for (const auto& replaced : context.fetch(withValue(DCEntityIndexPath, DCManagedPath::Path, dstPath))) {
+      context.deleteObject(replaced);
+    }
+    record->setPath(dstPath);
+  });
+}
+
+Result<void> DCDatabase::renamePathsBelow(const std::string& srcPath, const std::string& dstPath) {
+  DCLogTrace("-[DCDatabase renamePathsBelow:toPath:]", {{"srcPath", srcPath}, {"dstPath", dstPath}});
+  if (srcPath == dstPath) return {};
+  return change(Durability::Full, [&](ManagedObjectContext& context) {
+    // All of the old places first: one tree may lie in the other.
+    auto moved = recordsOfTree<DCManagedPath>(context, DCEntityIndexPath, srcPath);
+    std::unordered_set<const ManagedObject*> isMoved;
+    std::unordered_set<std::string> taken;
+    std::vector<std::string> newPaths;
+    for (const PathPtr& record : moved) {
+      isMoved.insert(record.get());
+      newPaths.push_back(dstPath + record->path().value_or(srcPath).substr(srcPath.size()));
+      taken.insert(newPaths.back());
+    }
+    if (!moved.empty()) {
+      for (const PathPtr& record : recordsOfTree<DCManagedPath>(context, DCEntityIndexPath, dstPath)) {
+        auto path = record->path();
+        if (path && taken.contains(*path) && !isMoved.contains(record.get())) context.deleteObject(record);
+      }
+    }
+    for (std::size_t i = 0; i < moved.size(); ++i) moved[i]->setPath(newPaths[i]);
+    renameUploads(srcPath, dstPath, context);
+  });
+}
+
+void DCDatabase::renameUploads(const std::string& srcPath, const std::string& dstPath, ManagedObjectContext& context) {
+  for (const UploadPtr& upload : recordsOfTree<DCManagedUpload>(context, DCEntityIndexUpload, srcPath)) {
+    const std::string oldPath = upload->path().value_or(srcPath);
+    const std::string newPath = dstPath + oldPath.substr(srcPath.size());
+    const auto generation = upload->generationIdentifier();
+    auto oldCopy = DCManagedUpload::temporaryUploadFileURLForItemAtPath(oldPath, generation);
+    auto newCopy = DCManagedUpload::temporaryUploadFileURLForItemAtPath(newPath, generation);
+    // A transfer that is running knows the copy by its old name, which therefore stays beside the new one.
+    if (oldCopy && newCopy) (void)link(oldCopy->path().c_str(), newCopy->path().c_str());
+    upload->setPath(newPath);
+    rekey(context, oldPath, newPath);
+  }
+}
+
+Result<void> DCDatabase::removePath(const std::string& path) {
+  DCLogTrace("-[DCDatabase removePath:]", {{"path", path}});
+  return change(Durability::Normal, [&](ManagedObjectContext& context) {
+    if (auto record = first<DCManagedPath>(DCEntityIndexPath, {{DCManagedPath::Path, path}})) {
+      context.deleteObject(record);
+    }
+  });
+}
+
+}  // namespace florvane

@@ -1,0 +1,186 @@
+#include "Client/Client/DCDatabase.h"
+
+#include "Client/Client/DCDatabase+Fetching.h"
+#include "Client/Client/DCLog.h"
+#include "Client/Client/DCPath.h"
+#include "Client/Client/DCServiceRegistry.h"
+#include "platform/FileSystem.h"
+
+#include <filesystem>
+#include <system_error>
+
+namespace florvane {
+
+namespace {
+
+constexpr char kDirectoryName[] = "db";
+constexpr char kExtension[] = ".sqlite";
+constexpr char kQueueLabelPrefix[] = "quorl.florvane.database.";
+
+URL databaseURLOf(const DCService& service) {
+  DUPathVerifyPathSetup();
+  return URL::fileURL(*DUPathMetadataDirectoryPath() + "/" + kDirectoryName + "/" + service.uniqueIdentifier() +
+                      kExtension);
+}
+
+}  // namespace
+
+std::shared_ptr<DCDatabase> DCDatabase::databaseForService(const std::shared_ptr<DCService>& service) {
+  if (!service) return nullptr;
+  static auto& databases = *new DCServiceRegistry<DCDatabase>;
+  return databases.objectForKey(service->uniqueIdentifier(), [&] { return std::make_shared<DCDatabase>(service); });
+}
+
+DCDatabase::DCDatabase(std::shared_ptr<DCService> service, Clock& clock)
+    : service_(std::move(service)), clock_(clock), databaseURL_(databaseURLOf(*service_)) {
+  DCLogTrace("-[DCDatabase initWithService:]", {{"service", *service_}});
+  context_ = _setupManagedObjectContext();
+}
+
+DCDatabase::~DCDatabase() {
+  if (context_) context_->removePersistentStore();
+}
+
+std::string DCDatabase::directory() const { return databaseURL_.path().substr(0, databaseURL_.path().rfind('/')); }
+
+// Not named by the service's identifier: it must not go with the store.
+std::string DCDatabase::lockPath() const { return directory() + "/.lock-" + service_->uniqueIdentifier(); }
+
+std::shared_ptr<ManagedObjectContext> DCDatabase::managedObjectContext() {
+  std::lock_guard lock(mutex_);
+  if (!context_) context_ = _setupManagedObjectContext();
+  return context_;
+}
+
+std::shared_ptr<ManagedObjectContext> DCDatabase::_setupManagedObjectContext() {
+  auto context = ManagedObjectContext::create(DCManagedObjectModel(), kQueueLabelPrefix + service_->uniqueIdentifier());
+  auto added = persistentStoreCoordinator(*context);
+  if (!added) {
+    DCLogError("Could not add persistent store for service: %@, with database URL: %@", *service_, databaseURL_);
+    DCLogError("%@", added.error());
+  }
+  return context;
+}
+
+Result<void> DCDatabase::persistentStoreCoordinator(ManagedObjectContext& context) {
+  // That it cannot be made shows when the store is opened.
+  (void)createDirectories(directory());
+  SQLiteStore::Options options;
+  options.path = databaseURL_.path();
+  options.lockPath = lockPath();
+  options.migrations = DCManagedObjectMigrations();
+  options.rescuedTables = {DCEntityUpload};
+  options.didReplaceDamagedStore = [](const SQLiteStore::Damage& damage) {
+    DCLogError("The metadata database was damaged (%@) and set aside as %@; %lu upload records were rescued.",
+               damage.error, damage.setAsidePath, static_cast<unsigned long>(damage.rescuedRows));
+  };
+  return context.addPersistentStore(std::move(options));
+}
+
+Result<void> DCDatabase::change(Durability durability, const std::function<void(ManagedObjectContext&)>& work,
+                                bool rollbackOnFailure) {
+  auto context = managedObjectContext();
+  auto saved = context->performTransaction(durability, [&] { work(*context); }, rollbackOnFailure);
+  // Another store has taken the damaged one's place, and what was to be saved is still in memory.
+  if (!saved && !rollbackOnFailure && SQLiteStore::isDamage(saved.error())) saved = context->save();
+  if (!saved) DCLogInfo("Could not save context: %@", saved.error().description());
+  return saved;
+}
+
+Result<void> DCDatabase::save() {
+  DCLogTrace("-[DCDatabase save]");
+  return saveWithError();
+}
+
+Result<void> DCDatabase::saveWithError(bool rollbackOnFailure) {
+  DCLogTrace("-[DCDatabase saveWithError:rollbackOnFailure:]", {{"rollbackOnFailure", rollbackOnFailure}});
+  auto saved = managedObjectContext()->save(rollbackOnFailure);
+  if (!saved) DCLogInfo("Could not save context: %@", saved.error().description());
+  return saved;
+}
+
+Result<void> DCDatabase::performBatch(const std::function<void()>& work, bool rollbackOnFailure) {
+  DCLogTrace("-[DCDatabase performBatch:rollbackOnFailure:]", {{"rollbackOnFailure", rollbackOnFailure}});
+  return change(Durability::Full, [&](ManagedObjectContext&) { work(); }, rollbackOnFailure);
+}
+
+std::shared_ptr<DCManagedStoredLocalMetadata> DCDatabase::storedLocalMetadataForDocumentIdentifier(
+    const Data& documentIdentifier) {
+  DCLogTrace("-[DCDatabase storedLocalMetadataForDocumentIdentifier:]", {{"documentIdentifier", documentIdentifier}});
+  return first<DCManagedStoredLocalMetadata>(DCEntityIndexStoredLocalMetadata,
+                                             {{DCManagedStoredLocalMetadata::DocumentIdentifier, documentIdentifier}});
+}
+
+Result<void> DCDatabase::saveStoredLocalMetadata(const Dictionary& metadata, const Data& documentIdentifier) {
+  DCLogTrace("-[DCDatabase saveStoredLocalMetadata:forDocumentIdentifier:]",
+             {{"metadata", metadata}, {"documentIdentifier", documentIdentifier}});
+  return change(Durability::Normal, [&](ManagedObjectContext& context) {
+    metadataMade<DCManagedStoredLocalMetadata>(DCEntityIndexStoredLocalMetadata, documentIdentifier, context)
+        ->updateWithValuesFromDictionary(metadata);
+  });
+}
+
+Result<void> DCDatabase::removeStoredLocalMetadataForDocumentIdentifier(const Data& documentIdentifier) {
+  DCLogTrace("-[DCDatabase removeStoredLocalMetadataForDocumentIdentifier:]",
+             {{"documentIdentifier", documentIdentifier}});
+  return removeMetadata<DCManagedStoredLocalMetadata>(DCEntityIndexStoredLocalMetadata, documentIdentifier);
+}
+
+std::shared_ptr<DCManagedOtherMetadata> DCDatabase::otherMetadataForDocumentIdentifier(const Data& documentIdentifier,
+                                                                                       bool createIfNecessary) {
+  DCLogTrace("-[DCDatabase otherMetadataForDocumentIdentifier:createIfNecessary:]",
+             {{"documentIdentifier", documentIdentifier}, {"createIfNecessary", createIfNecessary}});
+  auto found = first<DCManagedOtherMetadata>(DCEntityIndexOtherMetadata,
+                                             {{DCManagedOtherMetadata::DocumentIdentifier, documentIdentifier}});
+  if (found || !createIfNecessary) return found;
+  // Logged when it fails; the record is there unsaved.
+  (void)change(Durability::Normal, [&](ManagedObjectContext& context) {
+    found = metadataMade<DCManagedOtherMetadata>(DCEntityIndexOtherMetadata, documentIdentifier, context);
+  });
+  return found;
+}
+
+Result<void> DCDatabase::saveOtherMetadata(const Dictionary& metadata, const Data& documentIdentifier) {
+  DCLogTrace("-[DCDatabase saveOtherMetadata:forDocumentIdentifier:]",
+             {{"metadata", metadata}, {"documentIdentifier", documentIdentifier}});
+  return change(Durability::Normal, [&](ManagedObjectContext& context) {
+    metadataMade<DCManagedOtherMetadata>(DCEntityIndexOtherMetadata, documentIdentifier, context)
+        ->updateWithValuesFromDictionary(metadata);
+  });
+}
+
+Result<void> DCDatabase::removeOtherMetadataForDocumentIdentifier(const Data& documentIdentifier) {
+  DCLogTrace("-[DCDatabase removeOtherMetadataForDocumentIdentifier:]", {{"documentIdentifier", documentIdentifier}});
+  return removeMetadata<DCManagedOtherMetadata>(DCEntityIndexOtherMetadata, documentIdentifier);
+}
+
+void DCDatabase::reset() {
+  DCLogTrace("-[DCDatabase reset]");
+  deleteDatabase();
+  managedObjectContext();
+}
+
+void DCDatabase::deleteDatabase() {
+  DCLogTrace("-[DCDatabase deleteDatabase]");
+  std::shared_ptr<ManagedObjectContext> dropped;
+  {
+    std::lock_guard lock(mutex_);
+    dropped = std::move(context_);
+  }
+  if (dropped) dropped->removePersistentStore();
+  // Nobody is writing, and whoever has the store open sees that it is gone before writing again.
+  auto lock = FileLock::acquire(lockPath(), true);
+  std::error_code error;
+  std::filesystem::directory_iterator entries(directory(), error), end;
+  while (!error && entries != end) {
+    std::string name = entries->path().filename().string();
+    // The store itself goes last, so that a kill in between leaves an older store rather than a log without one.
+    if (name.starts_with(service_->uniqueIdentifier()) && entries->path() != databaseURL_.path()) {
+      (void)removeItem(entries->path().string());
+    }
+    entries.increment(error);
+  }
+  (void)removeItem(databaseURL_.path());
+}
+
+}  // namespace florvane

@@ -1,0 +1,133 @@
+#pragma once
+
+#include "Client/Client/DCManagedObjectModel.h"
+#include "Client/Client/DCManagedOtherMetadata.h"
+#include "Client/Client/DCManagedPath.h"
+#include "Client/Client/DCManagedStoredLocalMetadata.h"
+#include "Client/Client/DCManagedUpload.h"
+#include "Client/Client/DCService.h"
+#include "platform/Clock.h"
+#include "platform/ManagedObjectContext.h"
+#include "platform/URL.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+namespace florvane {
+
+// Posted to all processes of the container, with no object, when an Upload record was added or removed.
+inline constexpr char FlorvaneDidAddOrRemoveUploadsNotification[] = "FlorvaneDidAddOrRemoveUploadsNotification";
+
+// What a service's cache remembers beside the files: which document is at a path, metadata and bookkeeping of items by
+// their data keys, and the uploads that are due. One store a service ("db" in the metadata directory), used by several
+// processes at once. Paths are relative path strings. Look-ups answer with nothing when the store cannot be read.
+// Changes are saved on return, each in a transaction of its own; the error of one that could not be saved is logged and
+// returned, and the change stays in memory for the next save. Everything runs on the context's queue with the caller
+// waiting; any thread may call, but none while it holds a lock that the work of a performBatch takes.
+class DCDatabase {
+ public:
+  using UploadPtr = std::shared_ptr<DCManagedUpload>;
+
+  // One a process; null for no service.
+  static std::shared_ptr<DCDatabase> databaseForService(const std::shared_ptr<DCService>& service);
+  // Opens the context. The clock outlives the database.
+  explicit DCDatabase(std::shared_ptr<DCService> service, Clock& clock = Clock::system());
+  ~DCDatabase();
+  DCDatabase(const DCDatabase&) = delete;
+  DCDatabase& operator=(const DCDatabase&) = delete;
+
+  const URL& databaseURL() const { return databaseURL_; }
+  // Opened anew when it was dropped. A store that cannot be added is logged; saves fail then.
+  std::shared_ptr<ManagedObjectContext> managedObjectContext();
+
+  Result<void> save();
+  // The error is SQLite's (SQLiteErrorDomain) or of the files.
+  Result<void> saveWithError(bool rollbackOnFailure = false);
+  // The work, whose changes are saved together in one transaction at its end and are on stable storage on return. It
+  // runs on the context's queue, so it must take no lock that the caller holds.
+  Result<void> performBatch(const std::function<void()>& work, bool rollbackOnFailure = false);
+
+  Result<void> setDocumentIdentifier(const Data& documentIdentifier, const std::string& path);
+  // Those of a listing: every path is a child of the directory. One query and one transaction for all.
+  Result<void> setDocumentIdentifiers(const std::vector<std::pair<std::string, Data>>& documentIdentifiersByPath,
+                                      const std::string& directoryPath);
+  std::optional<Data> documentIdentifierForPath(const std::string& path);
+  // By path, of the whole tree below the directory, or of its children; one query.
+  std::unordered_map<std::string, Data> documentIdentifiersForPathsBelow(const std::string& directoryPath);
+  std::unordered_map<std::string, Data> documentIdentifiersForChildrenOf(const std::string& directoryPath);
+  std::vector<std::string> pathsForDocumentIdentifier(const Data& documentIdentifier);
+  // A record that was at the new path goes; nothing happens when there is none at the old one.
+  Result<void> renamePath(const std::string& srcPath, const std::string& dstPath);
+  // The same for the path and everything below it, upload records and what is kept under a path for want of an
+  // identifier included, in one transaction. Upload records that were below the new path stay.
+  Result<void> renamePathsBelow(const std::string& srcPath, const std::string& dstPath);
+  Result<void> removePath(const std::string& path);
+
+  std::shared_ptr<DCManagedStoredLocalMetadata> storedLocalMetadataForDocumentIdentifier(
+      const Data& documentIdentifier);
+  // The record is made when it is missing.
+  Result<void> saveStoredLocalMetadata(const Dictionary& metadata, const Data& documentIdentifier);
+  Result<void> removeStoredLocalMetadataForDocumentIdentifier(const Data& documentIdentifier);
+  std::shared_ptr<DCManagedOtherMetadata> otherMetadataForDocumentIdentifier(const Data& documentIdentifier,
+                                                                             bool createIfNecessary = false);
+  Result<void> saveOtherMetadata(const Dictionary& metadata, const Data& documentIdentifier);
+  Result<void> removeOtherMetadataForDocumentIdentifier(const Data& documentIdentifier);
+
+  // Uploads that are not cancelled, the newest first.
+  std::vector<UploadPtr> allUploads();
+  std::vector<std::string> uploadPaths();
+  std::size_t numberOfPendingUploads();
+  UploadPtr uploadForPath(const std::string& path);
+  // Also one that is cancelled.
+  UploadPtr uploadForTaskIdentifier(std::int64_t taskIdentifier, const std::string& sessionIdentifier);
+  // Makes the record when there is none, and announces.
+  Result<void> saveUploadFileURL(const URL& fileURL, const std::string& path);
+  // With the identifier of this application's background session. Nothing happens when there is no record.
+  Result<void> saveUploadFileURL(const URL& fileURL, const std::optional<Data>& generationIdentifier,
+                                 std::int64_t taskIdentifier, const std::string& path);
+  // With its temporary file; announces. Nothing happens when there is no record.
+  Result<void> removeUploadForPath(const std::string& path);
+  // Announces.
+  Result<void> removeCancelledUpload(const UploadPtr& upload);
+
+  // An empty store in place of this one.
+  void reset();
+  // Drops the context and removes every file of the "db" directory whose name begins with the service's identifier;
+  // the next use opens an empty store. Failures are ignored.
+  void deleteDatabase();
+
+ private:
+  using Durability = ManagedObjectContext::Durability;
+
+  std::shared_ptr<ManagedObjectContext> _setupManagedObjectContext();
+  Result<void> persistentStoreCoordinator(ManagedObjectContext& context);
+  Result<void> change(Durability durability, const std::function<void(ManagedObjectContext&)>& work,
+                      bool rollbackOnFailure = false);
+  template <typename T>
+  std::shared_ptr<T> first(std::size_t entity, std::vector<std::pair<std::size_t, Value>> equals);
+  template <typename T>
+  Result<void> removeMetadata(std::size_t entity, const Data& documentIdentifier);
+  template <typename T>
+  std::shared_ptr<T> metadataMade(std::size_t entity, const Data& documentIdentifier, ManagedObjectContext& context);
+  std::unordered_map<std::string, Data> documentIdentifiers(const std::string& directoryPath, bool onlyChildren);
+  void renameUploads(const std::string& srcPath, const std::string& dstPath, ManagedObjectContext& context);
+  void announceUploads();
+  std::string directory() const;
+  std::string lockPath() const;
+
+  const std::shared_ptr<DCService> service_;
+  Clock& clock_;
+  const URL databaseURL_;
+  std::mutex mutex_;  // guards context_; never held while work runs in it
+  std::shared_ptr<ManagedObjectContext> context_;
+};
+
+}  // namespace florvane

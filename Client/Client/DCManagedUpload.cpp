@@ -1,0 +1,114 @@
+#include "Client/Client/DCManagedUpload.h"
+
+#include "Client/Client/DCPath.h"
+#include "platform/Crypto.h"
+#include "platform/Encoding.h"
+#include "platform/FileSystem.h"
+#include "platform/Format.h"
+
+#include <algorithm>
+
+namespace florvane {
+
+namespace {
+
+constexpr std::size_t kLongestName = 255;
+
+}  // namespace
+
+std::vector<ManagedAttribute> DCManagedUpload::attributes() {
+  return {{"path", Value::Kind::String, true},
+          {"fileURL", Value::Kind::String},
+          {"date", Value::Kind::Date},
+          {"taskIdentifier", Value::Kind::Integer, true},
+          {"sessionIdentifier", Value::Kind::String},
+          {"state", Value::Kind::Integer},
+          {"totalBytesExpectedToSend", Value::Kind::Integer},
+          {"totalBytesSent", Value::Kind::Integer},
+          {"error", Value::Kind::String},
+          {"numberOfRetries", Value::Kind::Integer},
+          {"generationIdentifier", Value::Kind::Data},
+          {"cancelled", Value::Kind::Boolean}};
+}
+
+std::optional<URL> DCManagedUpload::temporaryUploadFileURLForItemAtPath(
+    const std::optional<std::string>& path, const std::optional<Data>& generationIdentifier) {
+  auto folder = path && generationIdentifier ? DUTemporaryDirectory() : std::nullopt;
+  if (!folder) return std::nullopt;
+  const Data text = Data::fromString(format("%@-%@", *path, hexEncode(*generationIdentifier)));
+  std::string name = base64Encode(text);
+  std::replace(name.begin(), name.end(), '/', '_');
+  if (name.size() > kLongestName) name = hexEncode(digest(DigestAlgorithm::SHA256, text.span()));
+  return URL::fileURL(*folder + "/" + name);
+}
+
+void DCManagedUpload::resetAndIncrementNumberOfRetries() {
+  setTaskIdentifier({});
+  setSessionIdentifier({});
+  setState({});
+  setTotalBytesExpectedToSend({});
+  setTotalBytesSent({});
+  if (auto text = error(); text && text->find("401") == std::string::npos) {
+    setNumberOfRetries(numberOfRetries().value_or(0) + 1);
+  }
+  setError({});
+}
+
+void DCManagedUpload::markAsCancelled() {
+  setDate({});
+  setError({});
+  setFileURL({});
+  setGenerationIdentifier({});
+  setNumberOfRetries({});
+  setPath({});
+  setState({});
+  setTotalBytesExpectedToSend({});
+  setTotalBytesSent({});
+  setCancelled(true);
+}
+
+void DCManagedUpload::removeTemporaryUploadFileIfNecessary() const {
+  auto url = temporaryUploadFileURLForItemAtPath(path(), generationIdentifier());
+  if (url) (void)removeItem(url->path());
+}
+
+std::optional<std::string> DCManagedUpload::path() const { return stringValue(Path); }
+void DCManagedUpload::setPath(const std::optional<std::string>& path) { setValue(Path, path); }
+std::optional<std::string> DCManagedUpload::fileURL() const { return stringValue(FileURL); }
+void DCManagedUpload::setFileURL(const std::optional<std::string>& fileURL) { setValue(FileURL, fileURL); }
+std::optional<Date> DCManagedUpload::date() const { return value(CreationDate).asDate(); }
+void DCManagedUpload::setDate(const std::optional<Date>& date) { setValue(CreationDate, date); }
+std::optional<std::int64_t> DCManagedUpload::taskIdentifier() const { return value(TaskIdentifier).asInteger(); }
+void DCManagedUpload::setTaskIdentifier(const std::optional<std::int64_t>& taskIdentifier) {
+  setValue(TaskIdentifier, taskIdentifier);
+}
+std::optional<std::string> DCManagedUpload::sessionIdentifier() const { return stringValue(SessionIdentifier); }
+void DCManagedUpload::setSessionIdentifier(const std::optional<std::string>& sessionIdentifier) {
+  setValue(SessionIdentifier, sessionIdentifier);
+}
+std::optional<std::int64_t> DCManagedUpload::state() const { return value(TransferState).asInteger(); }
+void DCManagedUpload::setState(const std::optional<std::int64_t>& state) { setValue(TransferState, state); }
+std::optional<std::int64_t> DCManagedUpload::totalBytesExpectedToSend() const {
+  return value(TotalBytesExpectedToSend).asInteger();
+}
+void DCManagedUpload::setTotalBytesExpectedToSend(const std::optional<std::int64_t>& totalBytesExpectedToSend) {
+  setValue(TotalBytesExpectedToSend, totalBytesExpectedToSend);
+}
+std::optional<std::int64_t> DCManagedUpload::totalBytesSent() const { return value(TotalBytesSent).asInteger(); }
+void DCManagedUpload::setTotalBytesSent(const std::optional<std::int64_t>& totalBytesSent) {
+  setValue(TotalBytesSent, totalBytesSent);
+}
+std::optional<std::string> DCManagedUpload::error() const { return stringValue(ErrorText); }
+void DCManagedUpload::setError(const std::optional<std::string>& error) { setValue(ErrorText, error); }
+std::optional<std::int64_t> DCManagedUpload::numberOfRetries() const { return value(NumberOfRetries).asInteger(); }
+void DCManagedUpload::setNumberOfRetries(const std::optional<std::int64_t>& numberOfRetries) {
+  setValue(NumberOfRetries, numberOfRetries);
+}
+std::optional<Data> DCManagedUpload::generationIdentifier() const { return value(GenerationIdentifier).asData(); }
+void DCManagedUpload::setGenerationIdentifier(const std::optional<Data>& generationIdentifier) {
+  setValue(GenerationIdentifier, generationIdentifier);
+}
+bool DCManagedUpload::cancelled() const { return value(Cancelled).asBoolean().value_or(false); }
+void DCManagedUpload::setCancelled(bool cancelled) { setValue(Cancelled, cancelled); }
+
+}  // namespace florvane

@@ -1,0 +1,83 @@
+#pragma once
+
+#include "platform/ManagedObject.h"
+#include "platform/URL.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace florvane {
+
+// Entity "Upload": a file whose contents are still to reach the server. Saves that touch one are on stable storage when
+// they return. Any thread.
+class DCManagedUpload : public ManagedObject {
+ public:
+  enum Attribute : std::size_t {
+    Path,
+    FileURL,
+    CreationDate,
+    TaskIdentifier,
+    SessionIdentifier,
+    TransferState,
+    TotalBytesExpectedToSend,
+    TotalBytesSent,
+    ErrorText,
+    NumberOfRetries,
+    GenerationIdentifier,
+    Cancelled
+  };
+  static std::vector<ManagedAttribute> attributes();
+
+  // Where a stable copy of the contents of that generation lies while it is sent: a file of the temporary directory.
+  // Its name is the base64 form of path, "-" and the generation in hexadecimal, with "_" for "/", which a name cannot
+  // hold; where that is longer than a name may be, the SHA-256 of the same text in hexadecimal. Absent when an argument
+  // or the temporary directory is.
+  static std::optional<URL> temporaryUploadFileURLForItemAtPath(const std::optional<std::string>& path,
+                                                                const std::optional<Data>& generationIdentifier);
+
+  // Ready for another attempt: no task, session, state or progress. A failure before counts as a retry, unless its text
+  // contains "401".
+  void resetAndIncrementNumberOfRetries();
+  // Only the task's identifiers are left, so that the task can be recognised and stopped.
+  void markAsCancelled();
+  // Failures are ignored.
+  void removeTemporaryUploadFileIfNecessary() const;
+
+  // The relative path.
+  std::optional<std::string> path() const;
+  void setPath(const std::optional<std::string>& path);
+  // The file-system path of the file to send.
+  std::optional<std::string> fileURL() const;
+  void setFileURL(const std::optional<std::string>& fileURL);
+  // When the record was made.
+  std::optional<Date> date() const;
+  void setDate(const std::optional<Date>& date);
+  // Of the background transfer's task.
+  std::optional<std::int64_t> taskIdentifier() const;
+  void setTaskIdentifier(const std::optional<std::int64_t>& taskIdentifier);
+  std::optional<std::string> sessionIdentifier() const;
+  void setSessionIdentifier(const std::optional<std::string>& sessionIdentifier);
+  // Of the transfer; its values are the upload manager's.
+  std::optional<std::int64_t> state() const;
+  void setState(const std::optional<std::int64_t>& state);
+  // Bytes.
+  std::optional<std::int64_t> totalBytesExpectedToSend() const;
+  void setTotalBytesExpectedToSend(const std::optional<std::int64_t>& totalBytesExpectedToSend);
+  std::optional<std::int64_t> totalBytesSent() const;
+  void setTotalBytesSent(const std::optional<std::int64_t>& totalBytesSent);
+  // The text of the last failure.
+  std::optional<std::string> error() const;
+  void setError(const std::optional<std::string>& error);
+  // Absent stands for 0.
+  std::optional<std::int64_t> numberOfRetries() const;
+  void setNumberOfRetries(const std::optional<std::int64_t>& numberOfRetries);
+  // Of the file when the upload was registered.
+  std::optional<Data> generationIdentifier() const;
+  void setGenerationIdentifier(const std::optional<Data>& generationIdentifier);
+  bool cancelled() const;
+  void setCancelled(bool cancelled);
+};
+
+}  // namespace florvane

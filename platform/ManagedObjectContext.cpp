@@ -1,0 +1,412 @@
+#include "platform/ManagedObjectContext.h"
+
+#include "platform/ManagedObjectContext+Rows.h"
+
+#include <algorithm>
+#include <unordered_set>
+
+namespace florvane {
+
+namespace {
+
+constexpr std::size_t kFirstSweep = 1024;
+
+const char* columnType(Value::Kind kind) {
+  switch (kind) {
+    case Value::Kind::String:
+      return "TEXT";
+    case Value::Kind::Data:
+      return "BLOB";
+    default:
+      return "INTEGER";
+  }
+}
+
+std::string quoted(const std::string& name) { return "\"" + name + "\""; }
+
+// The folder of a path with its "/"; the store has an index over this very expression.
+std::string folderExpression(const std::string& column) {
+  return "rtrim(" + column + ", replace(" + column + ", '/', ''))";
+}
+
+}  // namespace
+
+std::shared_ptr<ManagedObjectContext> ManagedObjectContext::create(const ManagedObjectModel& model,
+                                                                   const std::string& label) {
+  return std::shared_ptr<ManagedObjectContext>(new ManagedObjectContext(model, label));
+}
+
+ManagedObjectContext::ManagedObjectContext(const ManagedObjectModel& model, const std::string& label)
+    : model_(model),
+      queue_(SerialQueue::create(label)),
+      live_(model.entities.size()),
+      sweepAt_(model.entities.size(), kFirstSweep),
+      unsaved_(model.entities.size()) {
+  for (const ManagedEntity& entity : model.entities) {
+    std::string columns = "identifier";
+    for (const ManagedAttribute& attribute : entity.attributes) columns += ", " + quoted(attribute.name);
+    columns_.push_back(columns);
+  }
+}
+
+ManagedObjectContext::~ManagedObjectContext() = default;
+
+std::string ManagedObjectContext::schemaOfModel(const ManagedObjectModel& model) {
+  std::string schema;
+  for (const ManagedEntity& entity : model.entities) {
+    schema += "CREATE TABLE " + quoted(entity.name) + "(identifier INTEGER PRIMARY KEY AUTOINCREMENT";
+    for (const auto& attribute : entity.attributes) {
+      schema += ", " + quoted(attribute.name) + " " + columnType(attribute.kind);
+    }
+    schema += ");\n";
+    for (const auto& attribute : entity.attributes) {
+      if (!attribute.indexed) continue;
+      const std::string name = entity.name + "By" + attribute.name;
+      schema += "CREATE INDEX " + quoted(name) + " ON " + quoted(entity.name) + "(" + quoted(attribute.name) + ");\n";
+      if (attribute.name == "path") {
+        schema += "CREATE INDEX " + quoted(name + "Folder") + " ON " + quoted(entity.name) + "(" +
+                  folderExpression(quoted(attribute.name)) + ");\n";
+      }
+    }
+    // Row numbers begin where the clock is, so that a store that takes another's place repeats none of that one's.
+    schema += "INSERT INTO sqlite_sequence(name, seq) VALUES ('" + entity.name +
+              "', CAST((julianday('now') - 2440587.5) * 86400000000 AS INTEGER));\n";
+  }
+  return schema;
+}
+
+Result<void> ManagedObjectContext::addPersistentStore(SQLiteStore::Options options) {
+  return performAndWait([&]() -> Result<void> {
+    options_ = std::move(options);
+    reopen();
+    return store_ ? Result<void>() : Result<void>(Failure(*storeError_));
+  });
+}
+
+void ManagedObjectContext::removePersistentStore() {
+  performAndWait([&] {
+    options_.reset();
+    store_.reset();
+    storeError_.reset();
+    std::lock_guard lock(mutex_);
+    for (auto& objects : unsaved_) {
+      for (auto& [serial, object] : objects) object->state_ = State::Gone;
+      objects.clear();
+    }
+    unsavedByValue_.clear();
+    for (auto& objects : live_) {
+      for (auto& [row, weak] : objects) {
+        if (auto object = weak.lock()) object->state_ = State::Gone;
+      }
+      objects.clear();
+    }
+  });
+}
+
+void ManagedObjectContext::reopen() {
+  store_.reset();
+  storeError_.reset();
+  dataVersion_.reset();
+  ++version_;
+  auto opened = SQLiteStore::open(*options_);
+  if (opened) {
+    store_ = std::move(*opened);
+  } else {
+    storeError_ = opened.error();
+  }
+}
+
+bool ManagedObjectContext::usableStore() {
+  if (store_ && transactionDepth_ == 0 && store_->isReplaced()) reopen();
+  return store_ != nullptr;
+}
+
+void ManagedObjectContext::noteOtherProcesses() {
+  auto version = store_->dataVersion();
+  if (!version || (dataVersion_ && *version == *dataVersion_)) return;
+  if (dataVersion_) ++version_;
+  dataVersion_ = *version;
+}
+
+Result<void> ManagedObjectContext::replaceDamagedStore(const Error& error) {
+  auto replaced = SQLiteStore::replaceDamagedStore(*options_, error, *store_);
+  if (!replaced) return replaced;
+  reopen();
+  if (!store_) return Failure(*storeError_);
+  keepUnsavedOfLostRecords();
+  return replaced;
+}
+
+// What is unsaved of a record that the damage has taken is saved as a record of its own.
+void ManagedObjectContext::keepUnsavedOfLostRecords() {
+  std::vector<ObjectPtr> changed;
+  {
+    std::lock_guard lock(mutex_);
+    for (const auto& objects : unsaved_) {
+      for (const auto& [serial, object] : objects) {
+        if (object->state_ == State::Stored) changed.push_back(object);
+      }
+    }
+  }
+  for (const ObjectPtr& object : changed) {
+    auto found = store_->perform([&] { return rowOf(object->entity_, object->row_).has_value(); });
+    if (!found || *found) continue;
+    std::lock_guard lock(mutex_);
+    live_[object->entity_].erase(object->row_);
+    object->state_ = State::Inserted;
+    object->readAt_ = UINT64_MAX;
+    for (std::size_t i = 0; i < object->values_.size(); ++i) {
+      if (!object->values_[i].isNull()) object->changed_ |= 1U << i;
+    }
+  }
+}
+
+std::vector<ManagedObjectContext::Row> ManagedObjectContext::rows(const ManagedObjectFetch& fetch,
+                                                                  const std::string& columns, bool limited) {
+  const ManagedEntity& entity = model_.entities[fetch.entity];
+  std::string text = "SELECT " + columns + " FROM " + quoted(entity.name) + " WHERE 1";
+  std::vector<Value> bound;
+  for (const auto& [attribute, value] : fetch.equals) {
+    text += " AND " + quoted(entity.attributes[attribute].name) + " = ?";
+    bound.push_back(value);
+  }
+  if (fetch.below) {
+    const std::string column = quoted(entity.attributes[fetch.below->attribute].name);
+    if (fetch.below->onlyChildren) {
+      text += " AND " + folderExpression(column) + " = ? AND " + column + " <> ''";
+      bound.emplace_back(fetch.below->prefix);
+    } else {
+      text += " AND " + column + " > ?";
+      bound.emplace_back(fetch.below->prefix);
+      if (!fetch.below->prefix.empty()) {
+        // '0' follows '/'.
+        text += " AND " + column + " < ?";
+        bound.emplace_back(fetch.below->prefix.substr(0, fetch.below->prefix.size() - 1) + "0");
+      }
+    }
+  }
+  if (fetch.newestFirstBy && columns != "count(*)") {
+    text += " ORDER BY " + quoted(entity.attributes[*fetch.newestFirstBy].name) + " DESC";
+  }
+  if (limited && fetch.limit) text += " LIMIT " + std::to_string(fetch.limit);
+
+  const bool counts = columns == "count(*)";
+  for (bool again : {true, false}) {
+    if (!usableStore()) return {};
+    if (transactionDepth_ == 0) noteOtherProcesses();
+    auto found = store_->perform([&] {
+      std::vector<Row> result;
+      SQLite::Statement& query = store_->statement(text);
+      for (std::size_t i = 0; i < bound.size(); ++i) bindValue(query, static_cast<int>(i) + 1, bound[i]);
+      while (query.executeStep()) {
+        Row row{query.getColumn(0).getInt64(), {}};
+        if (!counts) {
+          row.values.reserve(entity.attributes.size());
+          for (std::size_t i = 0; i < entity.attributes.size(); ++i) {
+            row.values.push_back(columnValue(query, static_cast<int>(i) + 1, entity.attributes[i].kind));
+          }
+        }
+        result.push_back(std::move(row));
+      }
+      query.reset();
+      return result;
+    });
+    if (found) return std::move(*found);
+    // Inside a transaction its end sets the store aside.
+    if (transactionDepth_ > 0) transactionError_ = found.error();
+    if (!again || transactionDepth_ > 0 || !SQLiteStore::isDamage(found.error())) return {};
+    if (!replaceDamagedStore(found.error())) return {};
+  }
+  return {};
+}
+
+std::vector<ManagedObjectContext::ObjectPtr> ManagedObjectContext::fetch(const ManagedObjectFetch& fetch) {
+  return performAndWait([&] {
+    bool unsaved = false;
+    {
+      std::lock_guard lock(mutex_);
+      unsaved = !unsaved_[fetch.entity].empty();
+    }
+    auto stored = rows(fetch, columns_[fetch.entity], !unsaved);
+    std::vector<ObjectPtr> found;
+    std::lock_guard lock(mutex_);
+    for (Row& row : stored) {
+      ObjectPtr object = objectOfRowLocked(fetch.entity, row);
+      if (matchesLocked(*object, fetch)) found.push_back(std::move(object));
+    }
+    std::unordered_set<const ManagedObject*> known;
+    for (ObjectPtr& object : unsavedLocked(fetch)) {
+      if (known.empty()) {
+        for (const ObjectPtr& other : found) known.insert(other.get());
+      }
+      if (known.insert(object.get()).second) found.push_back(std::move(object));
+    }
+    if (fetch.newestFirstBy) {
+      std::stable_sort(found.begin(), found.end(), [&](const ObjectPtr& a, const ObjectPtr& b) {
+        return a->values_[*fetch.newestFirstBy].asDate() > b->values_[*fetch.newestFirstBy].asDate();
+      });
+    }
+    if (fetch.limit && found.size() > fetch.limit) found.resize(fetch.limit);
+    return found;
+  });
+}
+
+ManagedObjectContext::ObjectPtr ManagedObjectContext::fetchFirst(ManagedObjectFetch fetch) {
+  fetch.limit = 1;
+  auto found = this->fetch(fetch);
+  return found.empty() ? nullptr : std::move(found.front());
+}
+
+std::size_t ManagedObjectContext::count(const ManagedObjectFetch& fetch) {
+  return performAndWait([&]() -> std::size_t {
+    {
+      std::unique_lock lock(mutex_);
+      if (!unsaved_[fetch.entity].empty()) {
+        lock.unlock();
+        return this->fetch(fetch).size();
+      }
+    }
+    auto counted = rows(fetch, "count(*)", false);
+    return counted.empty() ? 0 : static_cast<std::size_t>(counted.front().number);
+  });
+}
+
+void ManagedObjectContext::visit(const ManagedObjectFetch& fetch,
+                                 const std::function<void(std::span<const Value>)>& visitor) {
+  performAndWait([&] {
+    auto stored = rows(fetch, columns_[fetch.entity], false);
+    std::vector<std::vector<Value>> unsaved;
+    {
+      // An unsaved record is told as it is in memory, and once.
+      std::lock_guard lock(mutex_);
+      if (!unsaved_[fetch.entity].empty()) {
+        std::erase_if(stored, [&](Row& row) {
+          auto live = live_[fetch.entity].find(row.number);
+          auto object = live == live_[fetch.entity].end() ? nullptr : live->second.lock();
+          return object && unsaved_[fetch.entity].contains(object->serial_);
+        });
+        for (const ObjectPtr& object : unsavedLocked(fetch)) unsaved.push_back(object->values_);
+      }
+    }
+    for (const Row& row : stored) visitor(row.values);
+    for (const auto& values : unsaved) visitor(values);
+  });
+}
+
+std::optional<ManagedObjectContext::Row> ManagedObjectContext::rowOf(std::size_t entity, std::int64_t number) {
+  SQLite::Statement& query = store_->statement("SELECT " + columns_[entity] + " FROM " +
+                                               quoted(model_.entities[entity].name) + " WHERE identifier = ?");
+  query.bind(1, number);
+  if (!query.executeStep()) return std::nullopt;
+  Row row{number, {}};
+  const auto& attributes = model_.entities[entity].attributes;
+  for (std::size_t i = 0; i < attributes.size(); ++i) {
+    row.values.push_back(columnValue(query, static_cast<int>(i) + 1, attributes[i].kind));
+  }
+  query.reset();
+  return row;
+}
+
+void ManagedObjectContext::refreshIfStale(const ManagedObject& object) {
+  if (object.readAt_.load() >= version_.load()) return;
+  performAndWait([&] { refresh(const_cast<ManagedObject&>(object)); });
+}
+
+void ManagedObjectContext::refresh(ManagedObject& object) {
+  const std::uint64_t version = version_.load();
+  {
+    std::lock_guard lock(mutex_);
+    if (object.state_ == State::Inserted || object.state_ == State::Gone) {
+      object.readAt_ = UINT64_MAX;  // no record to read; its save sets this right
+      return;
+    }
+  }
+  if (!store_) return;
+  auto read = store_->perform([&] { return rowOf(object.entity_, object.row_); });
+  if (!read) return;  // what is in memory is the best that can be had
+  std::lock_guard lock(mutex_);
+  if (*read) {
+    mergeLocked(object, **read);
+    object.readAt_ = version;
+  } else {
+    forgetLocked(object);
+    live_[object.entity_].erase(object.row_);
+    object.state_ = State::Gone;
+    object.readAt_ = UINT64_MAX;
+  }
+}
+
+ManagedObjectContext::ObjectPtr ManagedObjectContext::objectOfRowLocked(std::size_t entity, Row& row) {
+  auto& live = live_[entity];
+  if (auto place = live.find(row.number); place != live.end()) {
+    if (ObjectPtr object = place->second.lock()) {
+      mergeLocked(*object, row);
+      return object;
+    }
+  }
+  ObjectPtr object = model_.entities[entity].make();
+  object->context_ = shared_from_this();
+  object->entity_ = entity;
+  object->serial_ = nextSerial_++;
+  object->row_ = row.number;
+  object->state_ = State::Stored;
+  object->values_ = std::move(row.values);
+  object->readAt_ = version_.load();
+  registerLocked(object);
+  return object;
+}
+
+// What is unsaved stays; everything else is as in the store.
+void ManagedObjectContext::mergeLocked(ManagedObject& object, Row& row) {
+  const std::uint32_t kept = object.changed_ | object.saving_;
+  const bool unsaved = unsaved_[object.entity_].contains(object.serial_);
+  for (std::size_t i = 0; i < row.values.size(); ++i) {
+    if (kept >> i & 1U) continue;
+    if (unsaved) unindexLocked(object, i);
+    object.values_[i] = std::move(row.values[i]);
+    if (unsaved) indexLocked(object, i);
+  }
+  object.readAt_ = version_.load();
+}
+
+void ManagedObjectContext::registerLocked(const ObjectPtr& object) {
+  auto& live = live_[object->entity_];
+  live[object->row_] = object;
+  // Objects that nobody holds leave an entry behind; looking for those costs little when the table has doubled.
+  if (live.size() < sweepAt_[object->entity_]) return;
+  std::erase_if(live, [](const auto& entry) { return entry.second.expired(); });
+  sweepAt_[object->entity_] = std::max(kFirstSweep, live.size() * 2);
+}
+
+bool ManagedObjectContext::matchesLocked(const ManagedObject& object, const ManagedObjectFetch& fetch) const {
+  if (object.state_ == State::Deleting || object.state_ == State::Gone) return false;
+  for (const auto& [attribute, value] : fetch.equals) {
+    if (!(object.values_[attribute] == value)) return false;
+  }
+  if (!fetch.below) return true;
+  auto path = object.values_[fetch.below->attribute].asString();
+  const std::string& prefix = fetch.below->prefix;
+  return path && path->size() > prefix.size() && path->starts_with(prefix) &&
+         (!fetch.below->onlyChildren || path->find('/', prefix.size()) == std::string_view::npos);
+}
+
+std::vector<ManagedObjectContext::ObjectPtr> ManagedObjectContext::unsavedLocked(
+    const ManagedObjectFetch& fetch) const {
+  std::vector<ObjectPtr> found;
+  const auto& unsaved = unsaved_[fetch.entity];
+  if (unsaved.empty()) return found;
+  for (const auto& [attribute, value] : fetch.equals) {
+    if (!model_.entities[fetch.entity].attributes[attribute].indexed) continue;
+    auto [first, last] = unsavedByValue_.equal_range(indexKey(fetch.entity, attribute, value));
+    for (; first != last; ++first) {
+      if (matchesLocked(*first->second, fetch)) found.push_back(first->second->shared_from_this());
+    }
+    return found;
+  }
+  for (const auto& [serial, object] : unsaved) {
+    if (matchesLocked(*object, fetch)) found.push_back(object);
+  }
+  return found;
+}
+
+}  // namespace florvane

@@ -1,0 +1,155 @@
+#pragma once
+
+#include "platform/ManagedObject.h"
+#include "platform/SQLiteStore.h"
+#include "platform/SerialQueue.h"
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <exception>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <span>
+#include <string>
+#include <type_traits>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+namespace florvane {
+
+// Which objects of an entity to fetch; all conditions hold at once.
+struct ManagedObjectFetch {
+  std::size_t entity = 0;
+  std::vector<std::pair<std::size_t, Value>> equals;
+  // The attribute is a path that begins with the prefix ("" or one that ends in "/") and goes on behind it; with
+  // onlyChildren by one component.
+  struct Below {
+    std::size_t attribute = 0;
+    std::string prefix;
+    bool onlyChildren = false;
+  };
+  std::optional<Below> below;
+  std::optional<std::size_t> newestFirstBy;
+  std::size_t limit = 0;  // 0: all
+};
+
+// Objects in memory over a store that other processes use as well. One object a record while anybody holds it. Unsaved
+// changes are visible to fetches; a save writes the changed attributes of each object and no others, so values in
+// memory win attribute by attribute, and what another process deleted stays deleted. Everything runs on the context's
+// own queue with the caller waiting, or in place when the caller is on it: the work given to it must take no lock that
+// a caller may hold. Without a store everything works but saving. Thread-safe.
+class ManagedObjectContext : public std::enable_shared_from_this<ManagedObjectContext> {
+ public:
+  using ObjectPtr = std::shared_ptr<ManagedObject>;
+  using Durability = SQLiteStore::Durability;
+
+  // The model lives as long as the process.
+  static std::shared_ptr<ManagedObjectContext> create(const ManagedObjectModel& model, const std::string& label);
+  // The statements that make the model's tables and indexes, for the first migration.
+  static std::string schemaOfModel(const ManagedObjectModel& model);
+  ~ManagedObjectContext();
+
+  Result<void> addPersistentStore(SQLiteStore::Options options);
+  // Closes the store and drops what is not saved; every object counts as deleted from then on.
+  void removePersistentStore();
+
+  // Runs the work on the queue and returns when it has ended, passing on what it returns or throws.
+  template <typename Work>
+  std::invoke_result_t<Work> performAndWait(Work&& work) {
+    using Answer = std::invoke_result_t<Work>;
+    if (queue_->isCurrent()) return work();
+    if constexpr (std::is_void_v<Answer>) {
+      queue_->sync([&] { work(); });
+    } else {
+      std::optional<Answer> answer;
+      queue_->sync([&] { answer.emplace(work()); });
+      return std::move(*answer);
+    }
+  }
+  // The work and one save of everything that is unsaved after it, as one transaction in which no other process writes;
+  // saves inside succeed and wait for that one. The error is that of the save; the work runs in any case. What it
+  // throws is passed on, after a rollback.
+  Result<void> performTransaction(Durability durability, const std::function<void()>& work,
+                                  bool rollbackOnFailure = false);
+  // Inside performTransaction it is the transaction's end that saves.
+  Result<void> save(bool rollbackOnFailure = false);
+  // Back to what was saved last.
+  void rollback();
+  bool hasChanges() const;
+
+  ObjectPtr insert(std::size_t entity);
+  void deleteObject(const ObjectPtr& object);
+  // A fetch that fails finds nothing in the store.
+  std::vector<ObjectPtr> fetch(const ManagedObjectFetch& fetch);
+  ObjectPtr fetchFirst(ManagedObjectFetch fetch);
+  std::size_t count(const ManagedObjectFetch& fetch);
+  // The same as fetch, order and limit aside, without an object a record: the visitor gets all attributes.
+  void visit(const ManagedObjectFetch& fetch, const std::function<void(std::span<const Value>)>& visitor);
+
+ private:
+  friend class ManagedObject;
+  using State = ManagedObject::State;
+  struct Change;
+  struct Row;
+
+  ManagedObjectContext(const ManagedObjectModel& model, const std::string& label);
+
+  void refreshIfStale(const ManagedObject& object);
+  void refresh(ManagedObject& object);
+  void setValueLocked(ManagedObject& object, std::size_t attribute, Value value);
+  // On the queue.
+  bool usableStore();
+  void reopen();
+  void noteOtherProcesses();
+  Result<void> replaceDamagedStore(const Error& error);
+  void keepUnsavedOfLostRecords();
+  std::optional<Row> rowOf(std::size_t entity, std::int64_t number);
+  std::vector<Row> rows(const ManagedObjectFetch& fetch, const std::string& columns, bool limited);
+  Result<void> saveAtEnd(Durability durability);
+  std::vector<Change> takeChanges(Durability durability);
+  void write(Change& change);
+  void didSave(const std::vector<Change>& changes);
+  void didNotSave(const std::vector<Change>& changes);
+  bool hasDurableChanges() const;
+  // Under the lock.
+  ObjectPtr objectOfRowLocked(std::size_t entity, Row& row);
+  void mergeLocked(ManagedObject& object, Row& row);
+  bool matchesLocked(const ManagedObject& object, const ManagedObjectFetch& fetch) const;
+  std::vector<ObjectPtr> unsavedLocked(const ManagedObjectFetch& fetch) const;
+  void rememberLocked(ManagedObject& object);
+  void forgetLocked(ManagedObject& object);
+  void indexLocked(ManagedObject& object, std::size_t attribute);
+  void unindexLocked(ManagedObject& object, std::size_t attribute);
+  void registerLocked(const ObjectPtr& object);
+  std::string indexKey(std::size_t entity, std::size_t attribute, const Value& value) const;
+
+  const ManagedObjectModel& model_;
+  const std::shared_ptr<SerialQueue> queue_;
+  // Rises whenever another process may have changed the store; objects read before are stale.
+  std::atomic<std::uint64_t> version_{1};
+
+  // On the queue only.
+  std::optional<SQLiteStore::Options> options_;
+  std::unique_ptr<SQLiteStore> store_;
+  std::optional<Error> storeError_;
+  std::optional<std::int64_t> dataVersion_;
+  int transactionDepth_ = 0;
+  // What went wrong in the transaction in progress; its end fails with it.
+  std::optional<Error> transactionError_;
+  std::vector<std::string> columns_;  // an entity's row number and attributes, for SELECT
+
+  mutable std::mutex mutex_;  // guards the fields of all objects and what follows
+  std::uint64_t nextSerial_ = 1;
+  std::vector<std::unordered_map<std::int64_t, std::weak_ptr<ManagedObject>>> live_;
+  std::vector<std::size_t> sweepAt_;
+  // The unsaved objects of each entity in the order of their making, and where each indexed value of them stands.
+  std::vector<std::map<std::uint64_t, ObjectPtr>> unsaved_;
+  std::unordered_multimap<std::string, ManagedObject*> unsavedByValue_;
+};
+
+}  // namespace florvane
