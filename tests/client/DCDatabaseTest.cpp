@@ -1,0 +1,470 @@
+#include "Client/Client/DCBackgroundSessionIdentifier.h"
+#include "Client/Client/DCDatabase.h"
+#include "Client/Client/DCPath.h"
+#include "platform/Encoding.h"
+#include "platform/FileSystem.h"
+#include "tests/support/ManualClock.h"
+#include "tests/support/Process.h"
+#include "tests/support/RecordingSystemLog.h"
+#include "tests/support/TestContainer.h"
+
+#include <atomic>
+#include <csignal>
+#include <filesystem>
+#include <future>
+#include <thread>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+extern char** environ;
+
+namespace florvane {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::UnorderedElementsAre;
+
+const std::string kPeer = std::string(FLORVANE_BIN_DIR) + "/database_peer";
+
+Data bytes(std::string_view text) { return Data::fromString(text); }
+
+class DCDatabaseTest : public testing::Test {
+ protected:
+  std::shared_ptr<DCDatabase> open(const std::string& identifier = "service") {
+    return std::make_shared<DCDatabase>(DCService::serviceWithHostName("host", identifier), clock_);
+  }
+  std::string file(const std::string& name) { return container_.file("Metadata/db/" + name); }
+  std::vector<std::string> filesNamed(const std::string& part) {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(file(""))) {
+      std::string name = entry.path().filename().string();
+      if (name.find(part) != std::string::npos) names.push_back(name);
+    }
+    return names;
+  }
+  // Stores set aside; each may have its log beside it.
+  std::size_t setAside() {
+    std::size_t count = 0;
+    for (const std::string& name : filesNamed(".damaged-2")) count += name.ends_with("Z") ? 1 : 0;
+    return count;
+  }
+  // The outside judge: the results of statements, which stand on a line each.
+  std::string sql(const std::string& statements) {
+    auto result = test::runPython(
+        "import sqlite3,sys\nc=sqlite3.connect(sys.argv[1])\n"
+        "for s in sys.argv[2].split('\\n'):\n for r in c.execute(s): print(*r)\nc.commit()\n",
+        {file("service.sqlite"), statements});
+    EXPECT_EQ(result.exitStatus, 0) << result.standardError;
+    return result.standardOutput;
+  }
+  // Fills the first page of a table or an index with nothing.
+  void damage(const std::string& name) {
+    auto result = test::runPython(
+        "import sqlite3,sys\nc=sqlite3.connect(sys.argv[1])\nc.execute('PRAGMA wal_checkpoint(TRUNCATE)')\n"
+        "s=c.execute('PRAGMA page_size').fetchone()[0]\n"
+        "p=c.execute('SELECT rootpage FROM sqlite_master WHERE name=?',(sys.argv[2],)).fetchone()[0]\nc.close()\n"
+        "f=open(sys.argv[1],'r+b')\nf.seek((p-1)*s)\nf.write(b'\\xff'*s)\n",
+        {file("service.sqlite"), name});
+    ASSERT_EQ(result.exitStatus, 0) << result.standardError;
+  }
+  void expectLogged(const std::string& part, int level) {
+    for (const auto& message : log_.messages()) {
+      if (message.text.find(part) == std::string::npos) continue;
+      EXPECT_EQ(message.level, level);
+      return;
+    }
+    ADD_FAILURE() << "not logged: " << part;
+  }
+
+  test::TestContainer container_;
+  test::RecordingSystemLog log_;
+  test::ManualClock clock_;
+};
+
+TEST_F(DCDatabaseTest, KeepsPathsAcrossOpenings) {
+  {
+    auto database = open();
+    EXPECT_EQ(database->databaseURL().path(), file("service.sqlite"));
+    EXPECT_EQ(database->documentIdentifierForPath("a/b"), std::nullopt);
+    EXPECT_TRUE(database->setDocumentIdentifier(bytes("one"), "a/b"));
+    EXPECT_TRUE(database->setDocumentIdentifier(bytes("two"), "a/b"));
+    EXPECT_TRUE(database->setDocumentIdentifier(bytes("two"), "c"));
+    EXPECT_TRUE(database->setDocumentIdentifier(Data(), "root's"));
+    EXPECT_TRUE(database->removePath("none"));
+  }
+  auto database = open();
+  EXPECT_EQ(database->documentIdentifierForPath("a/b"), bytes("two"));
+  EXPECT_EQ(database->documentIdentifierForPath("root's"), Data());
+  EXPECT_THAT(database->pathsForDocumentIdentifier(bytes("two")), UnorderedElementsAre("a/b", "c"));
+  EXPECT_TRUE(database->renamePath("a/b", "c"));
+  EXPECT_THAT(database->pathsForDocumentIdentifier(bytes("two")), ElementsAre("c"));
+  EXPECT_TRUE(database->removePath("c"));
+  EXPECT_THAT(database->pathsForDocumentIdentifier(bytes("two")), IsEmpty());
+  EXPECT_EQ(sql("SELECT count(*) FROM Path"), "1\n");
+  EXPECT_EQ(DCDatabase::databaseForService(nullptr), nullptr);
+  auto service = DCService::serviceWithHostName("host", "service");
+  EXPECT_EQ(DCDatabase::databaseForService(service),
+            DCDatabase::databaseForService(DCService::serviceWithHostName("other", "service")));
+}
+
+TEST_F(DCDatabaseTest, MovesEverythingBelowAPath) {
+  auto database = open();
+  for (const char* path : {"", "a", "a/x", "a/x/deep", "ab", "a.b", "b/x"}) {
+    EXPECT_TRUE(database->setDocumentIdentifier(bytes(path), path));
+  }
+  const std::optional<Data> generation = bytes("\x01\xff");
+  EXPECT_TRUE(database->saveUploadFileURL(URL::fileURL("/staged"), "a/new"));
+  EXPECT_TRUE(database->saveUploadFileURL(URL::fileURL("/staged"), generation, 7, "a/new"));
+  test::writeText(DCManagedUpload::temporaryUploadFileURLForItemAtPath("a/new", generation)->path(), "copy");
+  EXPECT_TRUE(database->saveOtherMetadata({{DCFileLastUploadDateKey, clock_.now()}}, bytes("a/new")));
+
+  EXPECT_TRUE(database->renamePathsBelow("a", "b"));
+  EXPECT_THAT(database->documentIdentifiersForPathsBelow(""),
+              UnorderedElementsAre(std::pair("b", bytes("a")), std::pair("b/x", bytes("a/x")),
+                                   std::pair("b/x/deep", bytes("a/x/deep")), std::pair("ab", bytes("ab")),
+                                   std::pair("a.b", bytes("a.b"))));
+  EXPECT_THAT(database->documentIdentifiersForChildrenOf("b"), ElementsAre(std::pair("b/x", bytes("a/x"))));
+  EXPECT_THAT(database->uploadPaths(), ElementsAre("b/new"));
+  EXPECT_NE(database->otherMetadataForDocumentIdentifier(bytes("b/new")), nullptr);
+  EXPECT_EQ(test::readText(DCManagedUpload::temporaryUploadFileURLForItemAtPath("b/new", generation)->path()), "copy");
+  EXPECT_TRUE(database->renamePathsBelow("b", "b/inner"));
+  EXPECT_EQ(database->documentIdentifierForPath("b/inner/x/deep"), bytes("a/x/deep"));
+  EXPECT_EQ(database->documentIdentifierForPath("b/x"), std::nullopt);
+}
+
+TEST_F(DCDatabaseTest, ExchangesMetadataAsDictionaries) {
+  auto database = open();
+  const Date date = Date::fromMicroseconds(1'700'000'000'123'456);
+  EXPECT_EQ(database->otherMetadataForDocumentIdentifier(bytes("k")), nullptr);
+  EXPECT_EQ(database->otherMetadataForDocumentIdentifier(bytes("k"), true)->dictionaryRepresentation(), Dictionary());
+  const Dictionary all{{"DCFileLastDownloadDateKey", date},
+                       {"DCFileLastDownloadGenerationIdentifierKey", bytes("1")},
+                       {"DCFileLastRemoteMetadataUpdateKey", date},
+                       {"DCFileLastUpdateGenerationIdentifierKey", bytes("2")},
+                       {"DCFileLastUploadDateKey", date},
+                       {"DCFileLastUploadGenerationIdentifierKey", Data()},
+                       {"DCFileLastRemoteMetadataVersionIdentifierKey", bytes("4")}};
+  EXPECT_TRUE(database->saveOtherMetadata(all, bytes("k")));
+  EXPECT_TRUE(database->saveOtherMetadata({{DCFileLastUploadDateKey, "no date"}, {"unknown", 1}}, bytes("k")));
+  EXPECT_EQ(open()->otherMetadataForDocumentIdentifier(bytes("k"))->dictionaryRepresentation(), all);
+  EXPECT_TRUE(database->removeOtherMetadataForDocumentIdentifier(bytes("k")));
+  EXPECT_EQ(open()->otherMetadataForDocumentIdentifier(bytes("k")), nullptr);
+
+  const Dictionary local{{"ResourceNameKey", "n"}, {"ResourcePathKey", "p"}};
+  EXPECT_TRUE(database->saveStoredLocalMetadata(local, bytes("k")));
+  EXPECT_TRUE(database->saveStoredLocalMetadata({{"ResourceAddedToDirectoryDateKey", date}}, bytes("k")));
+  auto stored = open()->storedLocalMetadataForDocumentIdentifier(bytes("k"));
+  EXPECT_EQ(stored->name(), "n");
+  EXPECT_EQ(stored->localFilePath(), "p");
+  EXPECT_EQ(stored->addedToDirectoryDate(), date);
+  EXPECT_EQ(stored->dictionaryRepresentation().size(), 3U);
+  EXPECT_TRUE(database->removeStoredLocalMetadataForDocumentIdentifier(bytes("k")));
+  EXPECT_TRUE(stored->isDeleted() || open()->storedLocalMetadataForDocumentIdentifier(bytes("k")) == nullptr);
+}
+
+TEST_F(DCDatabaseTest, QueuesUploadsNewestFirst) {
+  std::atomic<int> announced{0};
+  auto observation = NotificationCenter::shared().addObserver(FlorvaneDidAddOrRemoveUploadsNotification,
+                                                              [&](const Notification& notification) {
+                                                                if (!notification.object) ++announced;
+                                                              });
+  auto database = open();
+  for (const char* path : {"old", "middle", "new"}) {
+    EXPECT_TRUE(database->saveUploadFileURL(URL::fileURL("/a b"), path));
+    clock_.advance(std::chrono::seconds(1));
+  }
+  EXPECT_THAT(database->uploadPaths(), ElementsAre("new", "middle", "old"));
+  EXPECT_TRUE(database->saveUploadFileURL(URL::fileURL("/again"), "old"));
+  EXPECT_THAT(database->uploadPaths(), ElementsAre("new", "middle", "old"));
+  EXPECT_EQ(database->uploadForPath("old")->fileURL(), "/again");
+
+  EXPECT_TRUE(database->saveUploadFileURL(URL::fileURL("/send"), bytes("g"), 12, "middle"));
+  EXPECT_TRUE(database->saveUploadFileURL(URL::fileURL("/send"), bytes("g"), 13, "absent"));
+  auto upload = database->uploadForTaskIdentifier(12, "service~quorl.Florvane");
+  ASSERT_NE(upload, nullptr);
+  EXPECT_EQ(upload, database->uploadForPath("middle"));
+  upload->markAsCancelled();
+  EXPECT_THAT(database->uploadPaths(), ElementsAre("new", "old"));  // unsaved, and seen
+  EXPECT_EQ(database->numberOfPendingUploads(), 2U);
+  EXPECT_TRUE(database->save());
+  EXPECT_EQ(database->numberOfPendingUploads(), 2U);
+  EXPECT_EQ(open()->allUploads().size(), 2U);
+  EXPECT_EQ(database->uploadForTaskIdentifier(12, "service~quorl.Florvane"), upload);
+  EXPECT_EQ(upload->path(), std::nullopt);
+  EXPECT_EQ(upload->date(), std::nullopt);
+  EXPECT_EQ(upload->taskIdentifier(), 12);
+  EXPECT_TRUE(database->removeCancelledUpload(upload));
+  EXPECT_EQ(database->uploadForTaskIdentifier(12, "service~quorl.Florvane"), nullptr);
+
+  const std::optional<Data> generation = bytes("g");
+  EXPECT_TRUE(database->saveUploadFileURL(URL::fileURL("/send"), generation, 1, "new"));
+  auto copy = DCManagedUpload::temporaryUploadFileURLForItemAtPath("new", generation);
+  test::writeText(copy->path(), "copy");
+  EXPECT_TRUE(database->removeUploadForPath("new"));
+  EXPECT_FALSE(fileExists(copy->path()));
+  EXPECT_EQ(sql("SELECT path FROM Upload"), "old\n");
+  std::promise<void> over;
+  auto ending = NotificationCenter::shared().addObserver("over", [&](const Notification&) { over.set_value(); });
+  NotificationCenter::shared().post("over");
+  over.get_future().wait();
+  EXPECT_EQ(announced, 6);  // four saves, two removals
+}
+
+TEST_F(DCDatabaseTest, CountsRetriesAndNamesTemporaries) {
+  auto database = open();
+  EXPECT_TRUE(database->saveUploadFileURL(URL::fileURL("/f"), "f"));
+  auto upload = database->uploadForPath("f");
+  auto retriesAfter = [&](const std::optional<std::string>& error) {
+    upload->setError(error);
+    upload->setTaskIdentifier(1);
+    upload->setState(2);
+    upload->setTotalBytesSent(3);
+    upload->resetAndIncrementNumberOfRetries();
+    EXPECT_EQ(upload->error(), std::nullopt);
+    EXPECT_EQ(upload->taskIdentifier(), std::nullopt);
+    EXPECT_EQ(upload->state(), std::nullopt);
+    EXPECT_EQ(upload->totalBytesSent(), std::nullopt);
+    return upload->numberOfRetries();
+  };
+  EXPECT_EQ(retriesAfter(std::nullopt), std::nullopt);
+  EXPECT_EQ(retriesAfter("lost"), 1);
+  EXPECT_EQ(retriesAfter("HTTP 401."), 1);
+  EXPECT_EQ(retriesAfter(""), 2);
+
+  auto name = [](const std::string& path) {
+    auto url = DCManagedUpload::temporaryUploadFileURLForItemAtPath(path, bytes("\x0a\xff"));
+    return std::filesystem::path(url->path()).filename().string();
+  };
+  EXPECT_EQ(base64Encode(bytes(std::string("???") + "-0aff")).find('/'), 3U);
+  EXPECT_EQ(name("???"), "Pz8_LTBhZmY=");
+  EXPECT_EQ(name(std::string(1000, 'x')).size(), 64U);
+  EXPECT_NE(name(std::string(1000, 'x')), name(std::string(1001, 'x')));
+  EXPECT_EQ(DCManagedUpload::temporaryUploadFileURLForItemAtPath("f", std::nullopt), std::nullopt);
+  EXPECT_EQ(DCManagedUpload::temporaryUploadFileURLForItemAtPath(std::nullopt, bytes("g")), std::nullopt);
+}
+
+TEST_F(DCDatabaseTest, SavesTogetherOrNotAtAll) {
+  auto database = open();
+  EXPECT_TRUE(database->setDocumentIdentifier(bytes("before"), "kept"));
+  EXPECT_THROW((void)database->performBatch([&] {
+    (void)database->setDocumentIdentifier(bytes("in"), "batch");
+    (void)database->removePath("kept");
+    EXPECT_EQ(database->documentIdentifierForPath("batch"), bytes("in"));
+    EXPECT_EQ(database->documentIdentifierForPath("kept"), std::nullopt);
+    throw std::runtime_error("stop");
+  }),
+               std::runtime_error);
+  EXPECT_EQ(database->documentIdentifierForPath("batch"), std::nullopt);
+  EXPECT_EQ(database->documentIdentifierForPath("kept"), bytes("before"));
+
+  // A store that cannot be written keeps what is unsaved in memory, for the next save.
+  sql("CREATE TRIGGER full BEFORE INSERT ON Path BEGIN SELECT RAISE(ABORT, 'full'); END");
+  auto saved = database->setDocumentIdentifier(bytes("x"), "unsaved");
+  ASSERT_FALSE(saved);
+  EXPECT_EQ(saved.error().domain(), SQLiteErrorDomain);
+  expectLogged("Could not save context: " + saved.error().description(), 6);
+  EXPECT_EQ(database->documentIdentifierForPath("unsaved"), bytes("x"));
+  EXPECT_EQ(open()->documentIdentifierForPath("unsaved"), std::nullopt);
+  EXPECT_FALSE(database->saveWithError());
+  sql("DROP TRIGGER full");
+  EXPECT_TRUE(database->saveWithError());
+  EXPECT_EQ(open()->documentIdentifierForPath("unsaved"), bytes("x"));
+  sql("CREATE TRIGGER full BEFORE UPDATE ON Path BEGIN SELECT RAISE(ABORT, 'full'); END");
+  EXPECT_FALSE(database->performBatch([&] { (void)database->setDocumentIdentifier(bytes("y"), "unsaved"); }, true));
+  EXPECT_EQ(database->documentIdentifierForPath("unsaved"), bytes("x"));
+  EXPECT_FALSE(database->managedObjectContext()->hasChanges());
+}
+
+TEST_F(DCDatabaseTest, WritesOnlyWhatChanged) {
+  auto here = open(), there = open();
+  EXPECT_TRUE(here->saveUploadFileURL(URL::fileURL("/f"), "f"));
+  auto mine = here->uploadForPath("f"), theirs = there->uploadForPath("f");
+  mine->setError("mine");
+  theirs->setNumberOfRetries(5);
+  theirs->setError("theirs");
+  EXPECT_TRUE(there->save());
+  EXPECT_TRUE(here->save());
+  EXPECT_EQ(here->uploadForPath("f"), mine);
+  EXPECT_EQ(mine->numberOfRetries(), 5);
+  EXPECT_EQ(mine->error(), "mine");
+  EXPECT_EQ(there->numberOfPendingUploads(), 1U);
+  EXPECT_EQ(theirs->error(), "mine");
+  theirs->setError("late");
+  EXPECT_TRUE(here->removeUploadForPath("f"));
+  EXPECT_TRUE(there->save());
+  EXPECT_TRUE(theirs->isDeleted());
+  EXPECT_EQ(there->numberOfPendingUploads(), 0U);
+}
+
+TEST_F(DCDatabaseTest, SharesAStoreWithAnotherProcess) {
+  auto database = open();
+  EXPECT_TRUE(database->saveUploadFileURL(URL::fileURL("/f"), "shared"));
+  auto upload = database->uploadForPath("shared");
+  std::thread peer([] { EXPECT_EQ(test::runProcess({kPeer, "retries", "100"}).exitStatus, 0); });
+  std::thread second([] { EXPECT_EQ(test::runProcess({kPeer, "paths", "100"}).exitStatus, 0); });
+  for (int i = 1; i <= 100; ++i) {
+    upload->setTotalBytesSent(i);
+    EXPECT_TRUE(database->save());
+    EXPECT_TRUE(database->setDocumentIdentifier(bytes("mine"), "path-" + std::to_string(i - 1)));
+  }
+  peer.join();
+  second.join();
+  EXPECT_EQ(database->uploadForPath("shared"), upload);
+  EXPECT_EQ(upload->numberOfRetries(), 100);
+  EXPECT_EQ(sql("SELECT numberOfRetries, totalBytesSent FROM Upload\nSELECT count(*), count(DISTINCT path) FROM Path"),
+            "100 100\n100 100\n");
+}
+
+TEST_F(DCDatabaseTest, LosesNothingThatWasSavedWhenItsProcessIsKilled) {
+  auto database = open();
+  for (int round = 0; round < 12; ++round) {
+    const std::string name = "round" + std::to_string(round);
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
+    posix_spawn_file_actions_addclose(&actions, ends[0]);
+    std::string command = "queue", program = kPeer, argument = name;
+    char* arguments[] = {program.data(), command.data(), argument.data(), nullptr};
+    pid_t process = 0;
+    ASSERT_EQ(posix_spawn(&process, kPeer.c_str(), &actions, nullptr, arguments, environ), 0);
+    posix_spawn_file_actions_destroy(&actions);
+    close(ends[1]);
+    FILE* output = fdopen(ends[0], "r");
+    int saved = -1;
+    for (int lines = 0; lines < round * 3 && fscanf(output, "%d", &saved) == 1; ++lines) {
+    }
+    kill(process, SIGKILL);
+    while (fscanf(output, "%d", &saved) == 1) {
+    }
+    waitpid(process, nullptr, 0);
+    fclose(output);
+    for (int i = 0; i <= saved; ++i) EXPECT_NE(database->uploadForPath(name + "-" + std::to_string(i)), nullptr);
+    EXPECT_TRUE(database->setDocumentIdentifier(bytes("x"), name));
+  }
+  EXPECT_EQ(sql("PRAGMA integrity_check"), "ok\n");
+}
+
+TEST_F(DCDatabaseTest, SetsADamagedStoreAsideAndRescuesUploads) {
+  {
+    auto database = open();
+    for (int i = 0; i < 200; ++i) {
+      EXPECT_TRUE(database->saveUploadFileURL(URL::fileURL("/f"), "upload-" + std::to_string(i)));
+    }
+    EXPECT_TRUE(database->setDocumentIdentifier(bytes("x"), "path"));
+  }
+  damage("PathBypath");
+  auto database = open();
+  EXPECT_EQ(database->documentIdentifierForPath("path"), std::nullopt);
+  EXPECT_EQ(database->numberOfPendingUploads(), 200U);
+  EXPECT_EQ(setAside(), 1U);
+  expectLogged("was damaged", 3);
+  EXPECT_TRUE(database->setDocumentIdentifier(bytes("y"), "path"));
+
+  // Damage that a save meets first: what it was to save is saved.
+  auto upload = database->uploadForPath("upload-7");
+  upload->setError("unsaved");
+  damage("UploadBypath");
+  EXPECT_TRUE(database->saveUploadFileURL(URL::fileURL("/g"), "fresh"));
+  EXPECT_EQ(open()->uploadForPath("upload-7")->error(), "unsaved");
+  EXPECT_EQ(open()->uploadForPath("fresh")->fileURL(), "/g");
+  EXPECT_EQ(database->numberOfPendingUploads(), 201U);
+
+  database.reset();
+  test::writeText(file("service.sqlite"), std::string(10'000, 'x'));
+  EXPECT_EQ(open()->numberOfPendingUploads(), 0U);
+  EXPECT_EQ(sql("PRAGMA integrity_check"), "ok\n");
+  EXPECT_EQ(setAside(), 3U);
+}
+
+TEST_F(DCDatabaseTest, RefusesANewerStoreAndWorksInMemory) {
+  EXPECT_TRUE(open()->setDocumentIdentifier(bytes("x"), "kept"));
+  sql("PRAGMA user_version = 1000");
+  auto database = open();
+  expectLogged("Could not add persistent store for service: ", 3);
+  expectLogged("written by a newer version", 3);
+  EXPECT_EQ(database->documentIdentifierForPath("kept"), std::nullopt);
+  auto saved = database->setDocumentIdentifier(bytes("memory"), "kept");
+  ASSERT_FALSE(saved);
+  EXPECT_TRUE(saved.error().is(SQLiteErrorDomain, SQLiteStoreNewerVersionError));
+  EXPECT_EQ(database->documentIdentifierForPath("kept"), bytes("memory"));
+  EXPECT_EQ(sql("SELECT documentIdentifier FROM Path\nPRAGMA user_version"), "b'x'\n1000\n");
+}
+
+TEST_F(DCDatabaseTest, DeletesOnlyItsOwnFiles) {
+  auto database = open(), sameStore = open(), other = open("servant"), longer = open("service2");
+  for (auto& each : {database, other, longer}) EXPECT_TRUE(each->setDocumentIdentifier(bytes("x"), "p"));
+  auto held = sameStore->otherMetadataForDocumentIdentifier(bytes("k"), true);
+  EXPECT_EQ(sameStore->documentIdentifierForPath("p"), bytes("x"));
+  auto context = database->managedObjectContext();
+  database->deleteDatabase();
+  EXPECT_THAT(filesNamed("service"), ElementsAre(".lock-service2", ".lock-service"));
+  EXPECT_TRUE(fileExists(file("servant.sqlite")));
+  EXPECT_EQ(database->documentIdentifierForPath("p"), std::nullopt);
+  EXPECT_NE(database->managedObjectContext(), context);
+  EXPECT_TRUE(database->setDocumentIdentifier(bytes("y"), "p"));
+  // Whoever had the old store open goes over to the new one.
+  EXPECT_EQ(sameStore->documentIdentifierForPath("p"), bytes("y"));
+  EXPECT_TRUE(held->isDeleted());
+  EXPECT_TRUE(sameStore->setDocumentIdentifier(bytes("z"), "q"));
+  EXPECT_EQ(database->documentIdentifierForPath("q"), bytes("z"));
+  database->reset();
+  EXPECT_EQ(database->documentIdentifierForPath("q"), std::nullopt);
+  EXPECT_EQ(other->documentIdentifierForPath("p"), bytes("x"));
+}
+
+TEST_F(DCDatabaseTest, AnswersFromAHundredThousandRecords) {
+  constexpr int kDirectories = 100, kChildren = 1000;
+  {
+    auto database = open();
+    for (int d = 0; d < kDirectories; ++d) {
+      const std::string directory = "d" + std::to_string(d);
+      std::vector<std::pair<std::string, Data>> children;
+      for (int i = 0; i < kChildren; ++i) children.emplace_back(directory + "/" + std::to_string(i), bytes("id"));
+      ASSERT_TRUE(database->setDocumentIdentifiers(children, directory));
+    }
+  }
+  auto started = std::chrono::steady_clock::now();
+  auto database = open();
+  EXPECT_EQ(database->documentIdentifierForPath("d42/17"), bytes("id"));
+  RecordProperty(
+      "firstLookUpMicroseconds",
+      std::to_string(
+          std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - started).count()));
+  EXPECT_EQ(database->documentIdentifiersForChildrenOf("d42").size(), 1000U);
+  EXPECT_EQ(database->documentIdentifiersForPathsBelow("").size(), 100'000U);
+  EXPECT_TRUE(database->renamePathsBelow("d42", "moved"));
+  EXPECT_EQ(database->documentIdentifierForPath("moved/999"), bytes("id"));
+  EXPECT_THAT(sql("EXPLAIN QUERY PLAN SELECT * FROM Path WHERE rtrim(path, replace(path, '/', '')) = 'd1/'"),
+              HasSubstr("USING INDEX"));
+  EXPECT_LT(std::filesystem::file_size(file("service.sqlite-wal")), 64U << 20);
+}
+
+TEST_F(DCDatabaseTest, ServesManyThreads) {
+  auto database = open();
+  auto metadata = database->otherMetadataForDocumentIdentifier(bytes("k"), true);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < 20; ++i) {
+        EXPECT_TRUE(database->setDocumentIdentifier(bytes("x"), std::to_string(t) + "/" + std::to_string(i)));
+        metadata->setLastUploadDate(Date::fromMicroseconds(i));
+        metadata->lastUploadDate();
+        EXPECT_TRUE(database->save());
+        database->allUploads();
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(sql("SELECT count(*) FROM Path\nSELECT lastUploadDate FROM OtherMetadata"), "80\n19\n");
+}
+
+}  // namespace
+}  // namespace florvane
