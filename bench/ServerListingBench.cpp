@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <memory>
 #include <string>
 
@@ -59,15 +60,21 @@ class Listing {
   Data share_;
 };
 
+// Made once for all measurements of that size, and known to its store.
+Listing& listed(benchmark::State& state) {
+  static std::map<std::int64_t, Listing> listings;
+  const auto [listing, isNew] = listings.try_emplace(state.range(0), state.range(0));
+  if (isNew) listing->second.list(state);
+  return listing->second;
+}
+
 void known(benchmark::State& state) {
-  Listing listing(state.range(0));
-  listing.list(state);
+  Listing& listing = listed(state);
   for (auto _ : state) listing.list(state);
 }
 
 void afterOneChange(benchmark::State& state) {
-  Listing listing(state.range(0));
-  listing.list(state);
+  Listing& listing = listed(state);
   for (auto _ : state) {
     state.PauseTiming();
     listing.change("Quarterly report 7.pdf");
@@ -77,8 +84,7 @@ void afterOneChange(benchmark::State& state) {
 }
 
 void afterARestart(benchmark::State& state) {
-  Listing listing(state.range(0));
-  listing.list(state);
+  Listing& listing = listed(state);
   for (auto _ : state) {
     state.PauseTiming();
     listing.reopen();
@@ -100,7 +106,7 @@ void firstTime(benchmark::State& state) {
 }
 
 BENCHMARK(known)->Arg(10'000)->Arg(100'000)->Unit(benchmark::kMillisecond);
-BENCHMARK(afterOneChange)->Arg(10'000)->Arg(100'000)->Unit(benchmark::kMillisecond);
+BENCHMARK(afterOneChange)->Arg(10'000)->Arg(100'000)->Unit(benchmark::kMillisecond)->Iterations(5);
 BENCHMARK(afterARestart)->Arg(10'000)->Arg(100'000)->Unit(benchmark::kMillisecond)->Iterations(3);
 BENCHMARK(firstTime)->Arg(10'000)->Arg(100'000)->Unit(benchmark::kMillisecond)->Iterations(1);
 
