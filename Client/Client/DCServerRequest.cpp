@@ -107,7 +107,10 @@ URLSessionTaskPtr DCServerRequest::start(Kind kind, const std::string& uri, cons
             *request_);
   session_ = newDefaultSession(kind);
   URLSessionTaskPtr task = session_->downloadTask(*request_);
-  task_ = task;
+  {
+    std::lock_guard lock(taskMutex_);
+    task_ = task;
+  }
   connectivityTracker_->didStartTask(session_, task);
   task->resume();
   return task;
@@ -169,7 +172,12 @@ std::string DCServerRequest::connectionPool() const {
 }
 
 void DCServerRequest::cancel() {
-  if (auto task = task_.lock()) task->cancelByProducingResumeData([](const std::optional<Data>&) {});
+  URLSessionTaskPtr task;
+  {
+    std::lock_guard lock(taskMutex_);
+    task = task_.lock();
+  }
+  if (task) task->cancelByProducingResumeData([](const std::optional<Data>&) {});
 }
 
 std::string DCServerRequest::description() const {

@@ -8,6 +8,7 @@
 
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -99,6 +100,7 @@ class DCServerRequest : public URLSessionDelegate, public std::enable_shared_fro
   DCServerRequestResponseHandler responseHandler_;
   URLSessionPtr session_;
   const URLSession* challengedSession_ = nullptr;  // set before the task is resumed, never changed afterwards
+  std::mutex taskMutex_;                           // guards task_, which cancel() reads from any thread
   std::weak_ptr<URLSessionTask> task_;
   std::shared_ptr<const HTTPURLResponse> httpResponse_;
   std::optional<std::string> responseData_;

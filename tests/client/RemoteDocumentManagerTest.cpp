@@ -7,6 +7,7 @@
 
 #include <condition_variable>
 #include <random>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -216,6 +217,23 @@ TEST(RemoteDocumentManager, AFinishedOrReplacedWatchIsSilent) {
   exchange.client.root();
   exchange.client.root();
   EXPECT_TRUE(heard.waitFor(0).empty());
+}
+
+TEST(RemoteDocumentManager, AWatchMayBeFinishedWhileItStarts) {
+  TestServer server;
+  RemoteClient client(server.port());
+  auto share = client.share("Files");
+  DCVersionIdentifiers versions{
+      {*share.metadata->data(FVDocumentIdentifierKey), *share.metadata->data(FVVersionIdentifierKey)}};
+  Heard heard;
+  for (int i = 0; i < 20; ++i) {
+    startWatch(client, heard, versions);
+    while (!client.manager->isFetchingUpdates()) std::this_thread::yield();
+    client.manager->finishFetchingUpdates();
+  }
+  client.root();
+  EXPECT_TRUE(heard.waitFor(0).empty());
+  EXPECT_FALSE(client.manager->isFetchingUpdates());
 }
 
 TEST(RemoteDocumentManager, ARealServersWatchTellsOfAnEdit) {
