@@ -15,7 +15,7 @@ struct Conversion {
 
 Conversion conversionAt(std::string_view rest) {
   std::size_t modifiers = rest.find_first_not_of("lzh");
-  if (modifiers == std::string_view::npos || modifiers > 2) return {};
+  if (modifiers > 2) return {};  // nothing but modifiers included
   char letter = rest[modifiers];
   std::size_t length = modifiers + 1;
   if (letter == 'd' || letter == 'i') return {'i', length};
@@ -24,11 +24,13 @@ Conversion conversionAt(std::string_view rest) {
   return {};
 }
 
-std::string hexAddress(const void* address) {
+std::string hexAddress(std::uint64_t address) {
   std::array<char, 24> text{};
-  std::snprintf(text.data(), text.size(), "%p", address);
-  return address ? text.data() : "0x0";
+  std::snprintf(text.data(), text.size(), "0x%llx", static_cast<unsigned long long>(address));
+  return text.data();
 }
+
+std::string hexAddress(const void* address) { return hexAddress(reinterpret_cast<std::uintptr_t>(address)); }
 
 }  // namespace
 
@@ -64,7 +66,7 @@ void FormatArgument::appendInteger(std::string& out, bool isUnsigned) const {
 
 void FormatArgument::appendPointer(std::string& out) const {
   if (const auto* natural = std::get_if<std::uint64_t>(&value_)) {
-    out += hexAddress(reinterpret_cast<const void*>(*natural));
+    out += hexAddress(*natural);
   } else {
     out += hexAddress(address_);
   }

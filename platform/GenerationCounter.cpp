@@ -137,7 +137,8 @@ Result<std::optional<Data>> generationCounterOfItem(const std::string& path) {
     return Failure(Error::fileRead(errno, path));
   }
   if (!keepsFineDates(fileSystem) || !hasFraction(status)) return std::nullopt;
-  if (!mayRepeat(status, tick) || !(S_ISREG(status.st_mode) || S_ISDIR(status.st_mode))) return encode(status);
+  bool isPlain = S_ISREG(status.st_mode) || S_ISDIR(status.st_mode);
+  if (!isPlain || !mayRepeat(status, tick)) return encode(status);
 
   auto container = Container::directory();
   auto resolved = realPath(path);
