@@ -186,6 +186,8 @@ Result<void> ManagedObjectContext::performTransaction(Durability durability, con
     }
     if (hasDurableChanges()) durability = Durability::Full;
     transactionError_.reset();
+    // What kept the store from being opened may have passed, but a newer one stays newer.
+    if (storeError_ && !storeError_->is(SQLiteErrorDomain, SQLiteStoreNewerVersionError)) reopen();
     if (!usableStore()) {
       transactionError_ = storeError_ ? *storeError_ : Error(SQLiteErrorDomain, SQLITE_MISUSE, "There is no store.");
     } else {

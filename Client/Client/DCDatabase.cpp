@@ -23,6 +23,10 @@ URL databaseURLOf(const DCService& service) {
                       kExtension);
 }
 
+void logFailure(const Result<void>& saved) {
+  if (!saved) DCLogInfo("Could not save context: %@", saved.error().description());
+}
+
 }  // namespace
 
 std::shared_ptr<DCDatabase> DCDatabase::databaseForService(const std::shared_ptr<DCService>& service) {
@@ -77,13 +81,14 @@ Result<void> DCDatabase::persistentStoreCoordinator(ManagedObjectContext& contex
   return context.addPersistentStore(std::move(options));
 }
 
-Result<void> DCDatabase::change(Durability durability, const std::function<void(ManagedObjectContext&)>& work,
-                                bool rollbackOnFailure) {
+Result<void> DCDatabase::change(Durability durability, const std::function<void(ManagedObjectContext&)>& work) {
   auto context = managedObjectContext();
-  auto saved = context->performTransaction(durability, [&] { work(*context); }, rollbackOnFailure);
-  // Another store has taken the damaged one's place, and what was to be saved is still in memory.
-  if (!saved && !rollbackOnFailure && SQLiteStore::isDamage(saved.error())) saved = context->save();
-  if (!saved) DCLogInfo("Could not save context: %@", saved.error().description());
+  auto perform = [&] { return context->performTransaction(durability, [&] { work(*context); }); };
+  auto saved = perform();
+  // Another store has taken the damaged one's place. What the work changed is still in memory; what it did not find
+  // may be there now.
+  if (!saved && SQLiteStore::isDamage(saved.error())) saved = perform();
+  logFailure(saved);
   return saved;
 }
 
@@ -95,13 +100,15 @@ Result<void> DCDatabase::save() {
 Result<void> DCDatabase::saveWithError(bool rollbackOnFailure) {
   DCLogTrace("-[DCDatabase saveWithError:rollbackOnFailure:]", {{"rollbackOnFailure", rollbackOnFailure}});
   auto saved = managedObjectContext()->save(rollbackOnFailure);
-  if (!saved) DCLogInfo("Could not save context: %@", saved.error().description());
+  logFailure(saved);
   return saved;
 }
 
 Result<void> DCDatabase::performBatch(const std::function<void()>& work, bool rollbackOnFailure) {
   DCLogTrace("-[DCDatabase performBatch:rollbackOnFailure:]", {{"rollbackOnFailure", rollbackOnFailure}});
-  return change(Durability::Full, [&](ManagedObjectContext&) { work(); }, rollbackOnFailure);
+  auto saved = managedObjectContext()->performTransaction(Durability::Full, work, rollbackOnFailure);
+  logFailure(saved);
+  return saved;
 }
 
 std::shared_ptr<DCManagedStoredLocalMetadata> DCDatabase::storedLocalMetadataForDocumentIdentifier(

@@ -109,8 +109,8 @@ class DCDatabase {
 
   std::shared_ptr<ManagedObjectContext> _setupManagedObjectContext();
   Result<void> persistentStoreCoordinator(ManagedObjectContext& context);
-  Result<void> change(Durability durability, const std::function<void(ManagedObjectContext&)>& work,
-                      bool rollbackOnFailure = false);
+  // The work may run twice, when the first time shows that the store is damaged.
+  Result<void> change(Durability durability, const std::function<void(ManagedObjectContext&)>& work);
   template <typename T>
   std::shared_ptr<T> first(std::size_t entity, std::vector<std::pair<std::size_t, Value>> equals);
   template <typename T>

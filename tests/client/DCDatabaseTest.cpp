@@ -1,5 +1,5 @@
-#include "Client/Client/DCBackgroundSessionIdentifier.h"
 #include "Client/Client/DCDatabase.h"
+#include "Client/Client/DCLog.h"
 #include "Client/Client/DCPath.h"
 #include "platform/Encoding.h"
 #include "platform/FileSystem.h"
@@ -250,6 +250,7 @@ TEST_F(DCDatabaseTest, CountsRetriesAndNamesTemporaries) {
 }
 
 TEST_F(DCDatabaseTest, SavesTogetherOrNotAtAll) {
+  dc_log_set_level(dc_log_default_category(), 6);
   auto database = open();
   EXPECT_TRUE(database->setDocumentIdentifier(bytes("before"), "kept"));
   EXPECT_THROW((void)database->performBatch([&] {
@@ -377,11 +378,16 @@ TEST_F(DCDatabaseTest, SetsADamagedStoreAsideAndRescuesUploads) {
   EXPECT_EQ(open()->uploadForPath("fresh")->fileURL(), "/g");
   EXPECT_EQ(database->numberOfPendingUploads(), 201U);
 
+  damage("UploadBypath");
+  EXPECT_TRUE(database->removeUploadForPath("fresh"));
+  EXPECT_EQ(database->uploadForPath("fresh"), nullptr);
+  EXPECT_EQ(database->numberOfPendingUploads(), 200U);
+
   database.reset();
   test::writeText(file("service.sqlite"), std::string(10'000, 'x'));
   EXPECT_EQ(open()->numberOfPendingUploads(), 0U);
   EXPECT_EQ(sql("PRAGMA integrity_check"), "ok\n");
-  EXPECT_EQ(setAside(), 3U);
+  EXPECT_EQ(setAside(), 4U);
 }
 
 TEST_F(DCDatabaseTest, RefusesANewerStoreAndWorksInMemory) {
@@ -398,6 +404,17 @@ TEST_F(DCDatabaseTest, RefusesANewerStoreAndWorksInMemory) {
   EXPECT_EQ(sql("SELECT documentIdentifier FROM Path\nPRAGMA user_version"), "b'x'\n1000\n");
 }
 
+TEST_F(DCDatabaseTest, SavesToAStoreThatCanBeOpenedLater) {
+  std::filesystem::create_directories(file("service.sqlite"));
+  auto database = open();
+  expectLogged("Could not add persistent store for service: ", 3);
+  EXPECT_FALSE(database->saveUploadFileURL(URL::fileURL("/f"), "f"));
+  EXPECT_EQ(database->numberOfPendingUploads(), 1U);
+  std::filesystem::remove(file("service.sqlite"));
+  EXPECT_TRUE(database->save());
+  EXPECT_EQ(open()->numberOfPendingUploads(), 1U);
+}
+
 TEST_F(DCDatabaseTest, DeletesOnlyItsOwnFiles) {
   auto database = open(), sameStore = open(), other = open("servant"), longer = open("service2");
   for (auto& each : {database, other, longer}) EXPECT_TRUE(each->setDocumentIdentifier(bytes("x"), "p"));
@@ -405,7 +422,7 @@ TEST_F(DCDatabaseTest, DeletesOnlyItsOwnFiles) {
   EXPECT_EQ(sameStore->documentIdentifierForPath("p"), bytes("x"));
   auto context = database->managedObjectContext();
   database->deleteDatabase();
-  EXPECT_THAT(filesNamed("service"), ElementsAre(".lock-service2", ".lock-service"));
+  EXPECT_THAT(filesNamed("service"), UnorderedElementsAre(".lock-service2", ".lock-service"));
   EXPECT_TRUE(fileExists(file("servant.sqlite")));
   EXPECT_EQ(database->documentIdentifierForPath("p"), std::nullopt);
   EXPECT_NE(database->managedObjectContext(), context);
