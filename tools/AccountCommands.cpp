@@ -50,7 +50,8 @@ termios terminalBeforePrompt;
 // A prompt that is interrupted leaves the terminal as it was.
 extern "C" void restoreTerminalAndEnd(int signal) {
   tcsetattr(STDIN_FILENO, TCSAFLUSH, &terminalBeforePrompt);
-  (void)std::raise(signal);  // its default action, as the handler is reset by now
+  (void)std::signal(signal, SIG_DFL);
+  (void)std::raise(signal);  // takes effect when this returns
 }
 
 // One line from the terminal, its echo off while it is typed.
@@ -59,14 +60,13 @@ CommandResult<Secret> promptForPassword(const std::string& userName, const std::
   tcgetattr(STDIN_FILENO, &terminalBeforePrompt);
   struct sigaction restore{};
   restore.sa_handler = restoreTerminalAndEnd;
-  restore.sa_flags = static_cast<int>(SA_RESETHAND | SA_NODEFER);
   for (int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) sigaction(signal, &restore, nullptr);
   termios silent = terminalBeforePrompt;
   silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
   tcsetattr(STDIN_FILENO, TCSAFLUSH, &silent);
   std::string line;
-  int character = 0;
-  while ((character = std::getchar()) != EOF && character != '\n') line += static_cast<char>(character);
+  char character = 0;
+  while (::read(STDIN_FILENO, &character, 1) == 1 && character != '\n') line += character;
   tcsetattr(STDIN_FILENO, TCSAFLUSH, &terminalBeforePrompt);
   for (int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) (void)std::signal(signal, SIG_DFL);
   std::fputc('\n', stderr);
