@@ -14,7 +14,6 @@
 namespace florvane {
 namespace {
 
-using test::Outcome;
 using test::RemoteClient;
 using test::ScriptedServer;
 using test::TestServer;
@@ -47,7 +46,7 @@ struct ScriptedExchange {
 };
 
 // Answers by the order of requests, then by the last one again.
-ScriptedServer::Script inOrder(std::vector<std::string> answers) {
+ScriptedServer::Script inOrder(const std::vector<std::string>& answers) {
   auto next = std::make_shared<std::atomic<std::size_t>>(0);
   return ScriptedServer::answering([answers, next](const ScriptedServer::Request&) {
     return answers[std::min(next->fetch_add(1), answers.size() - 1)];
@@ -88,6 +87,7 @@ TEST(RemoteDocumentManager, HeadersThatAreMissingOrMalformedAreNamed) {
       {kFull + kName + "ETag: xyz\r\n", DUHeaderETagKey},
   };
   std::vector<std::string> answers;
+  answers.reserve(rows.size());
   for (const Row& row : rows) answers.push_back(answer("200 OK", row.fields, "body"));
   ScriptedExchange exchange(inOrder(answers));
   for (const Row& row : rows) {
@@ -100,7 +100,8 @@ TEST(RemoteDocumentManager, HeadersThatAreMissingOrMalformedAreNamed) {
 TEST(RemoteDocumentManager, StatusesBodiesAndLimitsBecomeErrors) {
   ScriptedExchange exchange(inOrder(
       {answer("404 Not Found", "", "It is gone."), answer("500 X", "", "\xff\xfe"), answer("304 Not Modified", "", ""),
-       answer("200 OK", kFull + kName + "ETag: 01\r\nX-Long: " + std::string(300 * 1024, 'x') + "\r\n", ""),
+       answer("200 OK", kFull + kName + "ETag: 01\r\nX-Long: " + std::string(std::size_t{300} * 1024, 'x') + "\r\n",
+              ""),
        answer("302 Found", "Location: https://elsewhere.example/\r\n", "")}));
   auto& client = exchange.client;
   auto missing = client.root();
@@ -186,6 +187,7 @@ TEST(RemoteDocumentManager, AnswersThatAreNoListOfPairsEndTheWatch) {
       {answer("404 X", "", "gone"), {"ended 404"}},         {answer("401 X", "", ""), {"error 401", "ended 401"}},
   };
   std::vector<std::string> answers;
+  answers.reserve(rows.size());
   for (const Row& row : rows) answers.push_back(row.answer);
   ScriptedExchange exchange(inOrder(answers));
   for (const Row& row : rows) {
