@@ -61,7 +61,8 @@ void addRanges(const CoordinatedItem& item, std::string_view root, Ranges& range
   for (std::size_t index = 0; index < path.size(); ++index) {
     // Nobody moves the folder of the lock file or those above it.
     bool endsFolder = path[index] == '/' && index > 0;
-    if (endsFolder && isPathBelow(path.substr(0, index), root)) ranges.emplace(hash.treeByte(), false);
+    std::string_view above = path.substr(0, index);
+    if (endsFolder && above != root && !isPathBelow(root, above)) ranges.emplace(hash.treeByte(), false);
     hash.add(path[index]);
   }
   ranges[hash.itemByte()] |= item.access != CoordinatedItem::Access::Read;

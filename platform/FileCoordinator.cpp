@@ -110,7 +110,7 @@ FileCoordinator::FileCoordinator(std::string purposeIdentifier)
   if (purposeIdentifier_.empty()) throw InvalidArgumentException("Invalid nil purpose identifier");
 }
 
-FileCoordinator::FileCoordinator(std::string purposeIdentifier, std::string folder, FilePresenters& presenters)
+FileCoordinator::FileCoordinator(std::string purposeIdentifier, const std::string& folder, FilePresenters& presenters)
     : purposeIdentifier_(std::move(purposeIdentifier)),
       folder_(realPath(folder).value_or(folder)),
       presenters_(presenters) {

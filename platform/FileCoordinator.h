@@ -31,7 +31,9 @@ enum class FileCoordinatorWritingOptions : std::uint8_t {
 // alone, and presenters with other purpose identifiers hear of what was written. Only those who coordinate are kept
 // apart. An accessor runs in the calling thread while the item is held, and everything is given back when it ends or
 // throws, or when the process dies. An access inside another one of the same thread runs in place where the outer one
-// holds the item already. Without a timeout an access waits as long as it takes. Thread-safe.
+// holds the item already; ask for two items at once rather than for one inside the other, since only then nobody else
+// who wants both can wait for us while we wait for him. Without a timeout an access waits as long as it takes.
+// Thread-safe.
 //
 // Errors: POSIXErrorDomain ETIMEDOUT; EDEADLK for writing what the same thread is reading; what the lock file or the
 // copy cannot be made for, as in FileSystem.h. The accessor has not run then.
@@ -44,7 +46,7 @@ class FileCoordinator {
   // In the process's container. An empty purpose identifier throws InvalidArgumentException.
   explicit FileCoordinator(std::string purposeIdentifier);
   // With a folder of the lock file, and presenters to tell.
-  FileCoordinator(std::string purposeIdentifier, std::string folder, FilePresenters& presenters);
+  FileCoordinator(std::string purposeIdentifier, const std::string& folder, FilePresenters& presenters);
 
   Result<void> coordinateReadingItemAtURL(const URL& url, FileCoordinatorReadingOptions options,
                                           const Accessor& accessor, Timeout timeout = {}) const;

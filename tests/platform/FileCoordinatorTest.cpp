@@ -23,8 +23,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-extern char** environ;
-
 namespace florvane {
 namespace {
 
@@ -45,9 +43,8 @@ class Holder {
     std::array<int, 2> input{}, output{};
     if (pipe2(input.data(), O_CLOEXEC) != 0 || pipe2(output.data(), O_CLOEXEC) != 0) throw std::runtime_error("pipe2");
     std::vector<std::string> texts = {kPeer, "hold", folder, std::move(access), path};
-    std::vector<char*> arguments;
-    for (auto& text : texts) arguments.push_back(text.data());
-    arguments.push_back(nullptr);
+    std::array<char*, 6> arguments{};
+    for (std::size_t index = 0; index < texts.size(); ++index) arguments[index] = texts[index].data();
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, input[0], 0);
@@ -187,6 +184,12 @@ TEST_F(FileCoordinatorTest, MovingAFolderKeepsOutWhoeverIsBelowItAndNobodyElse) 
   EXPECT_EQ(tryWriting("folder", Writing::ForDeleting), "busy");
   EXPECT_EQ(tryWriting("folder"), "free");
   EXPECT_EQ(tryWriting("folder/inner/b", Writing::ForReplacing), "free");
+
+  TemporaryDirectory cache;  // outside the lock file's folder
+  Holder outside(directory_.path(), "read", cache.file("folder/a"));
+  auto moved =
+      coordinator_.coordinateWritingItemAtURL(URL::fileURL(cache.file("folder")), Writing::ForMoving, nothing_, 0ms);
+  EXPECT_EQ(outcome(moved), "busy");
 }
 
 TEST_F(FileCoordinatorTest, MovesInOppositeDirectionsNeverWaitForEachOther) {

@@ -124,6 +124,7 @@ TEST_F(GenerationCounterTest, ManyWhoAskAtOnceHearTheSame) {
     writeText(path, "text");
     std::vector<Data> answers(4);
     std::vector<std::thread> threads;
+    threads.reserve(answers.size());
     for (auto& answer : answers) threads.emplace_back([&] { answer = counter(path); });
     for (auto& thread : threads) thread.join();
     for (const auto& answer : answers) ASSERT_EQ(answer, counter(path));
