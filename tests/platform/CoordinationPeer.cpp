@@ -1,7 +1,7 @@
 // Another process of the container, for the file coordinator's tests. Its purpose identifier is "peer".
 //   hold FOLDER read|write|tree PATH    says "held" and holds the item until its input ends
 //   increment FOLDER PATH COUNT         adds 1 to the number in the file, COUNT times, each a coordinated write
-//   write FOLDER PATH, delete FOLDER PATH, move FOLDER FROM TO
+//   delete FOLDER PATH, move FOLDER FROM TO
 
 #include "platform/FileCoordinator.h"
 #include "tests/platform/Increment.h"
@@ -45,8 +45,6 @@ int main(int argc, char** argv) {
     }
   } else if (command == "increment") {
     done = florvane::test::incrementCoordinated(coordinator, url, std::stoi(arguments[3]));
-  } else if (command == "write") {
-    done = florvane::test::incrementCoordinated(coordinator, url, 1);
   } else if (command == "delete") {
     done =
         coordinator

@@ -302,11 +302,11 @@ TEST_F(FileCoordinatorTest, PresentersHearOfOthersWritesAndNotOfTheirOwn) {
     arguments.insert(arguments.begin(), kPeer);
     EXPECT_EQ(runProcess(arguments).exitStatus, 0);
   };
-  peer({"write", directory_.path(), file("folder/a")});
-  peer({"write", directory_.path(), file("folder2")});
+  peer({"increment", directory_.path(), file("folder/a"), "1"});
+  peer({"increment", directory_.path(), file("folder2"), "1"});
   peer({"move", directory_.path(), file("folder/a"), file("folder/b")});
   peer({"delete", directory_.path(), file("folder/b")});
-  peer({"write", directory_.path(), file("folder/a")});
+  peer({"increment", directory_.path(), file("folder/a"), "1"});
   peer({"move", directory_.path(), file("folder"), file("elsewhere")});
   peer({"delete", directory_.path(), file("elsewhere/a")});
 
