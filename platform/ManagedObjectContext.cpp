@@ -242,8 +242,9 @@ std::vector<ManagedObjectContext::ObjectPtr> ManagedObjectContext::fetch(const M
       if (known.insert(object.get()).second) found.push_back(std::move(object));
     }
     if (fetch.newestFirstBy) {
-      std::stable_sort(found.begin(), found.end(), [&](const ObjectPtr& a, const ObjectPtr& b) {
-        return a->values_[*fetch.newestFirstBy].asDate() > b->values_[*fetch.newestFirstBy].asDate();
+      std::sort(found.begin(), found.end(), [&](const ObjectPtr& a, const ObjectPtr& b) {
+        auto left = a->values_[*fetch.newestFirstBy].asDate(), right = b->values_[*fetch.newestFirstBy].asDate();
+        return left != right ? left > right : a->serial_ > b->serial_;
       });
     }
     if (fetch.limit && found.size() > fetch.limit) found.resize(fetch.limit);

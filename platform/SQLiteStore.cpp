@@ -69,8 +69,8 @@ std::size_t copyReadableRows(SQLite::Database& damaged, SQLite::Database& fresh,
   const auto readable = columnsOf(damaged, table);
   for (const std::string& name : columnsOf(fresh, table)) {
     if (std::find(readable.begin(), readable.end(), name) == readable.end()) continue;
-    columns += ", \"" + name + "\"";
-    places += ", ?" + std::to_string(++count);
+    columns.append(", \"").append(name).append("\"");
+    places.append(", ?").append(std::to_string(++count));
   }
   SQLite::Statement insert(fresh, "INSERT OR IGNORE INTO \"" + table + "\"(" + columns + ") VALUES (" + places + ")");
   std::size_t copied = 0;
