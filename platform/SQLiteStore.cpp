@@ -64,19 +64,24 @@ void bindColumn(SQLite::Statement& statement, int place, const SQLite::Column& c
 // Copies what can be read, from the first row on and then from the last row back, so that a bad page in between costs
 // the rows on it and no others.
 std::size_t copyReadableRows(SQLite::Database& damaged, SQLite::Database& fresh, const std::string& table) {
-  std::string columns = "rowid", places = "?1";
-  int count = 1;
+  std::string columns, places;
+  int count = 0;
   const auto readable = columnsOf(damaged, table);
   for (const std::string& name : columnsOf(fresh, table)) {
     if (std::find(readable.begin(), readable.end(), name) == readable.end()) continue;
-    columns.append(", \"").append(name).append("\"");
-    places.append(", ?").append(std::to_string(++count));
+    columns.append(count ? ", \"" : "\"").append(name).append("\"");
+    places.append(count ? ", ?" : "?");
+    ++count;
   }
+  if (count == 0) return 0;
   SQLite::Statement insert(fresh, "INSERT OR IGNORE INTO \"" + table + "\"(" + columns + ") VALUES (" + places + ")");
+  const std::string select = "SELECT " + columns + " FROM \"" + table + "\" ORDER BY rowid ";
   std::size_t copied = 0;
   for (const char* direction : {"ASC", "DESC"}) {
     try {
-      SQLite::Statement query(damaged, "SELECT " + columns + " FROM \"" + table + "\" ORDER BY rowid " + direction);
+      std::string text = select;
+      text += direction;
+      SQLite::Statement query(damaged, text);
       while (query.executeStep()) {
         for (int i = 0; i < count; ++i) {
           bindColumn(insert, i + 1, query.getColumn(i));

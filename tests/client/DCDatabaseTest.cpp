@@ -20,8 +20,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-extern char** environ;
-
 namespace florvane {
 namespace {
 
@@ -444,6 +442,7 @@ TEST_F(DCDatabaseTest, AnswersFromAHundredThousandRecords) {
     for (int d = 0; d < kDirectories; ++d) {
       const std::string directory = "d" + std::to_string(d);
       std::vector<std::pair<std::string, Data>> children;
+      children.reserve(kChildren);
       for (int i = 0; i < kChildren; ++i) children.emplace_back(directory + "/" + std::to_string(i), bytes("id"));
       ASSERT_TRUE(database->setDocumentIdentifiers(children, directory));
     }
@@ -468,6 +467,7 @@ TEST_F(DCDatabaseTest, ServesManyThreads) {
   auto database = open();
   auto metadata = database->otherMetadataForDocumentIdentifier(bytes("k"), true);
   std::vector<std::thread> threads;
+  threads.reserve(4);
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([&, t] {
       for (int i = 0; i < 20; ++i) {
