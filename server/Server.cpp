@@ -20,6 +20,7 @@
 #include <boost/asio/post.hpp>
 #include <boost/asio/redirect_error.hpp>
 #include <boost/asio/use_awaitable.hpp>
+#include <fcntl.h>
 #include <netinet/tcp.h>
 #include <openssl/ssl.h>
 #include <sys/resource.h>
@@ -71,6 +72,9 @@ std::size_t connectionLimit() {
   return std::clamp<std::size_t>(descriptors - std::min(descriptors / 2, kDescriptorsForFiles), 16,
                                  kMaximumConnections);
 }
+
+// A program that somebody starts from this process must not keep the port or a connection open.
+void closeOnExec(int descriptor) { fcntl(descriptor, F_SETFD, FD_CLOEXEC); }
 
 }  // namespace
 
@@ -219,6 +223,7 @@ Result<void> Server::State::listen() {
   tcp::endpoint endpoint = addresses.begin()->endpoint();
   acceptor.emplace(io);
   error = acceptor->open(endpoint.protocol(), error);
+  if (!error) closeOnExec(acceptor->native_handle());
   if (!error) error = acceptor->set_option(net::socket_base::reuse_address(true), error);
   if (!error) error = acceptor->bind(endpoint, error);
   if (!error) error = acceptor->listen(net::socket_base::max_listen_connections, error);
@@ -261,6 +266,7 @@ net::awaitable<void> Server::State::accept() {
     }
     if (isStopping) co_return;
     if (!error) {
+      closeOnExec(socket.native_handle());
       net::co_spawn(io, serve(std::move(socket)), net::detached);
       continue;
     }
