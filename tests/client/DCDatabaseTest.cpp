@@ -388,6 +388,29 @@ TEST_F(DCDatabaseTest, SetsADamagedStoreAsideAndRescuesUploads) {
   EXPECT_EQ(setAside(), 4U);
 }
 
+TEST_F(DCDatabaseTest, RescuesUploadsFromBothSidesOfABadPage) {
+  {
+    auto database = open();
+    EXPECT_TRUE(database->performBatch([&] {
+      for (int i = 0; i < 1000; ++i) {
+        (void)database->saveUploadFileURL(URL::fileURL("/f"), "upload-" + std::to_string(i));
+      }
+    }));
+  }
+  auto result = test::runPython(
+      "import sqlite3,sys\nc=sqlite3.connect(sys.argv[1])\nc.execute('PRAGMA wal_checkpoint(TRUNCATE)')\n"
+      "s=c.execute('PRAGMA page_size').fetchone()[0]\nc.close()\nf=open(sys.argv[1],'r+b')\nb=f.read()\n"
+      "for o in range(0,len(b),s):\n"
+      " if b[o]==13 and b'upload-500' in b[o:o+s]: f.seek(o); f.write(b'\\xff'*s); print('damaged')\n",
+      {file("service.sqlite")});
+  ASSERT_EQ(result.standardOutput, "damaged\n");
+  auto database = open();
+  EXPECT_GT(database->allUploads().size(), 800U);
+  EXPECT_NE(database->uploadForPath("upload-0"), nullptr);
+  EXPECT_NE(database->uploadForPath("upload-999"), nullptr);
+  EXPECT_EQ(sql("PRAGMA integrity_check"), "ok\n");
+}
+
 TEST_F(DCDatabaseTest, RefusesANewerStoreAndWorksInMemory) {
   EXPECT_TRUE(open()->setDocumentIdentifier(bytes("x"), "kept"));
   sql("PRAGMA user_version = 1000");
