@@ -1,9 +1,12 @@
 #include "tools/Commands.h"
 
+#include <cerrno>
 #include <charconv>
 #include <csignal>
 #include <cstdio>
 
+#include <fcntl.h>
+#include <poll.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -45,33 +48,50 @@ std::string firstLine(std::string text) {
   return text;
 }
 
-termios terminalBeforePrompt;
+// Where a signal that comes while a password is typed leaves its number, for the thread that waits at the terminal: the
+// signal itself may reach any other.
+int signalPipe[2] = {-1, -1};
 
-// A prompt that is interrupted leaves the terminal as it was.
-extern "C" void restoreTerminalAndEnd(int signal) {
-  tcsetattr(STDIN_FILENO, TCSAFLUSH, &terminalBeforePrompt);
-  (void)std::signal(signal, SIG_DFL);
-  (void)std::raise(signal);  // takes effect when this returns
+extern "C" void noteSignal(int signal) {
+  auto number = static_cast<unsigned char>(signal);
+  (void)!::write(signalPipe[1], &number, 1);
 }
 
-// One line from the terminal, its echo off while it is typed.
+// One line from the terminal; absent, with the signal's number, when one came first.
+std::optional<std::string> readLine(int& signal) {
+  std::string line;
+  pollfd ready[] = {{STDIN_FILENO, POLLIN, 0}, {signalPipe[0], POLLIN, 0}};
+  while (true) {
+    if (::poll(ready, 2, -1) < 0) continue;  // only ever interrupted, and then there is something in the pipe
+    unsigned char byte = 0;
+    if (ready[1].revents != 0 && ::read(signalPipe[0], &byte, 1) == 1) {
+      signal = byte;
+      return std::nullopt;
+    }
+    if (ready[0].revents == 0) continue;
+    if (::read(STDIN_FILENO, &byte, 1) != 1 || byte == '\n') return line;
+    line += static_cast<char>(byte);
+  }
+}
+
+// One line from the terminal, its echo off while it is typed, and on again when a signal ends the program meanwhile.
 CommandResult<Secret> promptForPassword(const std::string& userName, const std::string& host) {
   std::fprintf(stderr, "Password of %s at %s: ", printable(userName).c_str(), printable(host).c_str());
-  tcgetattr(STDIN_FILENO, &terminalBeforePrompt);
-  struct sigaction restore{};
-  restore.sa_handler = restoreTerminalAndEnd;
-  for (int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) sigaction(signal, &restore, nullptr);
-  termios silent = terminalBeforePrompt;
+  if (::pipe2(signalPipe, O_CLOEXEC) != 0) return tl::unexpected(failureForError(Error::posix(errno), "", ""));
+  termios before{};
+  tcgetattr(STDIN_FILENO, &before);
+  for (int each : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) (void)std::signal(each, noteSignal);
+  termios silent = before;
   silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
   tcsetattr(STDIN_FILENO, TCSAFLUSH, &silent);
-  std::string line;
-  char character = 0;
-  while (::read(STDIN_FILENO, &character, 1) == 1 && character != '\n') line += character;
-  tcsetattr(STDIN_FILENO, TCSAFLUSH, &terminalBeforePrompt);
-  for (int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) (void)std::signal(signal, SIG_DFL);
+  int signal = 0;
+  auto line = readLine(signal);
+  tcsetattr(STDIN_FILENO, TCSAFLUSH, &before);
+  for (int each : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) (void)std::signal(each, SIG_DFL);
   std::fputc('\n', stderr);
-  if (line.empty()) return tl::unexpected(usage("No password was typed."));
-  return Secret(line);
+  if (!line) (void)::kill(::getpid(), signal);  // ends this process as it would have without us
+  if (!line || line->empty()) return tl::unexpected(usage("No password was typed."));
+  return Secret(*line);
 }
 
 CommandResult<Secret> readPassword(const AccountAddOptions& options) {

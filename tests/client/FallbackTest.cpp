@@ -34,7 +34,8 @@ ExchangeResult signIn(const ScriptedServer& server) {
 }
 
 // Answers SRP with 401 and the header as given, and PLAIN with the fields as given.
-ScriptedServer::Script refusing(std::optional<std::string> mechanisms, std::string plainFields, int plainStatus = 200) {
+ScriptedServer::Script refusing(const std::optional<std::string>& mechanisms, const std::string& plainFields,
+                                int plainStatus = 200) {
   return ScriptedServer::answering([=](const ScriptedServer::Request& request) -> std::string {
     if (request.body.starts_with(std::string("PLAIN\0", 6))) {
       return "HTTP/1.1 " + std::to_string(plainStatus) + " X\r\nContent-Length: 0\r\n" + plainFields + "\r\n";

@@ -47,6 +47,7 @@ TEST(Value, LargeDictionariesFindReplaceAndRemove) {
 
 TEST(Value, KeysAreInternedAndForgottenFromManyThreads) {
   std::vector<std::thread> threads;
+  threads.reserve(4);
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([] {
       for (int i = 0; i < 20000; ++i) {
