@@ -52,11 +52,6 @@ void DCServerRequest::setDeleteAllLocalDataHandler(DeleteAllLocalDataHandler han
   shared.handler = std::move(handler);
 }
 
-DCServerRequest::~DCServerRequest() {
-  // A session keeps its delegate, so a request goes only after its end or unstarted, with the handler called or unset.
-  responseHandler_.abandon();
-}
-
 URLSessionTaskPtr DCServerRequest::startDownloadTaskWithURI(const std::string& uri, const QueryItems& queryItems,
                                                             std::shared_ptr<DCService> service,
                                                             const HTTPHeaders& headers, std::optional<Data> body,

@@ -31,7 +31,6 @@ class DCServerRequest : public URLSessionDelegate, public std::enable_shared_fro
   using QueryItems = std::vector<URLQueryItem>;
 
   static Ptr make() { return Ptr(new DCServerRequest); }
-  ~DCServerRequest() override;
 
   // GET; the body of the answer goes to a file, which is there while the handler runs. Null when signing in failed:
   // the handler has had the error then.
