@@ -29,6 +29,7 @@ void URLSessionDelegate::didResumeAtOffset(SessionRef, TaskRef, std::int64_t, st
 void URLSessionDelegate::didFinishDownloadingToURL(SessionRef, TaskRef, const URL&) {}
 void URLSessionDelegate::didSendBodyData(SessionRef, TaskRef, std::int64_t, std::int64_t, std::int64_t) {}
 void URLSessionDelegate::didCompleteWithError(SessionRef, TaskRef, const std::optional<Error>&) {}
+void URLSessionDelegate::didFinishEventsForBackgroundURLSession(SessionRef) {}
 
 URLSessionPtr URLSession::create(URLSessionConfiguration configuration, std::shared_ptr<URLSessionDelegate> delegate,
                                  std::shared_ptr<SerialQueue> delegateQueue) {

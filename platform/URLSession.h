@@ -20,6 +20,17 @@ class URLSession;
 enum class URLSessionTaskState : std::int64_t { Running = 0, Suspended = 1, Canceling = 2, Completed = 3 };
 enum class URLSessionTaskKind { Data, Download, Upload };
 
+// What a task of a background session carries beside its request, for whoever finds the task again after a relaunch.
+struct BackgroundTransfer {
+  // Of the item that is sent, as the program that made the task names it.
+  std::string path;
+  // Of the contents that are sent.
+  std::optional<Data> generationIdentifier;
+  // DER of the only certificate under which the request may travel while no process of the session is attached; absent
+  // leaves the decision to the system's anchors.
+  std::optional<Data> pinnedCertificate;
+};
+
 // One transfer of a session, made suspended. Keeps its session, so that a delegate which keeps tasks is let go only
 // when the session is invalidated. Thread-safe.
 class URLSessionTask {
@@ -32,6 +43,8 @@ class URLSessionTask {
   virtual const URLRequest& originalRequest() const = 0;
   // Null before an answer's head has come.
   virtual std::shared_ptr<const HTTPURLResponse> response() const = 0;
+  // Null for the tasks of this process's own sessions.
+  virtual const BackgroundTransfer* backgroundTransfer() const { return nullptr; }
   virtual void resume() = 0;
   // The completion that follows says URLErrorCancelled, unless the task had ended by then. A suspended task completes,
   // too.
@@ -79,9 +92,23 @@ class URLSessionDelegate {
   virtual void didSendBodyData(SessionRef session, TaskRef task, std::int64_t bytesSent, std::int64_t totalBytesSent,
                                std::int64_t totalBytesExpectedToSend);
   virtual void didCompleteWithError(SessionRef session, TaskRef task, const std::optional<Error>& error);
+  // Everything that happened to a background session while no process was attached has been told.
+  virtual void didFinishEventsForBackgroundURLSession(SessionRef session);
 };
 
 struct URLSessionConfiguration {
+  // Names a background session, whose tasks outlive the process; empty for a session of this process's own. Of the
+  // fields below a background session uses these three and the container's identifier only.
+  std::string identifier;
+  // The folder that all processes of the session share; the process's container when empty.
+  std::string containerDirectory;
+  // Program and arguments that the agent starts when tasks have ended and no process of the session is attached; empty
+  // for none. Its environment names the container (FLORVANE_CONTAINER) and the session (FLORVANE_BACKGROUND_SESSION).
+  std::vector<std::string> relaunchCommand;
+  // The agent's program; when empty $FLORVANE_TRANSFERD, else "florvane-transferd" beside the running program, in
+  // ../libexec from there, or in $PATH. Where there is none the agent's work is done inside this process.
+  std::string agentProgram;
+
   // Ephemeral: cookies that answers set are kept and returned while the session lives (paths and Secure honoured).
   // Default: cookies are only what the request's headers say.
   bool ephemeral = false;
@@ -111,6 +138,11 @@ struct URLSessionConfiguration {
     configuration.ephemeral = true;
     return configuration;
   }
+  static URLSessionConfiguration backgroundSessionConfigurationWithIdentifier(std::string identifier) {
+    URLSessionConfiguration configuration;
+    configuration.identifier = std::move(identifier);
+    return configuration;
+  }
 };
 
 // An HTTP(S) session over libcurl; all sessions of a process share one network thread. Cheap to make: connections
@@ -120,7 +152,8 @@ struct URLSessionConfiguration {
 // brings its certificates under URLErrorFailingPeerTrustKey. Thread-safe.
 class URLSession : public std::enable_shared_from_this<URLSession> {
  public:
-  // Without a queue the session makes one of its own. A null delegate is allowed.
+  // Without a queue the session makes one of its own. A null delegate is allowed. For a configuration with an
+  // identifier there is BackgroundURLSession::create.
   static URLSessionPtr create(URLSessionConfiguration configuration, std::shared_ptr<URLSessionDelegate> delegate,
                               std::shared_ptr<SerialQueue> delegateQueue = nullptr);
   virtual ~URLSession() = default;
