@@ -37,7 +37,8 @@ std::shared_ptr<DCConnectivityTracker> DCConnectivityTracker::connectivityTracke
   // Never destroyed: transfers may end while the process does.
   static auto& registry = *new DCServiceRegistry<DCConnectivityTracker>;
   std::string server = serverFromURL(service->url());
-  return registry.objectForKey(server, [&] { return std::make_shared<DCConnectivityTracker>(server); });
+  return registry.objectForKey(server,
+                               [&] { return std::make_shared<DCConnectivityTracker>(server, service->clock()); });
 }
 
 DCConnectivityTracker::DCConnectivityTracker(std::string server, Clock& clock)

@@ -32,7 +32,8 @@ void logFailure(const Result<void>& saved) {
 std::shared_ptr<DCDatabase> DCDatabase::databaseForService(const std::shared_ptr<DCService>& service) {
   if (!service) return nullptr;
   static auto& databases = *new DCServiceRegistry<DCDatabase>;
-  return databases.objectForKey(service->uniqueIdentifier(), [&] { return std::make_shared<DCDatabase>(service); });
+  return databases.objectForKey(service->uniqueIdentifier(),
+                                [&] { return std::make_shared<DCDatabase>(service, service->clock()); });
 }
 
 DCDatabase::DCDatabase(std::shared_ptr<DCService> service, Clock& clock)

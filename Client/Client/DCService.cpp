@@ -33,7 +33,8 @@ void createDirectory(const std::string& path) {
 }  // namespace
 
 std::shared_ptr<DCService> DCService::serviceWithURL(const std::optional<URL>& url,
-                                                     const std::optional<std::string>& keychainItemIdentifier) {
+                                                     const std::optional<std::string>& keychainItemIdentifier,
+                                                     Clock& clock) {
   DCLogTrace("-[DCService _initWithURL:keychainItemIdentifier:]",
              {{"url", url}, {"keychainItemIdentifier", keychainItemIdentifier}});
   if (!url) throw InvalidArgumentException("Illegal nil url");
@@ -41,19 +42,20 @@ std::shared_ptr<DCService> DCService::serviceWithURL(const std::optional<URL>& u
     throw InvalidArgumentException("Illegal empty keychainItemIdentifier");
   }
   Data text = Data::fromString(url->description());
-  return make({*url, *keychainItemIdentifier, pu_hex(digest(DigestAlgorithm::SHA1, text.span()))});
+  return make({*url, *keychainItemIdentifier, pu_hex(digest(DigestAlgorithm::SHA1, text.span())), &clock});
 }
 
 std::shared_ptr<DCService> DCService::serviceWithHostName(const std::optional<std::string>& hostName,
-                                                          const std::optional<std::string>& uniqueIdentifier) {
+                                                          const std::optional<std::string>& uniqueIdentifier,
+                                                          Clock& clock) {
   DCLogTrace("-[DCService _initWithHostName:uniqueIdentifier:]",
              {{"hostName", hostName}, {"uniqueIdentifier", uniqueIdentifier}});
   if (!hostName) throw InvalidArgumentException("Illegal nil hostname");
   if (!uniqueIdentifier || uniqueIdentifier->empty()) throw InvalidArgumentException("Illegal empty uniqueIdentifier");
-  return make({serverURL(*hostName, DCServerDefaultPortNumber), *hostName, *uniqueIdentifier});
+  return make({serverURL(*hostName, DCServerDefaultPortNumber), *hostName, *uniqueIdentifier, &clock});
 }
 
-std::shared_ptr<DCService> DCService::serviceWithAccount(const std::optional<Account>& account) {
+std::shared_ptr<DCService> DCService::serviceWithAccount(const std::optional<Account>& account, Clock& clock) {
   DCLogTrace("-[DCService _initWithAccount:]",
              {{"account", account ? std::optional(account->identifier) : std::nullopt}});
   if (!account) throw InvalidArgumentException("Illegal nil account");
@@ -61,7 +63,7 @@ std::shared_ptr<DCService> DCService::serviceWithAccount(const std::optional<Acc
   if (!hostName) throw InvalidArgumentException("Illegal nil hostname");
   std::optional<std::uint16_t> portNumber = account->dataClassPortNumber.value_or(DCServerDefaultPortNumber);
   if (!portNumber) throw InvalidArgumentException("Illegal nil portNumber");
-  auto service = make({serverURL(*hostName, *portNumber), *hostName, account->identifier});
+  auto service = make({serverURL(*hostName, *portNumber), *hostName, account->identifier, &clock});
   service->observePortNumber();
   return service;
 }
@@ -76,7 +78,8 @@ std::shared_ptr<DCService> DCService::make(Fields fields) {
 DCService::DCService(Fields fields)
     : url_(std::move(fields.url)),
       keychainItemIdentifier_(std::move(fields.keychainItemIdentifier)),
-      uniqueIdentifier_(std::move(fields.uniqueIdentifier)) {}
+      uniqueIdentifier_(std::move(fields.uniqueIdentifier)),
+      clock_(*fields.clock) {}
 
 DCService::~DCService() = default;
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "platform/AccountStore.h"
+#include "platform/Clock.h"
 #include "platform/NotificationCenter.h"
 #include "platform/URL.h"
 
@@ -27,16 +28,20 @@ class DCService : public std::enable_shared_from_this<DCService> {
 
  public:
   // The factories throw InvalidArgumentException when an argument is missing ("Illegal nil url", ...) or the host name
-  // makes no URL ("Illegal nil url"), and when there is no container to keep a service's folders in.
+  // makes no URL ("Illegal nil url"), and when there is no container to keep a service's folders in. The clock is that
+  // of everything made for the service; it outlives the process's use of it.
 
   // Identified by the SHA-1 of the URL's text.
   static std::shared_ptr<DCService> serviceWithURL(const std::optional<URL>& url,
-                                                   const std::optional<std::string>& keychainItemIdentifier);
+                                                   const std::optional<std::string>& keychainItemIdentifier,
+                                                   Clock& clock = Clock::system());
   // https on the default port. An IPv6 literal may stand bare.
   static std::shared_ptr<DCService> serviceWithHostName(const std::optional<std::string>& hostName,
-                                                        const std::optional<std::string>& uniqueIdentifier);
+                                                        const std::optional<std::string>& uniqueIdentifier,
+                                                        Clock& clock = Clock::system());
   // Follows changes of the account's port while it lives.
-  static std::shared_ptr<DCService> serviceWithAccount(const std::optional<Account>& account);
+  static std::shared_ptr<DCService> serviceWithAccount(const std::optional<Account>& account,
+                                                       Clock& clock = Clock::system());
 
   explicit DCService(Fields fields);
   ~DCService();
@@ -48,6 +53,7 @@ class DCService : public std::enable_shared_from_this<DCService> {
   const std::string& keychainItemIdentifier() const;
   // Never empty.
   const std::string& uniqueIdentifier() const;
+  Clock& clock() const { return clock_; }
   std::string description() const;
 
   // The server's folder name, from the URL of a file two levels below it; absent for any other URL.
@@ -58,6 +64,7 @@ class DCService : public std::enable_shared_from_this<DCService> {
     URL url;
     std::string keychainItemIdentifier;
     std::string uniqueIdentifier;
+    Clock* clock;
   };
 
   static std::shared_ptr<DCService> make(Fields fields);
@@ -71,6 +78,7 @@ class DCService : public std::enable_shared_from_this<DCService> {
   URL url_;
   const std::string keychainItemIdentifier_;
   const std::string uniqueIdentifier_;
+  Clock& clock_;
   std::unique_ptr<NotificationCenter::Observation> portObservation_;
 };
 

@@ -1,0 +1,28 @@
+#pragma once
+
+#include "platform/Data.h"
+#include "platform/Value.h"
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+
+namespace florvane {
+
+// A listing with its indexes, made once and shared. Entries whose name is no legal single component ("", ".", "..",
+// with "/" or NUL, over 255 bytes, not UTF-8) are left out, each with the soft assertion "childName"; of two entries of
+// one name the first counts. Immutable, thread-safe.
+class DCDirectoryContents {
+ public:
+  using Ptr = std::shared_ptr<const DCDirectoryContents>;
+
+  static Ptr contentsWithEntries(const Array& entries);
+
+  const Array& entries() const;
+  // Null when there is none; lives as long as this object.
+  const Value* entryNamed(std::string_view name) const;
+  const Value* entryWithDocumentIdentifier(const Data& documentIdentifier) const;
+};
+
+}  // namespace florvane

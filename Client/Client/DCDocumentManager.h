@@ -1,0 +1,228 @@
+#pragma once
+
+#include "Client/Client/DCCachedItemManager.h"
+#include "Client/Client/DCConnectivityTracker.h"
+#include "Client/Client/DCDatabase.h"
+#include "Client/Client/DCDelegateState.h"
+#include "Client/Client/DCDocumentManagerDelegate.h"
+#include "Client/Client/DCDownloadManager.h"
+#include "Client/Client/DCRemoteDocumentManager.h"
+#include "Client/Client/DCUploadManager.h"
+#include "common/FVFDispatchQueue.h"
+#include "platform/CompletionHandler.h"
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+namespace florvane {
+
+// How well an answer from the cache is known to be what the server has.
+enum DCDocumentManagerFreshnessState : std::int64_t {
+  DCDocumentManagerFreshnessStateStale = 1,    // a refresh was started, or is needed
+  DCDocumentManagerFreshnessStateUnknown = 2,  // failed, never downloaded, or the server could not be asked
+  DCDocumentManagerFreshnessStateFresh = 4,
+};
+
+// An upload that gave up; posted to all processes of the container, without user info.
+inline constexpr char FlorvaneUploadDidFailNotification[] = "FlorvaneUploadDidFailNotification";
+// The number of refused attempts after which an upload gives up.
+inline constexpr std::int64_t DCFileUploadMaxNumberOfRetries = 2;
+
+// The one object through which an application works with a service's documents: lists, reads, writes, watches and
+// maintains the local copy. Paths are relative path strings ("" is the root). Asynchronous operations return at once
+// and do their work on the service's queue; their handlers may be null and are called exactly once on
+// completionHandlerQueue(), never in place. Errors are the client's (DCError.h), those of the server's refusals
+// (URLErrorDomain, the HTTP status as code), of the transfer (URLErrorDomain) and of files. An illegal path is answered
+// with "Invalid argument." (1). Thread-safe; what is said to be synchronous waits for the service's queue and must not
+// be called from it.
+class DCDocumentManager : public DCConnectivityTrackerDelegate, public std::enable_shared_from_this<DCDocumentManager> {
+ public:
+  using Ptr = std::shared_ptr<DCDocumentManager>;
+  using State = DCDocumentManagerFreshnessState;
+  using OptionalError = std::optional<Error>;
+  using ErrorHandler = CompletionHandler<OptionalError>;
+  using ContentsOfDirectoryHandler = CompletionHandler<State, std::optional<Array>, OptionalError>;
+  using AttributesHandler = CompletionHandler<State, std::optional<Dictionary>, OptionalError>;
+  // The URL is that of the local copy, absent where there is none.
+  using FileHandler = CompletionHandler<State, std::optional<URL>, OptionalError>;
+  // The URL is that of the local copy which is sent.
+  using UploadHandler = CompletionHandler<std::optional<URL>, OptionalError>;
+  using UploadsHandler = CompletionHandler<std::vector<std::shared_ptr<DCManagedUpload>>>;
+  using DelegatePtr = std::shared_ptr<DCDocumentManagerDelegate>;
+
+  // On whose behalf this process works with the cache (application, file provider, ...); before the first manager is
+  // made. An absent one throws ObjectNotAvailableException.
+  static void setPurposeIdentifier(const std::optional<std::string>& purposeIdentifier);
+  // The one manager of the service. The first call in the process checks the data version and may wipe old data.
+  static Ptr documentManagerForService(const std::shared_ptr<DCService>& service);
+  ~DCDocumentManager() override;
+
+  const std::shared_ptr<DCService>& service() const override { return service_; }
+  // The main queue unless set.
+  std::shared_ptr<SerialQueue> completionHandlerQueue() const;
+  void setCompletionHandlerQueue(std::shared_ptr<SerialQueue> queue);
+  // Synchronous.
+  void resetCachedItemManagerForService(const std::shared_ptr<DCService>& service);
+
+  // Reading. The cached listing is answered at once and a stale one refreshed; the fresh one reaches delegates.
+  void contentsOfDirectoryAtPath(const std::string& path, ContentsOfDirectoryHandler completionHandler);
+  // The next stale listing is answered only after its refresh, with the fresh one.
+  void _synchronousNextContentsOfDirectory();
+  // At once, from the cache; a stale item's parent is refreshed.
+  void attributesOfItemAtPath(const std::string& path, AttributesHandler completionHandler);
+  // After a refresh where one is needed. Without the server the last local copy, state 2; no local copy either: no URL
+  // and no error.
+  void contentsOfFileAtPath(const std::string& path, FileHandler completionHandler);
+  // A local copy at once, else after its download. "No thumbnail available." (15) where the server has none.
+  void thumbnailOfItemAtPath(const std::string& path, FileHandler completionHandler);
+  // "No preview available." (10) where there is none.
+  void previewOfItemAtPath(const std::string& path, FileHandler completionHandler);
+  // Synchronous. Where the item lies, or where a new file of that name is to be staged.
+  Result<URL> fileURLOfItemAtPath(const std::string& path);
+  // Synchronous. The paths at which the document in that local file stands.
+  Result<std::set<std::string>> pathsOfItemAtURL(const URL& url);
+
+  // Writing.
+  // Not supported: "Internal error." (13).
+  void createDirectoryAtPath(const std::string& path, const Dictionary& attributes, ErrorHandler completionHandler);
+  // The source's bytes will be what a later start of the upload sends as the new file.
+  void preflightWriteToNewFileAtPath(const std::string& path, const URL& source, ErrorHandler completionHandler);
+  // Synchronous.
+  void removePreflightedWriteToNewFileAtPath(const std::string& path);
+  // Success means that the bytes are safe on this disk and queued for the server, whatever happens to the process.
+  void writeToFileAtPath(const std::string& path, const URL& source, UploadHandler completionHandler);
+  void startUploadingItemAtPath(const std::string& path, UploadHandler completionHandler);
+  void startDownloadingItemAtPath(const std::string& path, ErrorHandler completionHandler);
+  // These three do nothing, and succeed.
+  void cancelUploadingItemAtPath(const std::string& path, ErrorHandler completionHandler);
+  void cancelDownloadingItemAtPath(const std::string& path, ErrorHandler completionHandler);
+  void evictItemAtPath(const std::string& path, ErrorHandler completionHandler);
+
+  // Watching. A delegate hears of its path and the direct children, for as long as it lives and is registered; one a
+  // path. Missing arguments throw InvalidArgumentException; a path that the cache does not know is not watched.
+  void setDelegate(const DelegatePtr& delegate, const std::string& forFilterPath);
+  void setDelegate(const DelegatePtr& delegate, const std::shared_ptr<SerialQueue>& queue,
+                   const std::string& forFilterPath);
+  DelegatePtr delegateForFilterPath(const std::optional<std::string>& path) const;
+  void removeDelegate(const DelegatePtr& delegate);
+  void removeDelegateForFilterPath(const std::optional<std::string>& path);
+  bool connectionStatus() const;
+  bool isConnected() const;
+  void didUpdateConnectionStatus(const std::shared_ptr<DCConnectivityTracker>& connectivityTracker,
+                                 bool isConnected) override;
+
+  // Maintenance.
+  // Starts again every upload that is due.
+  void restartUploads();
+  // A relaunched process hands the background session's events over.
+  void handleEventsForBackgroundURLSession(const std::string& identifier, std::function<void()> completionHandler);
+  void allPendingUploadsWithCompletionHandler(UploadsHandler completionHandler);
+  // These are synchronous.
+  bool hasPendingUploads();
+  DCServerRequest::Ptr downloadTaskForItemAtPath(const std::string& path);
+  std::shared_ptr<DCManagedUpload> uploadForItemAtPath(const std::string& path);
+  void deleteAllLocalData();
+  // Makes the database anew from the files on disk.
+  void rebuildDatabaseWithCompletionHandler(CompletionHandler<> completionHandler);
+  static void deleleAllDataIfNecessary();
+
+  // An upload has ended: for the upload manager, and for the background session of a relaunched process.
+  void _finishUploadFile(const DCCachedFile::Ptr& file, const FVFResponseContainer::Ptr& container,
+                         const OptionalError& error);
+  void _finishUploadFileForTaskIdentifier(std::uint64_t taskIdentifier, const std::string& sessionIdentifier,
+                                          const FVFResponseContainer::Ptr& responseContainer,
+                                          const OptionalError& error);
+
+  std::string description() const;
+
+ private:
+  struct Private {};
+
+ public:
+  DCDocumentManager(Private, std::shared_ptr<DCService> service);
+
+ private:
+  // What the checks before an operation found.
+  struct PreOperation {
+    DCRelativePath::Ptr relativePath;
+    DCCachedItem::Ptr item;
+    OptionalError error;
+  };
+  enum class ItemClass : std::uint8_t { Any, Directory, File };
+  using DelegateBlock = std::function<void(DCDocumentManagerDelegate& delegate)>;
+
+  // Frame (DCDocumentManager.cpp).
+  static Ptr _initWithService(const std::shared_ptr<DCService>& service);
+  PreOperation _performPreOperationChecksWithPath(const std::string& path, ItemClass itemClass, bool itemMustBeKnown);
+  void _logFunction(std::string_view function, const std::string& path, const DCCachedItem::Ptr& item,
+                    const DCRelativePath::Ptr& relativePath);
+  DCActivityInfo::Ptr _activityInfoForItem(const DCCachedItem& item);
+  bool _isWatchedAndUpToDateItem(const DCCachedItem& item);
+  void _dispatchMaybeCallSelector(std::string_view selector, const std::string& path, std::string_view function,
+                                  unsigned line, DelegateBlock block);
+  bool _needsToCallDelegateForPath(const std::string& path) const;
+  static bool _shouldCallDelegate(const DCDelegateState& state, const std::string& forPath);
+  DCCachedItemManager::Ptr cachedItemManager();
+  std::shared_ptr<DCDatabase> database();
+
+  // Listing and the decision what to download (DCDocumentManager+Listing.cpp, +Changes.cpp).
+  void _contentsOfDirectoryAtPath(const std::string& path, bool downloadIfNecessary,
+                                  ContentsOfDirectoryHandler completionHandler);
+  void _downloadItem(const DCCachedItem::Ptr& item, ErrorHandler completionHandler);
+  void _startDownloadItem(const DCCachedItem::Ptr& item, ErrorHandler completionHandler);
+  void _downloadStaleDirectory(const DCCachedDirectory::Ptr& directory, ErrorHandler completionHandler);
+  OptionalError _updateFreshlyDownloadedDirectory(const DCCachedDirectory::Ptr& directory,
+                                                  const FVFResponseContainer::Ptr& downloadedDirectory);
+  OptionalError _updateFreshlyDownloadedDirectory(const DCCachedDirectory::Ptr& directory,
+                                                  const FVFResponseContainer::Ptr& downloadedDirectory,
+                                                  const DCCachedFile::Ptr& fetchingForChild,
+                                                  std::optional<Dictionary>* remoteMetadata);
+  void _didDownloadChangedItem(const DCCachedItem& item, const std::optional<Dictionary>& downloadedMetadata);
+  Dictionary _synthesizedMetadataForItem(const DCCachedItem& item,
+                                         const std::optional<Dictionary>& parentContentsMetadata);
+
+  // Contents, attributes, thumbnails, previews (DCDocumentManager+Contents.cpp).
+  void _continueContentsOfFile(const DCCachedFile::Ptr& file, const OptionalError& error,
+                               FileHandler completionHandler);
+  void _downloadStaleFile(const DCCachedFile::Ptr& file, ErrorHandler completionHandler);
+  OptionalError _updateFreshlyDownloadedFile(const DCCachedFile::Ptr& file,
+                                             const FVFResponseContainer::Ptr& downloadedFile);
+  void _continuePreviewOfItem(const DCCachedFile::Ptr& item, const DCCachedItem::Ptr& preview,
+                              const OptionalError& error, FileHandler completionHandler);
+
+  // Writing (DCDocumentManager+Writing.cpp, +Uploads.cpp).
+  void _uploadItem(const DCCachedItem::Ptr& item, ErrorHandler completionHandler);
+  void _startUploadingFile(const DCCachedFile::Ptr& file, ErrorHandler completionHandler);
+
+  // Watching (DCDocumentManager+Watching.cpp).
+  void _adjustFetchingUpdatesIfNecessary();
+  void _startFetchingUpdates();
+  void _finishFetchingUpdates();
+  void _didUpdateVersionIdentifier(const std::optional<Data>& versionIdentifier,
+                                   const std::optional<Data>& forDocumentIdentifier);
+
+  // Maintenance (DCDocumentManager+Maintenance.cpp).
+  static void _deleteAllContent();
+  void _rebuildItemWithRelativePath(const DCRelativePath::Ptr& relativePath, const Dictionary& parentDirectoryMetadata);
+
+  const std::shared_ptr<DCService> service_;
+  std::shared_ptr<FVFDispatchQueue> queue_;
+  std::shared_ptr<DCConnectivityTracker> connectivityTracker_;
+  // On the queue.
+  bool synchronousContentsOfDirectory_ = false;
+
+  mutable std::recursive_mutex mutex_;  // guards what follows; changed on callers' threads
+  std::shared_ptr<SerialQueue> completionHandlerQueue_;
+  std::unordered_map<std::string, DCDelegateState::Ptr> delegateStates_;
+  std::optional<DCVersionIdentifiers> watchedDocumentIdentifiersAndVersionIdentifiers_;
+};
+
+}  // namespace florvane
