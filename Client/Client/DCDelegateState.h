@@ -25,6 +25,11 @@ class DCDelegateState {
 
   // Null when it is gone.
   std::shared_ptr<DCDocumentManagerDelegate> delegate() const { return delegate_.lock(); }
+  // These two take no hold of it, so that it never ends in the caller's hands, under the caller's locks.
+  bool hasDelegate() const { return !delegate_.expired(); }
+  bool isForDelegate(const std::shared_ptr<DCDocumentManagerDelegate>& delegate) const {
+    return !delegate_.owner_before(delegate) && !delegate.owner_before(delegate_);
+  }
   const std::shared_ptr<SerialQueue>& queue() const { return queue_; }
   const DCCachedItem::Ptr& item() const { return item_; }
   // The item that is at the registration's path now.

@@ -8,11 +8,16 @@
 #include "Client/Client/DCDownloadManager.h"
 #include "Client/Client/DCRemoteDocumentManager.h"
 #include "Client/Client/DCUploadManager.h"
+#include "common/FVFBackOff.h"
 #include "common/FVFDispatchQueue.h"
+#include "platform/Clock.h"
 #include "platform/CompletionHandler.h"
+#include "platform/FileCoordinator.h"
+#include "platform/NotificationCenter.h"
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -76,6 +81,9 @@ class DCDocumentManager : public DCConnectivityTrackerDelegate, public std::enab
   void contentsOfDirectoryAtPath(const std::string& path, ContentsOfDirectoryHandler completionHandler);
   // The next stale listing is answered only after its refresh, with the fresh one.
   void _synchronousNextContentsOfDirectory();
+  // Asks the server for the item whatever its age, and succeeds when the cache holds the answer, or when what the cache
+  // holds is not the server's to replace (unsent bytes). For callers that insist on a fresh answer.
+  void refreshItemAtPath(const std::string& path, ErrorHandler completionHandler);
   // At once, from the cache; a stale item's parent is refreshed.
   void attributesOfItemAtPath(const std::string& path, AttributesHandler completionHandler);
   // After a refresh where one is needed. Without the server the last local copy, state 2; no local copy either: no URL
@@ -202,16 +210,47 @@ class DCDocumentManager : public DCConnectivityTrackerDelegate, public std::enab
   void _uploadItem(const DCCachedItem::Ptr& item, ErrorHandler completionHandler);
   void _startUploadingFile(const DCCachedFile::Ptr& file, ErrorHandler completionHandler);
 
-  // Watching (DCDocumentManager+Watching.cpp).
+  // Watching (DCDocumentManager+Watching.cpp, +Updates.cpp).
+  // Also after every listing that was taken in: registrations find items that took the place of theirs.
   void _adjustFetchingUpdatesIfNecessary();
   void _startFetchingUpdates();
   void _finishFetchingUpdates();
+  // Whether a request is open by which a change on the server would be heard of.
+  bool _isFetchingUpdates() const;
   void _didUpdateVersionIdentifier(const std::optional<Data>& versionIdentifier,
                                    const std::optional<Data>& forDocumentIdentifier);
+  void _registerDelegate(const DelegatePtr& delegate, const std::shared_ptr<SerialQueue>& queue,
+                         const std::string& path);
+  void _watchItemOfState(DCDelegateState& state, DCVersionIdentifiers& watched);
+  DCCachedItem::Ptr _itemReplacingItemOfState(DCDelegateState& state);
+  void _openWatch(std::uint64_t number);
+  void _watchDidEnd(std::uint64_t number, const OptionalError& error);
+  void _watchDidReport(std::uint64_t number, const Data& documentIdentifier, const Data& versionIdentifier);
+  void _watchDidAnswer(std::uint64_t number);
+  void _reopenWatchIfWaiting();
+  void _setWatchTimer();
+  void _watchTimerDidFire();
+  void _observeLogins();
+  void _loginMayHaveChanged();
+  void _documentsAreGone(const std::set<Data>& documentIdentifiers);
+  void _tellDelegatesOfFailedSignIn(const Error& error);
+  void _updateItem(const DCCachedItem::Ptr& item, const Data& versionIdentifier);
+  void _continueUpdate(const Data& documentIdentifier);
+  void _didDownloadUpdate(const Data& documentIdentifier, const OptionalError& error);
+  void _retryUpdates();
+  void _setUpdateTimer();
+  // As refreshItemAtPath.
+  void _refreshItem(const DCCachedItem::Ptr& item, ErrorHandler completionHandler);
 
   // Maintenance (DCDocumentManager+Maintenance.cpp).
   static void _deleteAllContent();
+  // False when nothing was there or it could not be removed.
+  static bool _synchronouslyRemoveItemAtURL(const URL& url, const FileCoordinator& withFileCoordinator);
   void _rebuildItemWithRelativePath(const DCRelativePath::Ptr& relativePath, const Dictionary& parentDirectoryMetadata);
+  void _rebuildDatabase();
+  // To be called once a manager, before anything else is submitted: a rebuild that was cut short is done again.
+  void _finishInterruptedRebuild();
+  void _forgetItems();
 
   const std::shared_ptr<DCService> service_;
   std::shared_ptr<FVFDispatchQueue> queue_;
@@ -222,7 +261,29 @@ class DCDocumentManager : public DCConnectivityTrackerDelegate, public std::enab
   mutable std::recursive_mutex mutex_;  // guards what follows; changed on callers' threads
   std::shared_ptr<SerialQueue> completionHandlerQueue_;
   std::unordered_map<std::string, DCDelegateState::Ptr> delegateStates_;
+  // The pairs that the server was asked about, in step with its answers.
   std::optional<DCVersionIdentifiers> watchedDocumentIdentifiersAndVersionIdentifiers_;
+  std::uint64_t watchNumber_ = 0;  // tells the opening in force from those of the past
+  bool watchIsOpen_ = false;
+  bool isSecondSignIn_ = false;                       // the watch was opened because a cookie had been refused
+  std::optional<std::uint64_t> watchNumberWhenLost_;  // the opening in force when the connection was lost
+  std::set<Data> answeredDocumentIdentifiers_;        // of the answer that is being told
+  std::set<Data> goneDocumentIdentifiers_;            // not watched until their parents have been listed
+  std::optional<Secret> cookieOfLastWatch_;
+  FVFBackOff watchBackOff_;
+  std::unique_ptr<Timer> watchTimer_;
+  std::unique_ptr<NotificationCenter::Observation> loginObservation_;
+
+  // Reported versions that the cache does not hold yet. On the queue.
+  struct Update {
+    DCCachedItem::Ptr item;
+    Data versionIdentifier;
+    bool isDownloading = false;
+    int attempts = 0;
+  };
+  std::map<Data, Update> updates_;
+  FVFBackOff updateBackOff_;
+  std::unique_ptr<Timer> updateTimer_;
 };
 
 }  // namespace florvane
