@@ -66,6 +66,7 @@ class DCDocumentManager : public DCConnectivityTrackerDelegate, public std::enab
   // On whose behalf this process works with the cache (application, file provider, ...); before the first manager is
   // made. An absent one throws ObjectNotAvailableException.
   static void setPurposeIdentifier(const std::optional<std::string>& purposeIdentifier);
+  static std::optional<std::string> purposeIdentifier();
   // The one manager of the service. The first call in the process checks the data version and may wipe old data.
   static Ptr documentManagerForService(const std::shared_ptr<DCService>& service);
   ~DCDocumentManager() override;
@@ -248,6 +249,9 @@ class DCDocumentManager : public DCConnectivityTrackerDelegate, public std::enab
   static bool _synchronouslyRemoveItemAtURL(const URL& url, const FileCoordinator& withFileCoordinator);
   void _rebuildItemWithRelativePath(const DCRelativePath::Ptr& relativePath, const Dictionary& parentDirectoryMetadata);
   void _rebuildDatabase();
+  void _rebuildFile(const DCCachedFile::Ptr& file, const Dictionary& remoteMetadata);
+  void _rebuildDirectory(const DCCachedDirectory::Ptr& directory, const Dictionary& remoteMetadata);
+  void _queueStagedFiles();
   // To be called once a manager, before anything else is submitted: a rebuild that was cut short is done again.
   void _finishInterruptedRebuild();
   void _forgetItems();
@@ -282,6 +286,8 @@ class DCDocumentManager : public DCConnectivityTrackerDelegate, public std::enab
     int attempts = 0;
   };
   std::map<Data, Update> updates_;
+  // While a rebuild runs: what the old store knew of the files' generations, by document identifier.
+  std::unordered_map<std::string, Dictionary> rebuildExchanges_;
   FVFBackOff updateBackOff_;
   std::unique_ptr<Timer> updateTimer_;
 };

@@ -188,11 +188,11 @@ Result<std::string> DCUnsentFiles::recoverFile(const DCUnsentFile& file, Date da
   }
 }
 
-Result<std::vector<std::string>> DCUnsentFiles::recoverFilesOfService(const std::shared_ptr<DCService>& service,
-                                                                      DCDatabase& database) {
+Result<std::vector<std::string>> DCUnsentFiles::recoverFiles(const std::vector<DCUnsentFile>& files, Date date) {
   std::vector<std::string> recovered;
-  for (const auto& file : unsentFilesOfService(service, database)) {
-    auto path = recoverFile(file, service->clock().now());
+  recovered.reserve(files.size());
+  for (const auto& file : files) {
+    auto path = recoverFile(file, date);
     if (!path) {
       DCLogError("Unable to keep '%@', which was never sent: %@", file.filePath, path.error());
       return Failure(path.error());

@@ -29,9 +29,8 @@ class DCUnsentFiles {
   // in the log; the path where it lies now. Both names are on stable storage on return. An error leaves it where it
   // was.
   static Result<std::string> recoverFile(const DCUnsentFile& file, Date date);
-  // All of them; the first error ends it. Fine when there are none.
-  static Result<std::vector<std::string>> recoverFilesOfService(const std::shared_ptr<DCService>& service,
-                                                                DCDatabase& database);
+  // Each of them; the first error ends it. Fine when there are none.
+  static Result<std::vector<std::string>> recoverFiles(const std::vector<DCUnsentFile>& files, Date date);
   // "Recovered" of the container; absent without one.
   static std::optional<std::string> directory();
 };

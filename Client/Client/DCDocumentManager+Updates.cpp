@@ -1,0 +1,218 @@
+#include "Client/Client/DCDocumentManager.h"
+#include "Client/Client/DCError.h"
+#include "Client/Client/DCLog.h"
+
+#include <algorithm>
+#include <memory>
+#include <utility>
+
+namespace florvane {
+
+namespace {
+
+constexpr char kSource[] = "Client/Client/DCDocumentManager";
+constexpr Duration kLeeway = std::chrono::milliseconds(50);
+// A download that follows a report may be judged unnecessary, and the next may join one that was asked for before the
+// report; the third says what the server has now.
+constexpr int kAttemptsAtOnce = 3;
+constexpr std::int64_t kNoSuchItem = 11;
+
+using Items = std::vector<DCCachedItem::Ptr>;
+
+void addOnce(Items& items, const DCCachedItem::Ptr& item) {
+  if (item && std::find(items.begin(), items.end(), item) == items.end()) items.push_back(item);
+}
+
+bool saysThatItIsGone(const Error& error) {
+  return error.is(URLErrorDomain, 404) || pc_isDCErrorWithCode(error, kNoSuchItem);
+}
+
+}  // namespace
+
+void DCDocumentManager::_didUpdateVersionIdentifier(const std::optional<Data>& versionIdentifier,
+                                                    const std::optional<Data>& forDocumentIdentifier) {
+  DCLogTrace("-[DCDocumentManager _didUpdateVersionIdentifier:forDocumentIdentifier:]",
+             {{"versionIdentifier", versionIdentifier}, {"documentIdentifier", forDocumentIdentifier}});
+  queue_->checkIsCurrent(kSource, __LINE__);
+  if (!versionIdentifier || !forDocumentIdentifier) return;
+  // Looked up once, not once a registration.
+  const Items items = DCCachedItemManager::itemsWithDocumentIdentifier(*forDocumentIdentifier, service_);
+  Items targets;
+  {
+    std::lock_guard lock(mutex_);
+    for (const auto& [path, state] : delegateStates_) {
+      auto item = state->item();
+      DCCachedItem::Ptr target;
+      if (item->documentIdentifier() == forDocumentIdentifier) {
+        target = item;
+      } else if (auto directory = std::dynamic_pointer_cast<DCCachedDirectory>(item)) {
+        for (const auto& each : items) {
+          bool isChildDirectory = std::dynamic_pointer_cast<DCCachedDirectory>(each) && each->parent() == directory;
+          if (isChildDirectory) target = each;
+        }
+      }
+      if (!target) continue;
+      state->setWatchedVersionIdentifier(versionIdentifier);
+      addOnce(targets, target);
+    }
+    // A folder that is watched for something that is to come below it.
+    if (targets.empty() && watchedDocumentIdentifiersAndVersionIdentifiers_ &&
+        watchedDocumentIdentifiersAndVersionIdentifiers_->contains(*forDocumentIdentifier)) {
+      for (const auto& each : items) addOnce(targets, each);
+    }
+  }
+  for (const auto& target : targets) {
+    if (target->versionIdentifier() != versionIdentifier) _updateItem(target, *versionIdentifier);
+  }
+}
+
+// From a reported version to a cached one
+
+void DCDocumentManager::_updateItem(const DCCachedItem::Ptr& item, const Data& versionIdentifier) {
+  auto identifier = item->documentIdentifier();
+  if (!identifier) return;
+  Update& update = updates_[*identifier];
+  update.item = item;
+  update.versionIdentifier = versionIdentifier;
+  update.attempts = 0;
+  _continueUpdate(*identifier);
+}
+
+void DCDocumentManager::_continueUpdate(const Data& documentIdentifier) {
+  auto found = updates_.find(documentIdentifier);
+  if (found == updates_.end() || found->second.isDownloading) return;
+  Update& update = found->second;
+  if (update.item->hasBeenRemoved() || update.item->versionIdentifier() == update.versionIdentifier) {
+    updates_.erase(found);
+    return;
+  }
+  update.isDownloading = true;
+  auto item = update.item;
+  auto completionHandler = [weak = weak_from_this(), documentIdentifier](const OptionalError& error) {
+    if (auto self = weak.lock()) self->_didDownloadUpdate(documentIdentifier, error);
+  };
+  // Nothing of the update is touched after this: the handler may have run by then.
+  if (update.attempts++ == 0) {
+    _downloadItem(item, completionHandler);
+  } else {
+    _refreshItem(item, completionHandler);
+  }
+}
+
+void DCDocumentManager::_didDownloadUpdate(const Data& documentIdentifier, const OptionalError& error) {
+  auto found = updates_.find(documentIdentifier);
+  if (found == updates_.end()) return;
+  Update& update = found->second;
+  update.isDownloading = false;
+  bool agrees = update.item->versionIdentifier() == update.versionIdentifier;
+  if (agrees || update.item->hasBeenRemoved()) {
+    updates_.erase(found);
+    if (updates_.empty()) updateBackOff_.reset();
+    _adjustFetchingUpdatesIfNecessary();
+  } else if (error && saysThatItIsGone(*error)) {
+    updates_.erase(found);
+    _documentsAreGone({documentIdentifier});
+  } else if (update.item->isUnsent()) {
+    // The local bytes are newer than anything known; when they have been sent the server says what it has.
+    updates_.erase(found);
+  } else if (!error && update.attempts < kAttemptsAtOnce) {
+    _continueUpdate(documentIdentifier);
+  } else {
+    _setUpdateTimer();
+  }
+}
+
+void DCDocumentManager::_setUpdateTimer() {
+  std::lock_guard lock(mutex_);
+  if (updateTimer_) return;
+  Clock& clock = service_->clock();
+  updateTimer_ =
+      clock.schedule(clock.monotonicNow() + updateBackOff_.next(), kLeeway, [weak = weak_from_this(), queue = queue_] {
+        queue->dispatchAsynchronousBlock([weak] {
+          if (auto self = weak.lock()) self->_retryUpdates();
+        });
+      });
+}
+
+void DCDocumentManager::_retryUpdates() {
+  queue_->checkIsCurrent(kSource, __LINE__);
+  {
+    std::lock_guard lock(mutex_);
+    updateTimer_.reset();
+  }
+  std::vector<Data> identifiers;
+  identifiers.reserve(updates_.size());
+  for (auto& [identifier, update] : updates_) {
+    update.attempts = 1;  // asked for whatever the item's age
+    identifiers.push_back(identifier);
+  }
+  for (const auto& identifier : identifiers) _continueUpdate(identifier);
+}
+
+void DCDocumentManager::_documentsAreGone(const std::set<Data>& documentIdentifiers) {
+  Items parents;
+  for (const auto& identifier : documentIdentifiers) {
+    for (const auto& item : DCCachedItemManager::itemsWithDocumentIdentifier(identifier, service_)) {
+      addOnce(parents, item->parent());
+    }
+  }
+  {
+    std::lock_guard lock(mutex_);
+    goneDocumentIdentifiers_.insert(documentIdentifiers.begin(), documentIdentifiers.end());
+    _adjustFetchingUpdatesIfNecessary();
+    // Looks again at what the listings still name.
+    _setWatchTimer();
+  }
+  for (const auto& parent : parents) {
+    auto identifier = parent->documentIdentifier();
+    _refreshItem(parent, [weak = weak_from_this(), identifier, isRoot = parent->isRoot()](const OptionalError& error) {
+      auto self = weak.lock();
+      if (!self) return;
+      if (error && identifier && !isRoot && saysThatItIsGone(*error)) {
+        self->_documentsAreGone({*identifier});
+      } else {
+        self->_adjustFetchingUpdatesIfNecessary();
+      }
+    });
+  }
+}
+
+// Refreshing whatever the age
+
+void DCDocumentManager::_refreshItem(const DCCachedItem::Ptr& item, ErrorHandler completionHandler) {
+  DCLogTrace("-[DCDocumentManager _refreshItem:completionHandler:]", {{"item", item}});
+  auto uploadManager = DCUploadManager::uploadManagerForService(service_);
+  bool isUnsent = false;
+  {
+    // No upload starts or ends between the tests and the start of the download.
+    std::lock_guard lock(uploadManager->lock());
+    auto file = std::dynamic_pointer_cast<DCCachedFile>(item);
+    isUnsent = file && (uploadManager->isUploadingFile(*file) || file->isUnsent());
+    if (!isUnsent) _startDownloadItem(item, std::move(completionHandler));
+  }
+  if (isUnsent && completionHandler) completionHandler(std::nullopt);
+}
+
+void DCDocumentManager::refreshItemAtPath(const std::string& path, ErrorHandler completionHandler) {
+  static constexpr char function[] = "-[DCDocumentManager refreshItemAtPath:completionHandler:]";
+  DCLogTrace(function, {{"path", path}});
+  // Queued work is copied nowhere, but what a request stores is.
+  auto userHandler = std::make_shared<ErrorHandler>(std::move(completionHandler));
+  queue_->dispatchAsynchronousBlock([self = shared_from_this(), path, userHandler] {
+    auto checks = self->_performPreOperationChecksWithPath(path, ItemClass::Any, true);
+    self->_logFunction(function, path, checks.item, checks.relativePath);
+    auto settle = [self, userHandler](const OptionalError& error) {
+      if (!*userHandler) return;
+      DCLogCallback(DCLogLevelDebug, "%@: Calling completion handler %@ at %s:%u", *self,
+                    baseDescription("Block", userHandler.get()), function, __LINE__);
+      self->completionHandlerQueue()->async([userHandler, error] { (*userHandler)(error); });
+    };
+    if (checks.error) {
+      settle(checks.error);
+    } else {
+      self->_refreshItem(checks.item, settle);
+    }
+  });
+}
+
+}  // namespace florvane
