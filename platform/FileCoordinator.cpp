@@ -22,8 +22,6 @@ namespace {
 constexpr char kLockFile[] = "/Coordination.lock";
 constexpr char kTemporaryFolder[] = "/tmp";
 constexpr char kCopyPrefix[] = "reading-";
-constexpr std::size_t kPieceSize = std::size_t{256} * 1024;
-constexpr std::size_t kKernelPieceSize = std::size_t{1} << 30U;
 
 CoordinatedItem::Access accessFor(FileCoordinatorWritingOptions options) {
   return options == FileCoordinatorWritingOptions::None ? CoordinatedItem::Access::Write
@@ -33,25 +31,6 @@ CoordinatedItem::Access accessFor(FileCoordinatorWritingOptions options) {
 bool isThere(const std::string& path) {
   struct stat status{};
   return lstat(path.c_str(), &status) == 0;
-}
-
-// The rest of one file into another, inside the kernel where it can.
-Result<void> copyContents(int source, int target, const std::string& sourcePath, const std::string& targetPath) {
-  for (;;) {
-    ssize_t count = copy_file_range(source, nullptr, target, nullptr, kKernelPieceSize, 0);
-    if (count == 0) break;  // some file systems say so without having copied: what is left shows below
-    if (count < 0 && errno == ENOSPC) return Failure(Error::fileWrite(errno, targetPath));
-    if (count < 0 && errno != EINTR) break;
-  }
-  std::vector<std::uint8_t> piece(kPieceSize);
-  for (;;) {
-    ssize_t count = read(source, piece.data(), piece.size());
-    if (count < 0 && errno == EINTR) continue;
-    if (count < 0) return Failure(Error::fileRead(errno, sourcePath));
-    if (count == 0) return {};
-    auto written = writeAll(target, {piece.data(), static_cast<std::size_t>(count)}, targetPath);
-    if (!written) return written;
-  }
 }
 
 // A copy that goes when this goes, if it is still there.

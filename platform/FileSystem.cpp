@@ -21,6 +21,8 @@ namespace {
 
 constexpr std::string_view kTemporaryPrefix = ".florvane-tmp-";
 constexpr time_t kAbandonedAge = 60L * 60;  // seconds
+constexpr std::size_t kPieceSize = std::size_t{256} * 1024;
+constexpr std::size_t kKernelPieceSize = std::size_t{1} << 30U;
 constexpr int kOpenDirectory = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
 
 std::string folderOf(const std::string& path) {
@@ -269,6 +271,24 @@ Result<void> writeAll(int descriptor, std::span<const std::uint8_t> bytes, std::
     }
   }
   return {};
+}
+
+Result<void> copyContents(int source, int target, std::string_view sourcePath, std::string_view targetPath) {
+  for (;;) {
+    ssize_t count = copy_file_range(source, nullptr, target, nullptr, kKernelPieceSize, 0);
+    if (count == 0) break;  // some file systems say so without having copied: what is left shows below
+    if (count < 0 && errno == ENOSPC) return Failure(Error::fileWrite(errno, targetPath));
+    if (count < 0 && errno != EINTR) break;
+  }
+  std::vector<std::uint8_t> piece(kPieceSize);
+  for (;;) {
+    ssize_t count = read(source, piece.data(), piece.size());
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0) return Failure(Error::fileRead(errno, sourcePath));
+    if (count == 0) return {};
+    auto written = writeAll(target, {piece.data(), static_cast<std::size_t>(count)}, targetPath);
+    if (!written) return written;
+  }
 }
 
 Result<void> writeFileAtomically(const std::string& path, const Data& bytes, mode_t mode, bool sync,

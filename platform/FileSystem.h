@@ -43,6 +43,8 @@ Result<FileDescriptor> openFile(const std::string& path, int flags, mode_t mode 
 Result<Data> readFile(const std::string& path, std::uint64_t limit = kWholeFile);
 // The rest of an open file, likewise; the path is for the error.
 Result<Data> readAll(int descriptor, std::string_view path, std::uint64_t limit = kWholeFile);
+// The rest of one open file into another, inside the kernel where it can; the paths are for the error.
+Result<void> copyContents(int source, int target, std::string_view sourcePath, std::string_view targetPath);
 // Writes a temporary beside the path, gives it exactly that mode and, when one is given, that modification time, and
 // renames it into place; a symbolic link there is replaced, not followed. With `sync`, file and folder are on stable
 // storage on return. A temporary that a killed writer left in the folder is removed once it is an hour old.

@@ -148,6 +148,17 @@ Result<std::optional<Data>> generationCounterOfItem(const std::string& path) {
   return encode(*dated);
 }
 
+Result<std::optional<Data>> generationCounterOfItemDated(const std::string& path, Date date) {
+  struct statfs fileSystem{};
+  struct stat status{};
+  if (stat(path.c_str(), &status) != 0 || statfs(path.c_str(), &fileSystem) != 0) {
+    return Failure(Error::fileRead(errno, path));
+  }
+  if (!keepsFineDates(fileSystem) || !hasFraction(status)) return std::nullopt;
+  status.st_mtim = date.toTimespec();
+  return encode(status);
+}
+
 void addGenerationFolder(const std::string& folder) {
   auto resolved = realPath(folder).value_or(folder);
   auto& folders = addedFolders();

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "platform/Data.h"
+#include "platform/Date.h"
 #include "platform/Error.h"
 
 #include <optional>
@@ -22,6 +23,10 @@ namespace florvane {
 // afterwards: they are then never older than it. Elsewhere files are never touched, and two writes of one tick look
 // alike on kernels that date by ticks.
 Result<std::optional<Data>> generationCounterOfItem(const std::string& path);
+
+// The counter that the item, once given that modification date, will have; nothing is changed. Errors and absence as
+// above.
+Result<std::optional<Data>> generationCounterOfItemDated(const std::string& path, Date date);
 
 // Another folder whose files are ours to date: for a cache outside the container. Thread-safe.
 void addGenerationFolder(const std::string& folder);

@@ -29,6 +29,18 @@ std::string folderExpression(const std::string& column) {
   return "rtrim(" + column + ", replace(" + column + ", '/', ''))";
 }
 
+// The condition, whose values are added to those that are bound.
+std::string below(const ManagedEntity& entity, const ManagedObjectFetch::Below& below, std::vector<Value>& bound) {
+  const std::string column = quoted(entity.attributes[below.attribute].name);
+  bound.emplace_back(below.prefix);
+  if (below.onlyChildren) return folderExpression(column) + " = ? AND " + column + " <> ''";
+  std::string text = column + " > ?";
+  if (below.prefix.empty()) return text;
+  // '0' follows '/'.
+  bound.emplace_back(below.prefix.substr(0, below.prefix.size() - 1) + "0");
+  return text + " AND " + column + " < ?";
+}
+
 }  // namespace
 
 std::shared_ptr<ManagedObjectContext> ManagedObjectContext::create(const ManagedObjectModel& model,
@@ -128,6 +140,12 @@ void ManagedObjectContext::noteOtherProcesses() {
   dataVersion_ = *version;
 }
 
+void ManagedObjectContext::noteChangesOfOthers() {
+  performAndWait([&] {
+    if (transactionDepth_ == 0 && usableStore()) noteOtherProcesses();
+  });
+}
+
 Result<void> ManagedObjectContext::replaceDamagedStore(const Error& error) {
   auto replaced = SQLiteStore::replaceDamagedStore(*options_, error, *store_);
   if (!replaced) return replaced;
@@ -170,20 +188,12 @@ std::vector<ManagedObjectContext::Row> ManagedObjectContext::rows(const ManagedO
     text += " AND " + quoted(entity.attributes[attribute].name) + " = ?";
     bound.push_back(value);
   }
-  if (fetch.below) {
-    const std::string column = quoted(entity.attributes[fetch.below->attribute].name);
-    if (fetch.below->onlyChildren) {
-      text += " AND " + folderExpression(column) + " = ? AND " + column + " <> ''";
-      bound.emplace_back(fetch.below->prefix);
-    } else {
-      text += " AND " + column + " > ?";
-      bound.emplace_back(fetch.below->prefix);
-      if (!fetch.below->prefix.empty()) {
-        // '0' follows '/'.
-        text += " AND " + column + " < ?";
-        bound.emplace_back(fetch.below->prefix.substr(0, fetch.below->prefix.size() - 1) + "0");
-      }
-    }
+  if (fetch.below) text += " AND " + below(entity, *fetch.below, bound);
+  if (fetch.joined) {
+    const ManagedEntity& other = model_.entities[fetch.joined->entity];
+    text += " AND " + quoted(entity.attributes[fetch.joined->attribute].name) + " IN (SELECT " +
+            quoted(other.attributes[fetch.joined->entityAttribute].name) + " FROM " + quoted(other.name) + " WHERE " +
+            below(other, fetch.joined->below, bound) + ")";
   }
   if (fetch.newestFirstBy && columns != "count(*)") {
     text += " ORDER BY " + quoted(entity.attributes[*fetch.newestFirstBy].name) + " DESC";

@@ -34,6 +34,15 @@ struct ManagedObjectFetch {
     bool onlyChildren = false;
   };
   std::optional<Below> below;
+  // The attribute is that of some record of another entity which lies below a folder as above. Unsaved objects are all
+  // found, whatever they hold.
+  struct Joined {
+    std::size_t attribute = 0;
+    std::size_t entity = 0;
+    std::size_t entityAttribute = 0;
+    Below below;
+  };
+  std::optional<Joined> joined;
   std::optional<std::size_t> newestFirstBy;
   std::size_t limit = 0;  // 0: all
 };
@@ -81,6 +90,10 @@ class ManagedObjectContext : public std::enable_shared_from_this<ManagedObjectCo
   // Back to what was saved last.
   void rollback();
   bool hasChanges() const;
+  // Looks whether other processes have changed the store; a fetch does so, too.
+  void noteChangesOfOthers();
+  // Rises when another process may have changed the store since the last look, and when the store is opened anew.
+  std::uint64_t storeVersion() const { return version_.load(); }
 
   ObjectPtr insert(std::size_t entity);
   void deleteObject(const ObjectPtr& object);
