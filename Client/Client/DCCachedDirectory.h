@@ -24,7 +24,7 @@ class DCCachedDirectory : public DCCachedItem {
   // The same with its indexes; null when there is no listing. Parsed once for as long as the file on disk stays the
   // same.
   DCDirectoryContents::Ptr directoryContents() const;
-  // Files below this directory that have an upload record.
+  // The direct children that have an upload record.
   std::vector<std::shared_ptr<DCCachedFile>> localItems() const;
   // Writable, not readable, and no package.
   bool isDropBox() const;
@@ -33,6 +33,18 @@ class DCCachedDirectory : public DCCachedItem {
       const DCRelativePath::Ptr& childRelativePath) const;
 
   std::string className() const override { return "DCCachedDirectory"; }
+  DCFullPath::Ptr _contentsFullPath() const override;
+  DCFullPath::Ptr _directoryPath() const;
+  std::optional<Data> _localGenerationIdentifier() const override;
+  DCFullPath::Ptr _localGenerationIdentifierFullPath() const override;
+
+ protected:
+  std::optional<std::string> contentsPath() const override;
+  std::string contentsPathForDocumentIdentifier(const Data& documentIdentifier) const override;
+  std::optional<Dictionary> _fileSystemMetadataWithoutNeedingLocking() const override;
+
+ private:
+  static DCDirectoryContents::Ptr _contentsWithFixedConstantsFromContentsPropertyListData(const Data& data);
 };
 
 }  // namespace florvane

@@ -11,6 +11,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <span>
 #include <string>
@@ -58,6 +59,8 @@ enum DCCachedItemOrder : std::int64_t {
   DCCachedItemOrderLocalIsOlder = 3,
 };
 
+struct DCCachedItemEnvironment;
+
 // The local record of one item of a service's tree: root, directory, file or thumbnail. Obtained from the
 // DCCachedItemManager only, one object a relative path. Ties together where the item is (relative path), which document
 // it is (identifier), what the server last said of it (remote metadata, a property list on disk), what is kept of it
@@ -66,8 +69,10 @@ enum DCCachedItemOrder : std::int64_t {
 class DCCachedItem : public std::enable_shared_from_this<DCCachedItem> {
  public:
   using Ptr = std::shared_ptr<DCCachedItem>;
+  using EnvironmentPtr = std::shared_ptr<DCCachedItemEnvironment>;
 
   explicit DCCachedItem(DCRelativePath::Ptr relativePath);
+  DCCachedItem(DCRelativePath::Ptr relativePath, EnvironmentPtr environment);
   virtual ~DCCachedItem();
   DCCachedItem(const DCCachedItem&) = delete;
   DCCachedItem& operator=(const DCCachedItem&) = delete;
@@ -77,11 +82,13 @@ class DCCachedItem : public std::enable_shared_from_this<DCCachedItem> {
   void setService(std::shared_ptr<DCService> service);
   // Null, with a soft assertion, when the item has neither an identifier nor an upload record.
   virtual DCFullPath::Ptr fullPath() const;
-  // Absent until the server has given one.
-  std::optional<Data> documentIdentifier() const;
+  // The same without the assertion: a file that is just being written for the first time has none.
+  DCFullPath::Ptr fullPathIfKnown() const;
+  // Absent until the server has given one. An item that was removed keeps the one that it had.
+  virtual std::optional<Data> documentIdentifier() const;
   std::optional<Data> versionIdentifier() const;
   // Null for the root.
-  std::shared_ptr<DCCachedDirectory> parent() const;
+  virtual std::shared_ptr<DCCachedDirectory> parent() const;
   bool isRoot() const;
   bool existsOnDisk() const;
   bool existsOnServer() const;
@@ -94,25 +101,36 @@ class DCCachedItem : public std::enable_shared_from_this<DCCachedItem> {
   virtual std::optional<Dictionary> parentContentsMetadata() const;
   // Null when nothing was recorded.
   std::shared_ptr<DCManagedOtherMetadata> managedOtherMetadata() const;
+  // Of the local file, without the rest of what is known of it; one look at it.
+  std::optional<Date> localContentModificationDate() const;
 
+  // The version on which local contents are based; outlives the remote metadata.
   std::optional<Data> lastRemoteMetadataVersionIdentifier() const;
   std::optional<Date> lastRemoteMetadataUpdate() const;
   std::optional<Date> lastDownloadDate() const;
+  // The setters change nothing of an item that was removed.
   void setLastDownloadDate(const std::optional<Date>& date);
   std::optional<Date> lastUploadDate() const;
   void setLastUploadDate(const std::optional<Date>& date);
 
-  // Takes in an answer of the server: identifier, name (which may move the item), metadata, contents. Throws
-  // InternalInconsistencyException "Document identifier %@ has changed for '%@'" when it is another document's.
-  // Failures of the disk are logged and leave what was there.
-  void updateItemFromResponseContainer(const FVFResponseContainer& responseContainer);
-  // False when the item has a different one already.
-  bool updateDocumentIdentifier(const std::optional<Data>& documentIdentifier);
+  // Takes in an answer of the server: identifier, name (which may move the item), metadata, contents. False when it was
+  // not taken: for want of an identifier, because the contents are unsent or the item was removed (all logged), or the
+  // disk failed, which is logged and leaves what was there. Throws InternalInconsistencyException "Document identifier
+  // %@ has changed for '%@'" when it is another document's.
+  bool updateItemFromResponseContainer(const FVFResponseContainer& responseContainer);
+  // False when the item has a different one already. A new file that waits to be sent moves from its staging place.
+  virtual bool updateDocumentIdentifier(const std::optional<Data>& documentIdentifier);
   // Forgets what the server said of this version, so that the next request names none.
   void clearRemoteMetadata();
+  // Before the item is asked for: where the local contents are missing or not those of the remote metadata (a kill came
+  // between the two), that is forgotten, so that the answer cannot be "not modified".
+  void prepareForDownload();
+  // The server has gone back to an older date, or to another version of the same date: the local file is dated just
+  // before the item's entry, so that it counts as older. Nothing happens to contents that are unsent.
+  void markContentsStale();
 
-  DCCachedItemOrder relativeAge() const;
-  bool isUpToDate() const;
+  virtual DCCachedItemOrder relativeAge() const;
+  virtual bool isUpToDate() const;
   bool isRemoteMetadataUpToDate() const;
   bool isContentsUpToDate() const;
 
@@ -122,12 +140,12 @@ class DCCachedItem : public std::enable_shared_from_this<DCCachedItem> {
   bool hasBeenUploaded() const;
   bool needsInitialDownload() const;
   bool needsDownload() const;
-  bool needsInitialUpload() const;
-  bool needsUpload() const;
+  virtual bool needsInitialUpload() const;
+  virtual bool needsUpload() const;
   bool needsInitialSynchronization() const;
   // Whether the contents hold bytes that the server does not have: an upload that is due, or a generation other than
-  // the one recorded at the last exchange with the server.
-  bool isUnsent() const;
+  // those recorded at exchanges with the server.
+  virtual bool isUnsent() const;
 
   // The item manager's.
   void renameRelativePath(const DCRelativePath::Ptr& relativePath);
@@ -139,6 +157,86 @@ class DCCachedItem : public std::enable_shared_from_this<DCCachedItem> {
   std::optional<Dictionary> remoteMetadataFromDisk() const;
 
   virtual std::string className() const { return "DCCachedItem"; }
+
+  // What differs between kinds. The base class throws InternalInconsistencyException "Method must be implemented in
+  // subclass".
+  virtual DCFullPath::Ptr _contentsFullPath() const;
+  virtual std::optional<Data> _localGenerationIdentifier() const;
+  virtual DCFullPath::Ptr _localGenerationIdentifierFullPath() const;
+
+ protected:
+  friend class DCCachedItemManager;
+  // What an answer brings, once the item has taken its identifier and its name.
+  struct PreparedResponse {
+    Dictionary metadata;
+    Data documentIdentifier;
+    std::optional<Data> previousVersionIdentifier;
+    // To go back to when unsent contents turn up meanwhile.
+    std::optional<Data> previousBaseVersionIdentifier;
+  };
+  enum class Replacement : std::uint8_t {
+    WithServers,  // never of unsent contents; the new generation is recorded
+    WithSent,     // what an upload sent
+  };
+
+  std::unique_lock<std::recursive_mutex> lock() const;
+  DCDatabase& database() const;
+  std::string _pathsKeyString() const;
+  Data _dataKey() const;
+
+  // Whether the contents are somebody's document, which may be written here.
+  virtual bool keepsGenerations() const { return false; }
+
+  // Identity and places. Strings, since a look at a file needs no checked path; absent where fullPath() is.
+  virtual std::optional<std::string> contentsPath() const;
+  virtual std::string contentsPathForDocumentIdentifier(const Data& documentIdentifier) const;
+  std::string metadataFolder(const Data& documentIdentifier) const;
+
+  // Disk (DCCachedItem+Disk.cpp).
+  std::optional<Data> _contents() const;
+  // False when nothing was replaced.
+  Result<bool> _replaceFileWithURL(const URL& url, Replacement replacement);
+  Result<void> _replaceFileAtURL(const URL& url, const Data& data) const;
+  void _saveRootDocumentIdentifierOnDisk(const Data& documentIdentifier) const;
+  std::optional<Dictionary> _readDictionaryFromPath(const std::string& path) const;
+  bool _saveDictionary(const Dictionary& dictionary, const std::string& path,
+                       const std::optional<std::string>& previousVersionPath) const;
+  bool _saveRemoteMetadataOnDisk(const Dictionary& metadata, const Data& documentIdentifier,
+                                 const std::optional<Data>& previousVersionIdentifier);
+  void _clearRemoteMetadataOnDiskWithDocumentIdentifier(const Data& documentIdentifier,
+                                                        const std::optional<Data>& versionIdentifier);
+  // All versions of it.
+  void forgetRemoteMetadata();
+
+  // Metadata (DCCachedItem+Metadata.cpp).
+  virtual std::optional<Dictionary> _fileSystemMetadataWithoutNeedingLocking() const;
+  Dictionary _storedLocalMetadata() const;
+  void saveOtherMetadata(const Dictionary& values);
+  void setOtherMetadataDate(std::string_view key, const std::optional<Date>& date);
+  void _setRemoteMetadataWithoutNeedingLocking(const Dictionary& remoteMetadata);
+  void _saveLastUpdateGenerationIdentifier();
+  // Whether the generation is one that was recorded at an exchange with the server.
+  bool isKnownGeneration(const std::optional<Data>& generationIdentifier) const;
+  // Gives the contents another date without making them look written. An error when that failed.
+  Result<void> dateContents(Date date, std::string_view generationKey);
+  // The bytes of a new file go where its identifier says, and its upload record with them; false when there are none.
+  bool adoptStagedFile(const Data& documentIdentifier);
+  std::optional<PreparedResponse> _prepareForResponse(const FVFResponseContainer& responseContainer);
+  bool _storeResponse(const FVFResponseContainer& responseContainer, const PreparedResponse& response);
+  [[noreturn]] void throwDocumentIdentifierChanged(const Data& documentIdentifier) const;
+
+  const EnvironmentPtr environment_;
+
+ private:
+  // Remote metadata as read from a folder that looked so.
+  struct RemoteMetadata;
+
+  DCRelativePath::Ptr path_;
+  std::shared_ptr<DCService> service_;
+  bool hasBeenRemoved_ = false;
+  std::optional<Data> documentIdentifierWhenRemoved_;
+  mutable DCFullPath::Ptr lastFullPath_;
+  mutable std::unique_ptr<RemoteMetadata> remoteMetadata_;
 };
 
 }  // namespace florvane

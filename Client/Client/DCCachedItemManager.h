@@ -9,11 +9,15 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <unordered_map>
+#include <unordered_set>
+#include <utility>
 #include <vector>
 
 namespace florvane {
@@ -47,40 +51,142 @@ class DCCachedItemManager : public FilePresenter, public std::enable_shared_from
                                                        const std::string& sessionIdentifier,
                                                        const std::shared_ptr<DCService>& service);
 
+  // A manager besides the registered one, for what else works on the same container.
+  static Ptr managerWithService(std::shared_ptr<DCService> service, std::shared_ptr<DCDatabase> database);
+  ~DCCachedItemManager() override;
+
   const std::shared_ptr<DCService>& service() const;
   DCCachedDirectory::Ptr root() const;
   DCCachedDirectory::Ptr parentOfItem(const DCCachedItem& item) const;
 
+  // The same as the class operations, of this manager.
+  DCCachedItem::Ptr item(const DCRelativePath::Ptr& relativePath);
+  DCCachedDirectory::Ptr directory(const DCRelativePath::Ptr& relativePath);
+  DCCachedFile::Ptr file(const DCRelativePath::Ptr& relativePath);
+  std::optional<std::string> _fileResourceTypeAtRelativePath(const DCRelativePath::Ptr& relativePath);
+  DCCachedThumbnail::Ptr _thumbnailForUnderlyingItem(const DCCachedItem::Ptr& item);
+  std::vector<DCCachedItem::Ptr> itemsWithIdentifier(const Data& documentIdentifier);
+  DCCachedItem::Ptr itemWithIdentifier(const Data& documentIdentifier, const DCCachedDirectory::Ptr& parent);
+  // The item that somebody has asked for already; null when nobody has.
+  DCCachedItem::Ptr knownItem(std::string_view path) const;
+
+  // What is known of all children of a directory, with two queries: before one asks for each.
+  void prefetchChildrenOf(const DCCachedDirectory& directory);
+  // By identifier: the paths of the directory's children that the cache knows, parked ones among them.
+  std::unordered_map<Data, std::vector<std::string>, DataHash> childrenByDocumentIdentifier(
+      const DCCachedDirectory& directory);
+  // New children of a directory in one transaction: names and identifiers. For children that have no upload record and
+  // no other identifier (else DCCachedItem::updateDocumentIdentifier).
+  Result<void> recordChildren(const DCCachedDirectory& directory,
+                              const std::vector<std::pair<std::string, Data>>& documentIdentifiersByName);
+
   // The item, with its file, its records and everything that is remembered of what lies below it, goes to another
-  // path. Nothing happens when it is there already.
+  // path. Nothing happens when it is there already. Whoever is at the destination is parked beside it, under a name
+  // that no listing has, until its own entry moves it on or its vanishing removes it; a new file that waits there to be
+  // sent becomes the contents of the document instead. An item without identifier takes the one given.
   void moveItem(const DCCachedItem::Ptr& item, const std::optional<Data>& documentIdentifier,
                 const std::optional<Data>& versionIdentifier, const DCRelativePath::Ptr& toRelativePath);
+  static bool isParkedPath(std::string_view path);
   // The item goes from the cache, with what lies below it; file and metadata of a document only with its last path.
   // Bytes that were never sent are moved to the container's "Recovered" folder first.
   void removeItem(const DCCachedItem::Ptr& item);
+  // The object only: the next request makes a new one.
+  void forgetItem(const DCCachedItem::Ptr& item);
   // Not supported: a soft assertion.
   void evictItem(const DCCachedItem::Ptr& item);
   // Stores what the server answered for the item (DCCachedItem::updateItemFromResponseContainer), readers and writers
-  // in other processes kept out meanwhile.
-  void updateItem(const DCCachedItem::Ptr& item, const FVFResponseContainer& responseContainer);
+  // in other processes kept out meanwhile. False when it was not taken.
+  bool updateItem(const DCCachedItem::Ptr& item, const FVFResponseContainer& responseContainer);
+
+  // Hears that unsent bytes of a path were moved to a file of the "Recovered" folder; on the
+  // presentedItemOperationQueue.
+  using RecoveryHandler = std::function<void(const std::string& relativePath, const URL& recoveredURL)>;
+  void setRecoveryHandler(RecoveryHandler handler);
+  // An item's: moves the file there, when it holds bytes that the server does not have.
+  void recoverFileIfUnsent(const std::string& contentsPath, const Data& documentIdentifier,
+                           const DCRelativePath::Ptr& relativePath);
 
   // Throws InvalidArgumentException "Illegal to change purpose identifier: %@" for another one than before.
   void setPurposeIdentifier(const std::string& purposeIdentifier);
   // These three throw InvalidArgumentException "Invalid nil purpose identifier" when none is set. Errors as in
-  // FileCoordinator.h.
+  // FileCoordinator.h. Not to be called with the lock held.
   using Accessor = FileCoordinator::Accessor;
   Result<void> coordinateReadingItemAtURL(const URL& url, FileCoordinatorReadingOptions options,
                                           const Accessor& byAccessor);
   Result<void> coordinateWritingItemAtURL(const URL& url, FileCoordinatorWritingOptions options,
                                           const Accessor& byAccessor);
   // The accessor gets a stable copy of the file's contents at the temporary upload place of its path and generation,
-  // and that generation: the one that the original had before the copy was made.
+  // and that generation: the one that the original had before the copy was made. A file that is written all the time is
+  // an error (EBUSY as underlying one).
   using UploadAccessor = std::function<void(const URL& url, const Data& generationIdentifier)>;
   Result<void> coordinateReadingForUploadingItem(const DCCachedItem::Ptr& item, const UploadAccessor& byAccessor);
 
   // The service's document root.
   std::optional<URL> presentedItemURL() const override;
   std::shared_ptr<SerialQueue> presentedItemOperationQueue() const override;
+
+  const std::shared_ptr<DCCachedItemEnvironment>& environment() const { return environment_; }
+  std::string description() const;
+
+ private:
+  struct Private {};
+
+ public:
+  DCCachedItemManager(Private, std::shared_ptr<DCService> service, std::shared_ptr<DCDatabase> database);
+
+ private:
+  enum class ItemClass : std::uint8_t { Directory, File };
+  // Registered items by path, so that those below a folder stand together.
+  using Items = std::map<std::string, DCCachedItem::Ptr, std::less<>>;
+  // A path that goes, and what may go with it.
+  struct Removal {
+    DCRelativePath::Ptr path;
+    std::optional<Data> documentIdentifier;
+    DCCachedItem::Ptr item;  // null when nobody has asked for it
+    bool isLastPath = true;  // of its document
+  };
+  struct FileMove {
+    std::string from, to;
+    bool keepsOld = false;  // another path of the document has that name
+  };
+
+  static Ptr _initWithService(const std::shared_ptr<DCService>& service);
+  std::unique_lock<std::recursive_mutex> lock() const;
+  DCDatabase& database() const;
+  DCCachedItem::Ptr _itemAtRelativePath(const DCRelativePath::Ptr& relativePath, ItemClass itemClass,
+                                        const std::optional<std::string>& itemType);
+  FileCoordinator coordinator() const;
+
+  // Moving (DCCachedItemManager+Moving.cpp).
+  bool makeRoom(const DCCachedItem::Ptr& item, const DCRelativePath::Ptr& toRelativePath);
+  void giveDocumentToStagedFile(const DCCachedItem::Ptr& item, const DCRelativePath::Ptr& path);
+  void movePath(const std::string& from, const DCRelativePath::Ptr& to);
+  std::vector<FileMove> linkFiles(const Data& documentIdentifier, const std::string& from,
+                                  const DCRelativePath::Ptr& to);
+  void moveRecords(const std::string& from, const std::string& to, const std::optional<Data>& documentIdentifier,
+                   const std::vector<FileMove>& moves);
+  void moveStagedFiles(const std::string& to);
+  void moveRegistered(const std::string& from, const std::string& to);
+  void moveFile(const FileMove& move);
+
+  // Removing (DCCachedItemManager+Removing.cpp).
+  std::vector<Removal> takeOut(const DCCachedItem::Ptr& item);
+  Result<void> removeFiles(Removal& removal, const std::unordered_set<std::string>& removedPaths);
+  Result<void> recoverUnsent(const Removal& removal);
+  Result<void> leaveToOtherPath(const Removal& removal, const std::vector<std::string>& remaining);
+  Result<void> removeDocument(const Data& documentIdentifier);
+  void removeRecords(const std::vector<Removal>& removals);
+
+  // Recovery (DCCachedItemManager+Recovery.cpp).
+  bool holdsUnsentBytes(const std::string& contentsPath, const Data& documentIdentifier);
+  Result<void> recover(const std::string& contentsPath, const std::string& relativePath);
+
+  const std::shared_ptr<DCCachedItemEnvironment> environment_;
+  const std::shared_ptr<SerialQueue> operationQueue_;
+  // Under the environment's lock.
+  Items items_;
+  std::optional<std::string> purposeIdentifier_;
+  RecoveryHandler recoveryHandler_;
 };
 
 }  // namespace florvane

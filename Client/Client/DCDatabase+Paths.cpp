@@ -42,8 +42,12 @@ std::vector<std::shared_ptr<T>> recordsOfTree(ManagedObjectContext& context, std
   return records;
 }
 
-// What is kept under the path's own bytes, for want of an identifier.
-void rekey(ManagedObjectContext& context, const std::string& from, const std::string& to) {
+// What is kept under the path's own bytes, for want of an identifier, goes with it. The answers about bookkeeping that
+// this changes.
+std::vector<std::pair<Data, std::shared_ptr<DCManagedOtherMetadata>>> rekey(ManagedObjectContext& context,
+                                                                            const std::string& from,
+                                                                            const std::string& to) {
+  std::vector<std::pair<Data, std::shared_ptr<DCManagedOtherMetadata>>> changed;
   const Data oldKey = Data::fromString(from), newKey = Data::fromString(to);
   auto stored = withValue(DCEntityIndexStoredLocalMetadata, DCManagedStoredLocalMetadata::DocumentIdentifier, oldKey);
   for (const auto& object : context.fetch(stored)) {
@@ -51,8 +55,12 @@ void rekey(ManagedObjectContext& context, const std::string& from, const std::st
   }
   auto other = withValue(DCEntityIndexOtherMetadata, DCManagedOtherMetadata::DocumentIdentifier, oldKey);
   for (const auto& object : context.fetch(other)) {
-    std::static_pointer_cast<DCManagedOtherMetadata>(object)->setDocumentIdentifier(newKey);
+    auto record = std::static_pointer_cast<DCManagedOtherMetadata>(object);
+    record->setDocumentIdentifier(newKey);
+    changed.emplace_back(oldKey, nullptr);
+    changed.emplace_back(newKey, record);
   }
+  return changed;
 }
 
 }  // namespace
@@ -67,6 +75,7 @@ Result<void> DCDatabase::setDocumentIdentifier(const Data& documentIdentifier, c
       record->setPath(path);
     }
     record->setDocumentIdentifier(documentIdentifier);
+    rememberIdentifier(path, documentIdentifier);
   });
 }
 
@@ -87,6 +96,7 @@ Result<void> DCDatabase::setDocumentIdentifiers(
         record->setPath(path);
       }
       record->setDocumentIdentifier(documentIdentifier);
+      rememberIdentifier(path, documentIdentifier);
     }
   });
 }
@@ -139,13 +149,17 @@ Result<void> DCDatabase::renamePath(const std::string& srcPath, const std::strin
       context.deleteObject(replaced);
     }
     record->setPath(dstPath);
+    rememberIdentifier(srcPath, std::nullopt);
+    rememberIdentifier(dstPath, record->documentIdentifier());
   });
 }
 
 Result<void> DCDatabase::renamePathsBelow(const std::string& srcPath, const std::string& dstPath) {
   DCLogTrace("-[DCDatabase renamePathsBelow:toPath:]", {{"srcPath", srcPath}, {"dstPath", dstPath}});
   if (srcPath == dstPath) return {};
-  return change(Durability::Full, [&](ManagedObjectContext& context) {
+  // Only uploads must be on stable storage at once.
+  const bool movesUploads = knownUploadForPath(srcPath) || !knownUploadsBelow(srcPath, false).empty();
+  auto saved = change(movesUploads ? Durability::Full : Durability::Normal, [&](ManagedObjectContext& context) {
     // All of the old places first: one tree may lie in the other.
     auto moved = recordsOfTree<DCManagedPath>(context, DCEntityIndexPath, srcPath);
     std::unordered_set<const ManagedObject*> isMoved;
@@ -162,12 +176,19 @@ Result<void> DCDatabase::renamePathsBelow(const std::string& srcPath, const std:
         if (path && taken.contains(*path) && !isMoved.contains(record.get())) context.deleteObject(record);
       }
     }
-    for (std::size_t i = 0; i < moved.size(); ++i) moved[i]->setPath(newPaths[i]);
+    for (const PathPtr& record : moved) rememberIdentifier(record->path().value_or(srcPath), std::nullopt);
+    for (std::size_t i = 0; i < moved.size(); ++i) {
+      moved[i]->setPath(newPaths[i]);
+      rememberIdentifier(newPaths[i], moved[i]->documentIdentifier());
+    }
     renameUploads(srcPath, dstPath, context);
   });
+  // Those that another process added at the last moment.
+  return saved && !movesUploads ? saveWithError() : saved;
 }
 
 void DCDatabase::renameUploads(const std::string& srcPath, const std::string& dstPath, ManagedObjectContext& context) {
+  std::vector<std::pair<std::string, UploadPtr>> moved;
   for (const UploadPtr& upload : recordsOfTree<DCManagedUpload>(context, DCEntityIndexUpload, srcPath)) {
     const std::string oldPath = upload->path().value_or(srcPath);
     const std::string newPath = dstPath + oldPath.substr(srcPath.size());
@@ -177,8 +198,12 @@ void DCDatabase::renameUploads(const std::string& srcPath, const std::string& ds
     // A transfer that is running knows the copy by its old name, which therefore stays beside the new one.
     if (oldCopy && newCopy) (void)link(oldCopy->path().c_str(), newCopy->path().c_str());
     upload->setPath(newPath);
-    rekey(context, oldPath, newPath);
+    rememberUpload(oldPath, nullptr);
+    moved.emplace_back(newPath, upload);
+    for (const auto& [key, record] : rekey(context, oldPath, newPath)) rememberOtherMetadata(key, record);
   }
+  for (const auto& [path, upload] : moved) rememberUpload(path, upload);
+  if (!moved.empty()) forgetStoredLocalMetadata();
 }
 
 Result<void> DCDatabase::removePath(const std::string& path) {
@@ -187,6 +212,7 @@ Result<void> DCDatabase::removePath(const std::string& path) {
     if (auto record = first<DCManagedPath>(DCEntityIndexPath, {{DCManagedPath::Path, path}})) {
       context.deleteObject(record);
     }
+    rememberIdentifier(path, std::nullopt);
   });
 }
 

@@ -67,6 +67,7 @@ Result<void> DCDatabase::saveUploadFileURL(const URL& fileURL, const std::string
     }
     upload->setPath(path);
     upload->setFileURL(fileURL.path());
+    rememberUpload(path, upload);
   });
   announceUploads();
   return saved;
@@ -98,6 +99,7 @@ Result<void> DCDatabase::removeUploadForPath(const std::string& path) {
     removed = true;
     upload->removeTemporaryUploadFileIfNecessary();
     context.deleteObject(upload);
+    rememberUpload(path, nullptr);
   });
   if (removed) announceUploads();
   return saved;

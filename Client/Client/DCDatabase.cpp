@@ -37,7 +37,10 @@ std::shared_ptr<DCDatabase> DCDatabase::databaseForService(const std::shared_ptr
 }
 
 DCDatabase::DCDatabase(std::shared_ptr<DCService> service, Clock& clock)
-    : service_(std::move(service)), clock_(clock), databaseURL_(databaseURLOf(*service_)) {
+    : service_(std::move(service)),
+      clock_(clock),
+      databaseURL_(databaseURLOf(*service_)),
+      memory_(std::make_unique<Memory>()) {
   DCLogTrace("-[DCDatabase initWithService:]", {{"service", *service_}});
   context_ = _setupManagedObjectContext();
 }
@@ -89,6 +92,7 @@ Result<void> DCDatabase::change(Durability durability, const std::function<void(
   // Another store has taken the damaged one's place. What the work changed is still in memory; what it did not find
   // may be there now.
   if (!saved && SQLiteStore::isDamage(saved.error())) saved = perform();
+  ++memory_->changes;
   logFailure(saved);
   return saved;
 }
@@ -101,13 +105,28 @@ Result<void> DCDatabase::save() {
 Result<void> DCDatabase::saveWithError(bool rollbackOnFailure) {
   DCLogTrace("-[DCDatabase saveWithError:rollbackOnFailure:]", {{"rollbackOnFailure", rollbackOnFailure}});
   auto saved = managedObjectContext()->save(rollbackOnFailure);
+  ++memory_->changes;
+  if (!saved && rollbackOnFailure) forgetAnswers();
   logFailure(saved);
   return saved;
 }
 
 Result<void> DCDatabase::performBatch(const std::function<void()>& work, bool rollbackOnFailure) {
   DCLogTrace("-[DCDatabase performBatch:rollbackOnFailure:]", {{"rollbackOnFailure", rollbackOnFailure}});
-  auto saved = managedObjectContext()->performTransaction(Durability::Full, work, rollbackOnFailure);
+  auto context = managedObjectContext();
+  auto saved = context->performTransaction(
+      Durability::Full,
+      [&] {
+        try {
+          work();
+        } catch (...) {
+          forgetAnswers();  // what the work changed is rolled back
+          throw;
+        }
+      },
+      rollbackOnFailure);
+  ++memory_->changes;
+  if (!saved && rollbackOnFailure) forgetAnswers();
   logFailure(saved);
   return saved;
 }
@@ -176,6 +195,7 @@ void DCDatabase::deleteDatabase() {
     dropped = std::move(context_);
   }
   if (dropped) dropped->removePersistentStore();
+  forgetAnswers();
   // Nobody is writing, and whoever has the store open sees that it is gone before writing again.
   auto lock = FileLock::acquire(lockPath(), true);
   std::error_code error;

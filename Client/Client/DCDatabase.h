@@ -98,6 +98,24 @@ class DCDatabase {
   // Announces.
   Result<void> removeCancelledUpload(const UploadPtr& upload);
 
+  // The same look-ups answered from memory, without a turn of the queue, where the answer is known and no other process
+  // has changed the store as far as refresh() or another look-up has heard. Exact as to this process's own changes.
+  std::optional<Data> knownDocumentIdentifierForPath(const std::string& path);
+  std::shared_ptr<DCManagedOtherMetadata> knownOtherMetadataForDocumentIdentifier(const Data& documentIdentifier);
+  std::shared_ptr<DCManagedStoredLocalMetadata> knownStoredLocalMetadataForDocumentIdentifier(
+      const Data& documentIdentifier);
+  // The upload of a path that is due; null for one that is cancelled.
+  UploadPtr knownUploadForPath(const std::string& path);
+  // By path: those of the folder's own children, or of the whole tree below it.
+  std::vector<std::pair<std::string, UploadPtr>> knownUploadsBelow(const std::string& directoryPath, bool onlyChildren);
+  // Makes the answers about all children of a directory known, with two queries.
+  void prefetchChildrenOf(const std::string& directoryPath);
+  // Whether other processes have changed the store: once at the beginning of an operation. Two looks at files while
+  // nothing happens.
+  void refresh();
+  // Rises with every change of this process, and of others as far as it is known.
+  std::uint64_t changeCount();
+
   // An empty store in place of this one.
   void reset();
   // Drops the context and removes every file of the "db" directory whose name begins with the service's identifier;
@@ -111,6 +129,14 @@ class DCDatabase {
   Result<void> persistentStoreCoordinator(ManagedObjectContext& context);
   // The work may run twice, when the first time shows that the store is damaged.
   Result<void> change(Durability durability, const std::function<void(ManagedObjectContext&)>& work);
+  struct Memory;
+  void forgetAnswers();
+  void rememberIdentifier(const std::string& path, const std::optional<Data>& documentIdentifier);
+  void rememberOtherMetadata(const Data& documentIdentifier, const std::shared_ptr<DCManagedOtherMetadata>& metadata);
+  void rememberUpload(const std::string& path, const UploadPtr& upload);
+  void forgetStoredLocalMetadata();
+  template <typename Answer>
+  std::optional<Answer> known(const std::function<std::optional<Answer>(Memory& memory)>& look);
   template <typename T>
   std::shared_ptr<T> first(std::size_t entity, std::vector<std::pair<std::size_t, Value>> equals);
   template <typename T>
@@ -128,6 +154,7 @@ class DCDatabase {
   const URL databaseURL_;
   std::mutex mutex_;  // guards context_; never held while work runs in it
   std::shared_ptr<ManagedObjectContext> context_;
+  const std::unique_ptr<Memory> memory_;
 };
 
 }  // namespace florvane

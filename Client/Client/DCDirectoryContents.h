@@ -3,6 +3,7 @@
 #include "platform/Data.h"
 #include "platform/Value.h"
 
+#include <cstddef>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -18,11 +19,19 @@ class DCDirectoryContents {
   using Ptr = std::shared_ptr<const DCDirectoryContents>;
 
   static Ptr contentsWithEntries(const Array& entries);
+  // Whether an item may be called so.
+  static bool isLegalChildName(std::string_view name);
 
-  const Array& entries() const;
+  const Array& entries() const { return entries_; }
   // Null when there is none; lives as long as this object.
   const Value* entryNamed(std::string_view name) const;
   const Value* entryWithDocumentIdentifier(const Data& documentIdentifier) const;
+
+ private:
+  Array entries_;
+  // Places in entries_, by names and identifiers that live in it.
+  std::unordered_map<std::string_view, std::size_t> byName_;
+  std::unordered_map<std::string_view, std::size_t> byDocumentIdentifier_;
 };
 
 }  // namespace florvane

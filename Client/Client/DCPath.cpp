@@ -8,6 +8,7 @@
 #include "platform/Exceptions.h"
 #include "platform/FileSystem.h"
 #include "platform/Format.h"
+#include "platform/GenerationCounter.h"
 
 #include <algorithm>
 #include <atomic>
@@ -124,6 +125,8 @@ bool DUPathSetDirectoryPaths(const std::optional<std::string>& rootPath,
   }
   bool rootExisted = existsOrCreate(*rootPath);
   bool metadataExisted = existsOrCreate(*metadataPath);
+  // Documents are ours to date, also where they lie outside the container.
+  addGenerationFolder(*rootPath);
   return rootExisted && metadataExisted;
 }
 
@@ -336,8 +339,11 @@ DCFullPath::Ptr DCFullPath::uploadFullPathWithParentRelativePath(const DCRelativ
   std::string parent = parentRelativePath->string();
   std::replace(parent.begin(), parent.end(), '/', ':');
   std::string directoryName = format("upload+%@", parent);
-  if (directoryName.size() > NAME_MAX) {  // too deep a folder for its path to be one name
-    directoryName = format("upload+%@", pu_hex(digest(DigestAlgorithm::SHA1, Data::fromString(parent).span())));
+  // Too deep a folder for its path to be one name, or one that another folder's path would be written as, too. No plain
+  // name has ":" there, since no relative path begins with "/".
+  const std::string& original = parentRelativePath->string();
+  if (directoryName.size() > NAME_MAX || original.find(':') != std::string::npos) {
+    directoryName = format("upload+:%@", pu_hex(digest(DigestAlgorithm::SHA1, Data::fromString(original).span())));
   }
   auto service = parentRelativePath->service();
   std::string directory = documentRootForService(service)->string_ + "/" + directoryName;

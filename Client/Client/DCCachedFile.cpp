@@ -1,0 +1,293 @@
+#include "Client/Client/DCCachedFile.h"
+
+#include "Client/Client/DCCachedItemEnvironment.h"
+#include "Client/Client/DCCachedItemManager.h"
+#include "Client/Client/DCDatabase.h"
+#include "Client/Client/DCFileStamp.h"
+#include "Client/Client/DCLog.h"
+#include "Client/Client/DCTemporaryFile.h"
+#include "common/FVFGenerationIdentifierUtils.h"
+#include "common/FVFMetadataUtils.h"
+#include "platform/FileSystem.h"
+#include "platform/ResourceValues.h"
+
+#include <algorithm>
+#include <cerrno>
+
+#include <fcntl.h>
+
+namespace florvane {
+
+namespace {
+
+constexpr char kSource[] = "Client/Client/DCCachedFile";
+
+std::string folderOf(const std::string& path) { return path.substr(0, path.rfind('/')); }
+
+std::optional<Data> generationOf(const std::string& path) {
+  auto generation = FVFGenerationIdentifierUtils::versionIdentifierForFileWithURL(URL::fileURL(path));
+  return generation ? *generation : std::nullopt;
+}
+
+Result<void> setDate(const std::string& path, Date date) {
+  auto file = openFile(path, O_RDONLY | O_NONBLOCK | O_NOFOLLOW);
+  if (!file) return Failure(file.error());
+  return setContentModificationDate(file->get(), date);
+}
+
+}  // namespace
+
+DCFullPath::Ptr DCCachedFile::_contentsFullPath() const { return fullPathIfKnown(); }
+
+DCFullPath::Ptr DCCachedFile::_localGenerationIdentifierFullPath() const { return _contentsFullPath(); }
+
+std::optional<Data> DCCachedFile::_localGenerationIdentifier() const {
+  auto path = contentsPath();
+  return path ? generationOf(*path) : std::nullopt;
+}
+
+std::optional<Data> DCCachedFile::contents() const {
+  DCLogTrace("-[DCCachedFile contents]");
+  return _contents();
+}
+
+// State.
+
+bool DCCachedFile::needsInitialUpload() const {
+  DCLogTrace("-[DCCachedFile needsInitialUpload]");
+  auto locked = lock();
+  return !documentIdentifier() && existsOnDisk() && !hasBeenUploaded() && !hasBeenDownloaded();
+}
+
+bool DCCachedFile::needsUpload() const {
+  DCLogTrace("-[DCCachedFile needsUpload]");
+  auto locked = lock();
+  if (!existsOnDisk()) return false;
+  if (needsInitialUpload()) return true;
+  if (relativeAge() == DCCachedItemOrderLocalIsNewer) {
+    // Bytes that came from the server are newer only where the server went back to older ones.
+    const bool isServers = parentContentsMetadata() && !isUnsent();
+    return !isServers;
+  }
+  if (!remoteMetadata()) return false;
+  return !isKnownGeneration(_localGenerationIdentifier());
+}
+
+bool DCCachedFile::isUnsent() const {
+  DCLogTrace("-[DCCachedFile isUnsent]");
+  auto locked = lock();
+  if (database().knownUploadForPath(_pathsKeyString())) return true;
+  auto path = contentsPath();
+  if (!path || !DCFileStamp::of(*path)) return false;
+  return !isKnownGeneration(generationOf(*path));
+}
+
+// Writing.
+
+DCFullPath::Ptr DCCachedFile::fullPathForWriting() const {
+  if (auto path = fullPathIfKnown()) return path;
+  auto relativePath = this->relativePath();
+  return DCFullPath::uploadFullPathWithParentRelativePath(relativePath->relativePathByDeletingLastPathComponent(),
+                                                          relativePath->lastPathComponent());
+}
+
+Date DCCachedFile::dateNewerThanKnown(Date date) const {
+  std::optional<Date> known;
+  for (const auto& metadata : {remoteMetadata(), parentContentsMetadata()}) {
+    auto serverDate = metadata ? metadata->date(ResourceContentModificationDateKey) : std::nullopt;
+    if (serverDate && (!known || *serverDate > *known)) known = serverDate;
+  }
+  if (!known || date > *known) return date;
+  return std::max(environment_->service->clock().now(), *known + Duration(1));
+}
+
+Result<void> DCCachedFile::recordUpload(const std::string& target, const std::optional<Data>& generationIdentifier) {
+  const std::string path = _pathsKeyString();
+  const Data key = _dataKey();
+  // The version that is replaced: what was downloaded, else what the listing shows. A file that waits as a new one
+  // replaces none, even when somebody else's has taken its name.
+  std::optional<Data> baseVersion;
+  if (!lastRemoteMetadataVersionIdentifier() && !database().knownUploadForPath(path)) {
+    auto entry = parentContentsMetadata();
+    if (entry && documentIdentifier()) baseVersion = entry->data(FVVersionIdentifierKey);
+  }
+  return database().performBatch(
+      [&] {
+        (void)database().saveUploadFileURL(URL::fileURL(target), path);
+        auto upload = database().uploadForPath(path);
+        // What a running task sends is known by the generation in its record.
+        if (upload && !upload->taskIdentifier() && upload->generationIdentifier() != generationIdentifier) {
+          upload->removeTemporaryUploadFileIfNecessary();
+          upload->setGenerationIdentifier(generationIdentifier);
+        }
+        if (baseVersion) {
+          (void)database().saveOtherMetadata({{DCFileLastRemoteMetadataVersionIdentifierKey, *baseVersion}}, key);
+        }
+      },
+      true);
+}
+
+Result<void> DCCachedFile::preflightUploadFromURL(const URL& url) {
+  DCLogTrace("-[DCCachedFile preflightUploadFromURL:]", {{"url", url}});
+  auto locked = lock();
+  auto fullPath = fullPathForWriting();
+  if (!fullPath) DCAssertionFailed(kSource, __LINE__, "self.fullPath");
+  if (url.path().empty()) DCAssertionFailed(kSource, __LINE__, "url");
+  if (!fullPath) return Failure(Error::fileWrite(ENOENT, _pathsKeyString()));
+  return database().saveUploadFileURL(fullPath->url(), _pathsKeyString());
+}
+
+void DCCachedFile::registerFileForUploadOfURL(const URL& url, std::int64_t taskIdentifier,
+                                              const std::optional<Data>& generationIdentifier) {
+  DCLogTrace("-[DCCachedFile registerFileForUploadOfURL:taskIdentifier:]",
+             {{"url", url}, {"taskIdentifier", taskIdentifier}});
+  auto locked = lock();
+  auto upload = database().knownUploadForPath(_pathsKeyString());
+  if (!upload || upload->fileURL() != url.path()) return;
+  (void)database().saveUploadFileURL(url, generationIdentifier ? generationIdentifier : generationOf(url.path()),
+                                     taskIdentifier, _pathsKeyString());
+}
+
+Result<void> DCCachedFile::updateFileFromURL(const URL& url) {
+  DCLogTrace("-[DCCachedFile updateFileFromURL:]", {{"url", url}});
+  DCFullPath::Ptr fullPath;
+  bool hadUpload = false;
+  {
+    auto locked = lock();
+    if (hasBeenRemoved()) return Failure(Error::fileWrite(ENOENT, _pathsKeyString()));
+    fullPath = fullPathForWriting();
+    hadUpload = database().knownUploadForPath(_pathsKeyString()) != nullptr;
+  }
+  auto skipped = [&](const Error& error) {
+    DCLogNotice("%@: Skip update of file '%@'", description(), fullPath);
+    return Failure(error);
+  };
+  if (!fullPath) return skipped(Error::fileWrite(ENOENT, _pathsKeyString()));
+  const std::string& target = fullPath->string();
+  if (auto made = createDirectories(folderOf(target)); !made) return skipped(made.error());
+  auto source = DCFileStamp::of(url.path()), present = DCFileStamp::of(target);
+  const bool isSame = source && present && source->isSameFile(*present);
+
+  std::optional<DCTemporaryFile> copy;
+  if (!isSame) {
+    auto copied = DCTemporaryFile::copyOf(url.path(), target);
+    if (!copied) return skipped(copied.error());
+    copy.emplace(std::move(*copied));
+  }
+  const std::string& written = copy ? copy->path() : target;
+  struct stat status{};
+  if (stat(written.c_str(), &status) != 0) return skipped(Error::fileRead(errno, written));
+  const Date date = Date::fromTimespec(status.st_mtim);
+  if (const Date newer = dateNewerThanKnown(date); newer != date) {
+    if (auto dated = setDate(written, newer); !dated) return skipped(dated.error());
+  }
+  if (auto synced = syncFile(written); !synced) return skipped(synced.error());
+  // The folder's own name, when it has just been made.
+  if (auto synced = syncDirectory(folderOf(folderOf(target))); !synced) return skipped(synced.error());
+
+  Result<void> done;
+  auto put = [&](const URL&) {
+    done = recordUpload(target, generationOf(written));
+    if (!done || !copy) return;
+    done = copy->moveTo(target).and_then([&] { return syncDirectory(folderOf(target)); });
+    if (!done && !hadUpload) (void)database().removeUploadForPath(_pathsKeyString());
+  };
+  auto manager = environment_->manager.lock();
+  if (!manager) return skipped(Error::fileWrite(ECANCELED, target));
+  auto coordinated =
+      manager->coordinateWritingItemAtURL(URL::fileURL(target), FileCoordinatorWritingOptions::ForReplacing, put);
+  if (!coordinated) return skipped(coordinated.error());
+  if (!done) return skipped(done.error());
+  auto locked = lock();
+  forgetRemoteMetadata();
+  return {};
+}
+
+bool DCCachedFile::undoInterruptedWrite() {
+  DCLogTrace("-[DCCachedFile undoInterruptedWrite]");
+  auto locked = lock();
+  auto upload = database().knownUploadForPath(_pathsKeyString());
+  if (!upload || upload->taskIdentifier() || !upload->generationIdentifier()) return false;
+  auto generation = _localGenerationIdentifier();
+  if (generation == upload->generationIdentifier()) return false;
+  // Contents that are neither those of the write nor the server's are somebody's later ones.
+  if (generation && !isKnownGeneration(generation)) return false;
+  if (!generation && existsOnDisk()) return false;
+  DCLogInfo("Taking back a write to '%@' that did not come to its end", _pathsKeyString());
+  (void)database().removeUploadForPath(_pathsKeyString());
+  return true;
+}
+
+// Ends of uploads.
+
+bool DCCachedFile::holdsNewerThan(const DCManagedUpload& upload) const {
+  auto sent = upload.generationIdentifier();
+  auto present = _localGenerationIdentifier();
+  return sent && present && *sent != *present;
+}
+
+// Later than what was just stored of the server's, so that the next upload is not taken for the past.
+void DCCachedFile::keepNewerThan(const Dictionary& remoteMetadata) {
+  auto path = contentsPath();
+  auto local = localContentModificationDate();
+  auto servers = remoteMetadata.date(ResourceContentModificationDateKey);
+  if (!path || !local || !servers || *local > *servers) return;
+  auto dated = setDate(*path, std::max(environment_->service->clock().now(), *servers + Duration(1)));
+  if (!dated) DCLogWarning("Unable to update attributes of '%@': %@", *path, dated.error());
+}
+
+void DCCachedFile::updateUploadedFileFromRemoteMetadata(const Dictionary& remoteMetadata) {
+  DCLogTrace("-[DCCachedFile updateUploadedFileFromRemoteMetadata:]", {{"remoteMetadata", remoteMetadata}});
+  if (remoteMetadata.empty()) DCAssertionFailed(kSource, __LINE__, "remoteMetadata.count > 0");
+  auto identifier = remoteMetadata.data(FVDocumentIdentifierKey);
+  if (!identifier) {
+    DCLogInfo("Ignoring response with missing document identifier: %@", DCStringFromCollection(remoteMetadata));
+    return;
+  }
+  auto locked = lock();
+  if (hasBeenRemoved()) return;
+  const auto previousVersion = versionIdentifier();
+  if (!updateDocumentIdentifier(identifier)) throwDocumentIdentifierChanged(*identifier);
+  _setRemoteMetadataWithoutNeedingLocking(remoteMetadata);
+  (void)_saveRemoteMetadataOnDisk(remoteMetadata, *identifier, previousVersion);
+
+  auto upload = database().knownUploadForPath(_pathsKeyString());
+  auto sentFile = upload ? upload->fileURL() : std::nullopt;
+  if (sentFile && holdsNewerThan(*upload)) {
+    keepNewerThan(remoteMetadata);
+  } else if (sentFile) {
+    auto replaced = _replaceFileWithURL(URL::fileURL(*sentFile), Replacement::WithSent);
+    if (!replaced) DCAssertionFailed(kSource, __LINE__, "!error");
+    if (auto date = remoteMetadata.date(ResourceContentModificationDateKey)) {
+      auto dated = dateContents(*date, DCFileLastUploadGenerationIdentifierKey);
+      if (!dated) DCLogWarning("Unable to update attributes of '%@': %@", *sentFile, dated.error());
+    }
+    if (auto generation = _localGenerationIdentifier()) {
+      saveOtherMetadata({{DCFileLastUploadGenerationIdentifierKey, *generation},
+                         {DCFileLastUpdateGenerationIdentifierKey, *generation}});
+    }
+    (void)database().removeUploadForPath(_pathsKeyString());
+  }
+  if (!existsOnDisk()) DCAssertionFailed(kSource, __LINE__, "self.existsOnDisk");
+}
+
+void DCCachedFile::updateUploadedFileToDropBox() {
+  DCLogTrace("-[DCCachedFile updateUploadedFileToDropBox]");
+  auto locked = lock();
+  auto upload = database().knownUploadForPath(_pathsKeyString());
+  if (upload && holdsNewerThan(*upload)) return;
+  auto staged = upload ? upload->fileURL() : std::nullopt;
+  (void)database().removeUploadForPath(_pathsKeyString());
+  if (documentIdentifier()) return;
+  // Nobody can ask for it again.
+  if (staged) (void)removeItem(*staged);
+  if (auto manager = environment_->manager.lock()) manager->forgetItem(shared_from_this());
+}
+
+void DCCachedFile::restoreFileFromRemoteMetadata(const Dictionary& remoteMetadata) {
+  DCLogTrace("-[DCCachedFile restoreFileFromRemoteMetadata:]", {{"remoteMetadata", remoteMetadata}});
+  auto locked = lock();
+  _setRemoteMetadataWithoutNeedingLocking(remoteMetadata);
+}
+
+}  // namespace florvane

@@ -1,0 +1,39 @@
+#pragma once
+
+#include "platform/Date.h"
+#include "platform/Error.h"
+
+#include <optional>
+#include <string>
+#include <utility>
+
+namespace florvane {
+
+// A file in the container's temporary directory that is to take another one's place, removed when it did not.
+// Swept by name when a process was killed. Errors as in platform/FileSystem.h.
+class DCTemporaryFile {
+ public:
+  // The very same file under another name; a copy, not synced, where the file system cannot link. Made where it can be
+  // renamed to the target.
+  static Result<DCTemporaryFile> linkedTo(const std::string& source, const std::string& target);
+  // A copy with the source's date that is on stable storage. An error (EBUSY as underlying one) when the source is
+  // being written, however often it is tried.
+  static Result<DCTemporaryFile> copyOf(const std::string& source, const std::string& target);
+
+  DCTemporaryFile(DCTemporaryFile&& other) noexcept : path_(std::exchange(other.path_, {})) {}
+  DCTemporaryFile& operator=(DCTemporaryFile&&) = delete;
+  ~DCTemporaryFile();
+
+  const std::string& path() const { return path_; }
+  Result<void> setModificationDate(Date date) const;
+  Result<void> sync() const;
+  // Renames it over the target.
+  Result<void> moveTo(const std::string& target);
+
+ private:
+  explicit DCTemporaryFile(std::string path) : path_(std::move(path)) {}
+  static Result<DCTemporaryFile> copied(const std::string& source, const std::string& folder, bool sync);
+  std::string path_;
+};
+
+}  // namespace florvane
