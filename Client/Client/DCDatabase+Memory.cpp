@@ -114,7 +114,8 @@ std::optional<Data> DCDatabase::knownDocumentIdentifierForPath(const std::string
   using Answer = std::optional<Data>;
   auto answer = known<Answer>([&](Memory& memory) -> std::optional<Answer> {
     auto found = memory.identifiers.find(path);
-    return found == memory.identifiers.end() ? std::nullopt : std::optional(found->second);
+    if (found == memory.identifiers.end()) return std::nullopt;
+    return std::optional<Answer>(std::in_place, found->second);
   });
   if (answer) return *answer;
   auto context = managedObjectContext();
