@@ -61,7 +61,8 @@ class BackgroundURLSession : public URLSession {
                                      const std::optional<Data>& pinnedCertificate) = 0;
   virtual Result<void> removeCookie(const BackgroundTransferService& service) = 0;
 
-  // Cancels every task of the session, whoever made it, and detaches once they have been told of.
+  // Cancels every task of the session, whoever made it, and detaches; what has not been told by then is told to who
+  // attaches next.
   void invalidateAndCancel() override = 0;
   // Detaches; the tasks go on in the agent and are told to who attaches next.
   void finishTasksAndInvalidate() override = 0;

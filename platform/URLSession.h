@@ -25,10 +25,10 @@ struct BackgroundTransfer {
   // Of the item that is sent, as the program that made the task names it.
   std::string path;
   // Of the contents that are sent.
-  std::optional<Data> generationIdentifier;
+  std::optional<Data> generationIdentifier = {};
   // DER of the only certificate under which the request may travel while no process of the session is attached; absent
   // leaves the decision to the system's anchors.
-  std::optional<Data> pinnedCertificate;
+  std::optional<Data> pinnedCertificate = {};
 };
 
 // One transfer of a session, made suspended. Keeps its session, so that a delegate which keeps tasks is let go only
