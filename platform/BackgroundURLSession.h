@@ -36,9 +36,10 @@ class BackgroundURLSession : public URLSession {
                                         std::shared_ptr<URLSessionDelegate> delegate,
                                         std::shared_ptr<SerialQueue> delegateQueue = nullptr);
 
-  // A task that is on stable storage when this returns, suspended; blocks for about a millisecond, longer where the
-  // agent must be started. The file is read when the task is sent. Fails when the task cannot be stored. Of the
-  // request's fields Cookie is kept apart and can be replaced until the task is sent.
+  // A task that is on stable storage when this returns, suspended; blocks for as long as the disk takes, longer where
+  // the agent must be started. Resuming it is stored, too, but may be lost with the machine's power: a task found
+  // suspended after a start is resumed again. The file is read when the task is sent. Fails when the task cannot be
+  // stored. Of the request's fields Cookie is kept apart and can be replaced until the task is sent.
   virtual Result<URLSessionTaskPtr> uploadTask(URLRequest request, const URL& fromFile,
                                                BackgroundTransfer transfer) = 0;
   // Likewise with nothing further carried; null when it fails.

@@ -70,7 +70,8 @@ void TransferAgent::answerReceived() {
   if (stopped_) return;
   bool lasting = std::any_of(received.begin(), received.end(), [](const Received& request) {
     auto type = request.frame.string("type");
-    return type == transfer_frame::Create || type == transfer_frame::Resume || type == transfer_frame::Cookie;
+    // Not resuming: what it loses with the machine is a task that is found suspended again.
+    return type == transfer_frame::Create || type == transfer_frame::Cookie;
   });
   std::vector<Result<Answer>> answers;
   answers.reserve(received.size());

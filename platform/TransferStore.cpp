@@ -269,8 +269,7 @@ Result<bool> TransferStore::end(std::uint64_t identifier, const TransferOutcome&
         "UPDATE tasks SET state = 3, ended = ?, response = ?, error = ?, body = ?, bodyInFile = ?, cookie = NULL,"
         " deadline = NULL WHERE identifier = ? AND state <> 3");
     put(update, 1, nextEnd());
-    put(update, 2,
-         outcome.response ? std::optional(encoded(encodeTransferResponse(*outcome.response))) : std::nullopt);
+    put(update, 2, outcome.response ? std::optional(encoded(encodeTransferResponse(*outcome.response))) : std::nullopt);
     put(update, 3, outcome.error ? std::optional(encoded(encodeTransferError(*outcome.error))) : std::nullopt);
     put(update, 4, std::optional(outcome.body));
     update.bind(5, outcome.bodyFile ? 1 : 0);
