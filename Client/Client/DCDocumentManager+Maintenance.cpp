@@ -157,6 +157,7 @@ void DCDocumentManager::deleteAllLocalData() {
 // What the items keep in memory was read from what is gone. Registrations look for theirs again.
 void DCDocumentManager::_forgetItems() {
   updates_.clear();
+  processedListings_.clear();
   DCCachedItemManager::removeCachedItemManagerForService(service_);
   (void)cachedItemManager();
   std::lock_guard lock(mutex_);

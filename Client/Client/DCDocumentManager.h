@@ -6,6 +6,7 @@
 #include "Client/Client/DCDelegateState.h"
 #include "Client/Client/DCDocumentManagerDelegate.h"
 #include "Client/Client/DCDownloadManager.h"
+#include "Client/Client/DCProcessedListings.h"
 #include "Client/Client/DCRemoteDocumentManager.h"
 #include "Client/Client/DCUploadManager.h"
 #include "common/FVFBackOff.h"
@@ -179,15 +180,53 @@ class DCDocumentManager : public DCConnectivityTrackerDelegate, public std::enab
                                   unsigned line, DelegateBlock block);
   bool _needsToCallDelegateForPath(const std::string& path) const;
   static bool _shouldCallDelegate(const DCDelegateState& state, const std::string& forPath);
+  OptionalError _checkParentOfItem(DCCachedItemManager& manager, const DCRelativePath::Ptr& relativePath);
+  void _didRecoverFileAtPath(const std::string& path, const URL& recoveredURL);
   DCCachedItemManager::Ptr cachedItemManager();
   std::shared_ptr<DCDatabase> database();
 
-  // Listing and the decision what to download (DCDocumentManager+Listing.cpp, +Changes.cpp).
+  // Listing (DCDocumentManager+Listing.cpp).
+  struct Listing {
+    State state = DCDocumentManagerFreshnessStateUnknown;
+    Array contents;
+  };
   void _contentsOfDirectoryAtPath(const std::string& path, bool downloadIfNecessary,
                                   ContentsOfDirectoryHandler completionHandler);
+  Listing _listingOfDirectory(const DCCachedDirectory::Ptr& directory);
+  DCCachedItem::Ptr _itemOfEntry(const Value& entry, const std::string& path);
+  std::map<std::string, DCCachedFile::Ptr> _localItemsInDirectory(const DCCachedDirectory& directory);
+  Dictionary _synthesizedMetadataForItem(const DCCachedItem& item,
+                                         const std::optional<Dictionary>& parentContentsMetadata);
+  void _addItemsCountOfDirectory(const DCCachedDirectory& directory, Dictionary& metadata);
+
+  // The decision what to download, and its answer (DCDocumentManager+Downloads.cpp).
+  enum class DownloadDecision : std::uint8_t { Nothing, Conflict, Parent, Download };
+  struct Download {
+    DCCachedItem::Ptr item;
+    int attempt = 1;
+    bool isSecondSignIn = false;
+  };
+  // What the first of those who share a download made of its answer.
+  struct AppliedDownload {
+    DCCachedItem::Ptr item;
+    FVFResponseContainer::Ptr container;
+    OptionalError result;
+    bool asksAgain = false;
+  };
   void _downloadItem(const DCCachedItem::Ptr& item, ErrorHandler completionHandler);
   void _startDownloadItem(const DCCachedItem::Ptr& item, ErrorHandler completionHandler);
+  DownloadDecision _downloadDecision(const DCCachedItem::Ptr& item);
+  bool _takeIdentifierOfEntry(const DCCachedItem::Ptr& item);
+  void _downloadParentOfItem(const DCCachedItem::Ptr& item, ErrorHandler completionHandler);
   void _downloadStaleDirectory(const DCCachedDirectory::Ptr& directory, ErrorHandler completionHandler);
+  void _downloadStaleFile(const DCCachedFile::Ptr& file, ErrorHandler completionHandler);
+  void _download(const Download& download, const std::shared_ptr<ErrorHandler>& handler);
+  void _downloadDidEnd(const Download& download, const std::optional<Data>& requested, Date started,
+                       const FVFResponseContainer::Ptr& container, const OptionalError& error,
+                       const std::shared_ptr<ErrorHandler>& handler);
+  OptionalError _applyDownload(const Download& download, const std::optional<Data>& requested, Date started,
+                               const FVFResponseContainer::Ptr& container, bool& asksAgain);
+  static Error _clientErrorForError(const Error& error, const DCRelativePath& relativePath);
   OptionalError _updateFreshlyDownloadedDirectory(const DCCachedDirectory::Ptr& directory,
                                                   const FVFResponseContainer::Ptr& downloadedDirectory);
   OptionalError _updateFreshlyDownloadedDirectory(const DCCachedDirectory::Ptr& directory,
@@ -195,17 +234,29 @@ class DCDocumentManager : public DCConnectivityTrackerDelegate, public std::enab
                                                   const DCCachedFile::Ptr& fetchingForChild,
                                                   std::optional<Dictionary>* remoteMetadata);
   void _didDownloadChangedItem(const DCCachedItem& item, const std::optional<Dictionary>& downloadedMetadata);
-  Dictionary _synthesizedMetadataForItem(const DCCachedItem& item,
-                                         const std::optional<Dictionary>& parentContentsMetadata);
+
+  // Taking in what a listing changes (DCDocumentManager+Changes.cpp).
+  // `previousContents` is null for none that this process knows; the listing is one that has just come.
+  void _processDirectoryChangesWithDirectory(const DCCachedDirectory::Ptr& directory,
+                                             const DCDirectoryContents::Ptr& currentContents,
+                                             const DCDirectoryContents::Ptr& previousContents,
+                                             const DCCachedFile::Ptr& fetchingForChild,
+                                             std::optional<Dictionary>* remoteMetadata);
+  // Takes in a listing on disk that another process, or this one before its last end, has put there.
+  void _processListingOfOthers(const DCCachedDirectory::Ptr& directory);
+  void _takeInListing(const DCCachedDirectory::Ptr& directory, const DCDirectoryContents::Ptr& current,
+                      const DCDirectoryContents::Ptr& previous, bool isFresh, const DCCachedFile::Ptr& fetchingForChild,
+                      std::optional<Dictionary>* remoteMetadata);
 
   // Contents, attributes, thumbnails, previews (DCDocumentManager+Contents.cpp).
   void _continueContentsOfFile(const DCCachedFile::Ptr& file, const OptionalError& error,
                                FileHandler completionHandler);
-  void _downloadStaleFile(const DCCachedFile::Ptr& file, ErrorHandler completionHandler);
+  bool _isUpToDateOrWatchedItem(const DCCachedItem& item);
   OptionalError _updateFreshlyDownloadedFile(const DCCachedFile::Ptr& file,
                                              const FVFResponseContainer::Ptr& downloadedFile);
   void _continuePreviewOfItem(const DCCachedFile::Ptr& item, const DCCachedItem::Ptr& preview,
                               const OptionalError& error, FileHandler completionHandler);
+  void _downloadThumbnail(const DCCachedThumbnail::Ptr& thumbnail, const std::shared_ptr<FileHandler>& handler);
 
   // Writing (DCDocumentManager+Writing.cpp, +Uploads.cpp).
   void _uploadItem(const DCCachedItem::Ptr& item, ErrorHandler completionHandler);
@@ -261,9 +312,14 @@ class DCDocumentManager : public DCConnectivityTrackerDelegate, public std::enab
   std::shared_ptr<DCConnectivityTracker> connectivityTracker_;
   // On the queue.
   bool synchronousContentsOfDirectory_ = false;
+  DCProcessedListings processedListings_;
+  std::optional<AppliedDownload> appliedDownload_;
 
   mutable std::recursive_mutex mutex_;  // guards what follows; changed on callers' threads
   std::shared_ptr<SerialQueue> completionHandlerQueue_;
+  // The item manager that has got its purpose and its handlers.
+  std::weak_ptr<DCCachedItemManager> preparedItemManager_;
+  std::string preparedPurpose_;
   std::unordered_map<std::string, DCDelegateState::Ptr> delegateStates_;
   // The pairs that the server was asked about, in step with its answers.
   std::optional<DCVersionIdentifiers> watchedDocumentIdentifiersAndVersionIdentifiers_;

@@ -135,6 +135,13 @@ Error DCError::transformFileManagerError(const Error& error) {
   return error;
 }
 
+std::optional<Error> DCError::transformFileManagerError(const std::optional<Error>& error) {
+  if (error) return transformFileManagerError(*error);
+  DCLogTrace("+[DCError transformFileManagerError:]", {{"error", error}});
+  DCAssertionFailed(kSource, kTransformAssertionLine, "0");
+  return std::nullopt;
+}
+
 bool pc_isDCErrorWithCode(const Error& error, std::int64_t code) { return error.is(DCErrorDomain, code); }
 
 bool pc_isQuilbarErrorWithCode(const Error& error, std::int64_t code) { return error.is(QuilbarErrorDomain, code); }

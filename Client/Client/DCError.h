@@ -60,6 +60,8 @@ class DCError {
   static Error errorWithUnderlyingError(const Error& error, const DCFullPath::Ptr& path);
   // Errors of the file system reach callers as they are: a soft assertion, and the error itself.
   static Error transformFileManagerError(const Error& error);
+  // The same where there may be none.
+  static std::optional<Error> transformFileManagerError(const std::optional<Error>& error);
 
  private:
   static Dictionary userInfoWithPaths(const DCRelativePath& relativePath, const DCFullPath* fullPath);
