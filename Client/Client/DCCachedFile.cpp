@@ -15,6 +15,8 @@
 #include <cerrno>
 
 #include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace florvane {
 
@@ -164,6 +166,8 @@ Result<void> DCCachedFile::updateFileFromURL(const URL& url) {
   };
   if (!fullPath) return skipped(Error::fileWrite(ENOENT, _pathsKeyString()));
   const std::string& target = fullPath->string();
+  // A new file's folder has just been made by the question for it.
+  const bool isNewFolder = !DCFileStamp::of(target);
   if (auto made = createDirectories(folderOf(target)); !made) return skipped(made.error());
   auto source = DCFileStamp::of(url.path()), present = DCFileStamp::of(target);
   const bool isSame = source && present && source->isSameFile(*present);
@@ -181,9 +185,10 @@ Result<void> DCCachedFile::updateFileFromURL(const URL& url) {
   if (const Date newer = dateNewerThanKnown(date); newer != date) {
     if (auto dated = setDate(written, newer); !dated) return skipped(dated.error());
   }
-  if (auto synced = syncFile(written); !synced) return skipped(synced.error());
-  // The folder's own name, when it has just been made.
-  if (auto synced = syncDirectory(folderOf(folderOf(target))); !synced) return skipped(synced.error());
+  if (auto synced = copy ? copy->sync() : syncFile(target); !synced) return skipped(synced.error());
+  if (isNewFolder) {
+    if (auto synced = syncDirectory(folderOf(folderOf(target))); !synced) return skipped(synced.error());
+  }
 
   Result<void> done;
   auto put = [&](const URL&) {
@@ -280,7 +285,10 @@ void DCCachedFile::updateUploadedFileToDropBox() {
   (void)database().removeUploadForPath(_pathsKeyString());
   if (documentIdentifier()) return;
   // Nobody can ask for it again.
-  if (staged) (void)removeItem(*staged);
+  if (staged) {
+    (void)removeItem(*staged);
+    rmdir(folderOf(*staged).c_str());  // stays while others wait in it
+  }
   if (auto manager = environment_->manager.lock()) manager->forgetItem(shared_from_this());
 }
 

@@ -259,9 +259,12 @@ Result<bool> DCCachedItem::_replaceFileWithURL(const URL& url, Replacement repla
       return Failure(temporary.error());
     }
     if (keepsGenerations() && replacement == Replacement::WithServers) {
-      // Known before it is in place: a kill in between must not make the server's bytes look like somebody's own.
+      // A link has the generation that is recorded already, a copy one of its own.
       auto generation = FVFGenerationIdentifierUtils::versionIdentifierForFileWithURL(URL::fileURL(temporary->path()));
-      if (generation && *generation) saveOtherMetadata({{DCFileLastDownloadGenerationIdentifierKey, **generation}});
+      auto managed = managedOtherMetadata();
+      if (generation && *generation && (!managed || managed->lastDownloadedGenerationIdentifier() != *generation)) {
+        saveOtherMetadata({{DCFileLastDownloadGenerationIdentifierKey, **generation}});
+      }
       if (isUnsent()) return false;
     }
     if (auto moved = temporary->moveTo(target); !moved) {

@@ -33,6 +33,7 @@ std::string folderOf(const std::string& path) { return path.substr(0, path.rfind
 std::optional<Dictionary> DCCachedItem::_fileSystemMetadataWithoutNeedingLocking() const {
   auto path = contentsPath();
   if (!path) return std::nullopt;
+  if (!DCFileStamp::of(*path)) return std::nullopt;  // most items have no contents; an error costs more to make
   auto values = resourceValues(*path, DCCachedFSLocalAttributesKeysToGet());
   if (!values || values->empty()) return std::nullopt;
   if (isRoot()) values->set(ResourceNameKey, "");
@@ -150,10 +151,14 @@ bool DCCachedItem::isKnownGeneration(const std::optional<Data>& generationIdenti
     isAnyRecorded = true;
   }
   if (isAnyRecorded) return false;
-  // The store was lost, or another program put the file there: the server's bytes have the date of its metadata.
+  // The store was lost, or another program put the file there: the server's bytes have the date and the size that it
+  // told.
   auto metadata = remoteMetadata();
   auto date = metadata ? metadata->date(ResourceContentModificationDateKey) : std::nullopt;
-  return date && date == localContentModificationDate();
+  if (!date || date != localContentModificationDate()) return false;
+  auto size = metadata->integer(ResourceFileSizeKey);
+  auto stamp = DCFileStamp::of(contentsPath().value_or(""));
+  return !size || (stamp && stamp->size == *size);
 }
 
 void DCCachedItem::_saveLastUpdateGenerationIdentifier() {
@@ -252,7 +257,10 @@ bool DCCachedItem::updateDocumentIdentifier(const std::optional<Data>& documentI
       }
     }
     // Until now the record named the staged file, and from now on the other name of the same.
-    if (isAdopted && staged && *staged != target) (void)removeItem(*staged);
+    if (isAdopted && staged && *staged != target) {
+      (void)removeItem(*staged);
+      rmdir(folderOf(*staged).c_str());  // stays while others wait in it
+    }
   }
   if (_dataKey() == previousDataKey)
     DCAssertionFailed(kSource, __LINE__, "![previousDataKey isEqualToData:self._dataKey]");
@@ -281,7 +289,7 @@ void DCCachedItem::throwDocumentIdentifierChanged(const Data& documentIdentifier
 
 // Answers.
 
-void DCCachedItem::_setRemoteMetadataWithoutNeedingLocking(const Dictionary& remoteMetadata) {
+void DCCachedItem::_setRemoteMetadataWithoutNeedingLocking(const Dictionary& remoteMetadata, Dictionary values) {
   DCLogTrace("-[DCCachedItem _setRemoteMetadataWithoutNeedingLocking:error:]", {{"remoteMetadata", remoteMetadata}});
   auto documentIdentifier = remoteMetadata.data(FVDocumentIdentifierKey);
   auto versionIdentifier = remoteMetadata.data(FVVersionIdentifierKey);
@@ -289,7 +297,7 @@ void DCCachedItem::_setRemoteMetadataWithoutNeedingLocking(const Dictionary& rem
   DCAssert(versionIdentifier, kSource);
   if (!documentIdentifier) return;
   if (!updateDocumentIdentifier(documentIdentifier)) throwDocumentIdentifierChanged(*documentIdentifier);
-  Dictionary values{{DCFileLastRemoteMetadataUpdateDateKey, environment_->service->clock().now()}};
+  values.set(DCFileLastRemoteMetadataUpdateDateKey, environment_->service->clock().now());
   if (versionIdentifier) values.set(DCFileLastRemoteMetadataVersionIdentifierKey, *versionIdentifier);
   saveOtherMetadata(values);
 }
@@ -363,7 +371,13 @@ bool DCCachedItem::_storeResponse(const FVFResponseContainer& responseContainer,
     DCLogWarning("Unable to update attributes of '%@': %@", url.path(), set.error());
     return false;
   }
-  _setRemoteMetadataWithoutNeedingLocking(response.metadata);
+  Dictionary values;
+  if (keepsGenerations()) {
+    // Known before it is in place: a kill in between must not make the server's bytes look like somebody's own.
+    auto generation = FVFGenerationIdentifierUtils::versionIdentifierForFileWithURL(url);
+    if (generation && *generation) values.set(DCFileLastDownloadGenerationIdentifierKey, **generation);
+  }
+  _setRemoteMetadataWithoutNeedingLocking(response.metadata, std::move(values));
   auto replaced = _replaceFileWithURL(url, Replacement::WithServers);
   if (!replaced) DCAssertionFailed(kSource, __LINE__, "!error");
   if (replaced && !*replaced && keepsGenerations()) {

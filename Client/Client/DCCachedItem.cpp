@@ -50,7 +50,7 @@ std::span<const std::string_view> DCCachedFSLocalAttributesKeysToGet() {
   return keys;
 }
 
-DCCachedItem::DCCachedItem(DCRelativePath::Ptr relativePath)
+DCCachedItem::DCCachedItem(const DCRelativePath::Ptr& relativePath)
     : DCCachedItem(relativePath,
                    DCCachedItemManager::cachedItemManagerForService(relativePath->service())->environment()) {}
 

@@ -71,7 +71,7 @@ class DCCachedItem : public std::enable_shared_from_this<DCCachedItem> {
   using Ptr = std::shared_ptr<DCCachedItem>;
   using EnvironmentPtr = std::shared_ptr<DCCachedItemEnvironment>;
 
-  explicit DCCachedItem(DCRelativePath::Ptr relativePath);
+  explicit DCCachedItem(const DCRelativePath::Ptr& relativePath);
   DCCachedItem(DCRelativePath::Ptr relativePath, EnvironmentPtr environment);
   virtual ~DCCachedItem();
   DCCachedItem(const DCCachedItem&) = delete;
@@ -213,7 +213,8 @@ class DCCachedItem : public std::enable_shared_from_this<DCCachedItem> {
   Dictionary _storedLocalMetadata() const;
   void saveOtherMetadata(const Dictionary& values);
   void setOtherMetadataDate(std::string_view key, const std::optional<Date>& date);
-  void _setRemoteMetadataWithoutNeedingLocking(const Dictionary& remoteMetadata);
+  // With other bookkeeping values to be saved in the same step.
+  void _setRemoteMetadataWithoutNeedingLocking(const Dictionary& remoteMetadata, Dictionary values = {});
   void _saveLastUpdateGenerationIdentifier();
   // Whether the generation is one that was recorded at an exchange with the server.
   bool isKnownGeneration(const std::optional<Data>& generationIdentifier) const;

@@ -25,8 +25,15 @@ std::string_view lastComponent(std::string_view path) {
 
 void DCCachedItemManager::removeItem(const DCCachedItem::Ptr& item) {
   DCLogTrace("-[DCCachedItemManager removeItem:]", {{"item", item->description()}});
-  if (item->isRoot() || item->hasBeenRemoved()) return;
-  auto removals = takeOut(item);
+  removeItems({item});
+}
+
+void DCCachedItemManager::removeItems(const std::vector<DCCachedItem::Ptr>& items) {
+  std::vector<Removal> removals;
+  for (const DCCachedItem::Ptr& item : items) {
+    if (item->isRoot() || item->hasBeenRemoved()) continue;
+    for (Removal& removal : takeOut(item)) removals.push_back(std::move(removal));
+  }
   std::unordered_set<std::string> paths;
   for (const Removal& removal : removals) paths.insert(removal.path->string());
   // Files before records: what a kill interrupts is found again by its records.
@@ -91,11 +98,6 @@ Result<void> DCCachedItemManager::recoverUnsent(const Removal& removal) {
   auto file = std::dynamic_pointer_cast<DCCachedFile>(removal.item);
   if (!file && !removal.item) file = std::make_shared<DCCachedFile>(removal.path, environment_);
   auto contents = file && file->isUnsent() ? file->contentsPath() : std::nullopt;
-  // An item that was taken out is known by its identifier only.
-  if (!contents && file && !removal.documentIdentifier) {
-    auto upload = database().knownUploadForPath(removal.path->string());
-    contents = upload ? upload->fileURL() : std::nullopt;
-  }
   if (!contents || !fileExists(*contents)) return {};
   return recover(*contents, removal.path->string());
 }
@@ -103,9 +105,10 @@ Result<void> DCCachedItemManager::recoverUnsent(const Removal& removal) {
 // The document is still at another path, and what is known of it here goes on there.
 Result<void> DCCachedItemManager::leaveToOtherPath(const Removal& removal, const std::vector<std::string>& remaining) {
   const std::string name = removal.path->lastPathComponent();
-  const bool isShared = std::any_of(remaining.begin(), remaining.end(),
-                                    [&](const std::string& path) { return lastComponent(path) == name; });
-  const std::string& heir = remaining.front();
+  auto sharing = std::find_if(remaining.begin(), remaining.end(),
+                              [&](const std::string& path) { return lastComponent(path) == name; });
+  const bool isShared = sharing != remaining.end();
+  const std::string& heir = isShared ? *sharing : remaining.front();
   auto upload = database().knownUploadForPath(removal.path->string());
   const std::string folder = "/" + pu_hex(*removal.documentIdentifier) + "/";
   const std::string contents = environment_->documentRoot + folder + name;

@@ -47,7 +47,7 @@ DCCachedItemManager::Ptr DCCachedItemManager::_initWithService(const std::shared
   return managerWithService(service, DCDatabase::databaseForService(service));
 }
 
-DCCachedItemManager::Ptr DCCachedItemManager::managerWithService(std::shared_ptr<DCService> service,
+DCCachedItemManager::Ptr DCCachedItemManager::managerWithService(const std::shared_ptr<DCService>& service,
                                                                  std::shared_ptr<DCDatabase> database) {
   auto manager = std::make_shared<DCCachedItemManager>(Private(), service, std::move(database));
   manager->environment_->manager = manager;
@@ -249,7 +249,8 @@ DCCachedThumbnail::Ptr DCCachedItemManager::_thumbnailForUnderlyingItem(const DC
   DCAssert(item == thumbnail->underlyingItem(), kSource);
   auto fullPath = thumbnail->fullPathIfKnown(), filesFullPath = file->fullPathIfKnown();
   DCAssert(fullPath, kSource);
-  DCAssert(!fullPath || !filesFullPath || fullPath->string() != filesFullPath->string(), kSource);
+  const bool isShared = fullPath && filesFullPath && fullPath->string() == filesFullPath->string();
+  DCAssert(!isShared, kSource);
   DCAssert(*thumbnailIdentifier != *identifier, kSource);
   return thumbnail;
 }

@@ -52,7 +52,7 @@ class DCCachedItemManager : public FilePresenter, public std::enable_shared_from
                                                        const std::shared_ptr<DCService>& service);
 
   // A manager besides the registered one, for what else works on the same container.
-  static Ptr managerWithService(std::shared_ptr<DCService> service, std::shared_ptr<DCDatabase> database);
+  static Ptr managerWithService(const std::shared_ptr<DCService>& service, std::shared_ptr<DCDatabase> database);
   ~DCCachedItemManager() override;
 
   const std::shared_ptr<DCService>& service() const;
@@ -90,6 +90,8 @@ class DCCachedItemManager : public FilePresenter, public std::enable_shared_from
   // The item goes from the cache, with what lies below it; file and metadata of a document only with its last path.
   // Bytes that were never sent are moved to the container's "Recovered" folder first.
   void removeItem(const DCCachedItem::Ptr& item);
+  // Several at once, with one transaction for their records.
+  void removeItems(const std::vector<DCCachedItem::Ptr>& items);
   // The object only: the next request makes a new one.
   void forgetItem(const DCCachedItem::Ptr& item);
   // Not supported: a soft assertion.

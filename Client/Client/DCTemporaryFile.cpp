@@ -27,7 +27,7 @@ std::string folderOf(const std::string& path) { return path.substr(0, path.rfind
 std::string folderFor(const std::string& target) {
   auto temporary = DUTemporaryDirectory();
   struct stat ours{}, theirs{};
-  const std::string folder = folderOf(target);
+  std::string folder = folderOf(target);
   if (temporary && stat(temporary->c_str(), &ours) == 0 && stat(folder.c_str(), &theirs) == 0 &&
       ours.st_dev == theirs.st_dev) {
     return *temporary;
@@ -46,20 +46,20 @@ Result<DCTemporaryFile> DCTemporaryFile::linkedTo(const std::string& source, con
   std::string path = folder + "/" + kPrefix + makeUUID();
   if (link(source.c_str(), path.c_str()) == 0) return DCTemporaryFile(std::move(path));
   if (errno == ENOENT) return Failure(Error::fileRead(errno, source));
-  return copied(source, folder, false);
+  return copied(source, folder);
 }
 
 Result<DCTemporaryFile> DCTemporaryFile::copyOf(const std::string& source, const std::string& target) {
   const std::string folder = folderFor(target);
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
     auto before = DCFileStamp::of(source);
-    auto copy = copied(source, folder, true);
+    auto copy = copied(source, folder);
     if (!copy || DCFileStamp::of(source) == before) return copy;
   }
   return Failure(Error::fileRead(EBUSY, source));
 }
 
-Result<DCTemporaryFile> DCTemporaryFile::copied(const std::string& source, const std::string& folder, bool sync) {
+Result<DCTemporaryFile> DCTemporaryFile::copied(const std::string& source, const std::string& folder) {
   auto file = openFile(source, O_RDONLY | O_NONBLOCK);
   if (!file) return Failure(file.error());
   struct stat status{};
@@ -72,14 +72,7 @@ Result<DCTemporaryFile> DCTemporaryFile::copied(const std::string& source, const
   // Whole microseconds, as dates are known everywhere else.
   done = setContentModificationDate(made->first.get(), Date::fromTimespec(status.st_mtim));
   if (!done) return Failure(done.error());
-  if (sync && fsync(made->first.get()) != 0) return Failure(Error::fileWrite(errno, copy.path_));
   return copy;
-}
-
-Result<void> DCTemporaryFile::setModificationDate(Date date) const {
-  auto file = openFile(path_, O_RDONLY);
-  if (!file) return Failure(file.error());
-  return setContentModificationDate(file->get(), date);
 }
 
 Result<void> DCTemporaryFile::sync() const {

@@ -1,6 +1,5 @@
 #pragma once
 
-#include "platform/Date.h"
 #include "platform/Error.h"
 
 #include <optional>
@@ -16,7 +15,7 @@ class DCTemporaryFile {
   // The very same file under another name; a copy, not synced, where the file system cannot link. Made where it can be
   // renamed to the target.
   static Result<DCTemporaryFile> linkedTo(const std::string& source, const std::string& target);
-  // A copy with the source's date that is on stable storage. An error (EBUSY as underlying one) when the source is
+  // A copy with the source's date, not synced. An error (EBUSY as underlying one) when the source is
   // being written, however often it is tried.
   static Result<DCTemporaryFile> copyOf(const std::string& source, const std::string& target);
 
@@ -25,14 +24,14 @@ class DCTemporaryFile {
   ~DCTemporaryFile();
 
   const std::string& path() const { return path_; }
-  Result<void> setModificationDate(Date date) const;
+  // Puts its bytes on stable storage.
   Result<void> sync() const;
   // Renames it over the target.
   Result<void> moveTo(const std::string& target);
 
  private:
   explicit DCTemporaryFile(std::string path) : path_(std::move(path)) {}
-  static Result<DCTemporaryFile> copied(const std::string& source, const std::string& folder, bool sync);
+  static Result<DCTemporaryFile> copied(const std::string& source, const std::string& folder);
   std::string path_;
 };
 

@@ -61,7 +61,9 @@ class CacheFixture : public testing::Test {
     for (const Value& value : entries) {
       Dictionary fields = *value.asDictionary();
       auto child = *fields.string(ResourceNameKey);
-      auto childPath = directoryPath.empty() ? child : directoryPath + "/" + child;
+      std::string childPath = directoryPath;
+      if (!childPath.empty()) childPath += '/';
+      childPath += child;
       if (!database_->documentIdentifierForPath(childPath) && !database_->knownUploadForPath(childPath)) {
         (void)manager_->recordChildren(*listed, {{child, *fields.data(FVDocumentIdentifierKey)}});
       }

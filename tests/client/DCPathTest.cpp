@@ -177,6 +177,8 @@ TEST_F(DCPathTest, NewUploadsWaitBesideTheItems) {
   EXPECT_EQ(path->string(), documents("upload+Projects:2015/report.txt"));
   EXPECT_TRUE(std::filesystem::is_directory(documents("upload+Projects:2015")));
   EXPECT_EQ(DCFullPath::uploadFullPathWithParentRelativePath(relative(""), "n")->string(), documents("upload+/n"));
+  auto colon = DCFullPath::uploadFullPathWithParentRelativePath(relative("Projects:2015"), "report.txt");
+  EXPECT_NE(colon->string(), path->string());
   std::string deep(200, 'a');
   auto far = DCFullPath::uploadFullPathWithParentRelativePath(relative(deep + "/" + deep), "n");
   EXPECT_TRUE(std::filesystem::is_directory(std::filesystem::path(far->string()).parent_path()));
