@@ -171,6 +171,14 @@ void DCCachedItem::_saveLastUpdateGenerationIdentifier() {
   }
 }
 
+// As that of the last update, so that it stays known when the others change: a kill may have left it in one of those
+// only.
+Dictionary DCCachedItem::presentGenerationIfKnown() const {
+  auto present = _localGenerationIdentifier();
+  if (!present || !isKnownGeneration(present)) return {};
+  return {{DCFileLastUpdateGenerationIdentifierKey, *present}};
+}
+
 Result<void> DCCachedItem::dateContents(Date date, std::string_view generationKey) {
   const std::string path = contentsPath().value_or("");
   if (localContentModificationDate() == date) return {};
@@ -178,7 +186,9 @@ Result<void> DCCachedItem::dateContents(Date date, std::string_view generationKe
     // Known before the file has it, so that a kill in between does not make it look written.
     auto generation = generationCounterOfItemDated(path, date);
     if (!generation) return Failure(generation.error());
-    if (*generation) saveOtherMetadata({{Key(generationKey), **generation}});
+    Dictionary values = presentGenerationIfKnown();
+    if (*generation) values.set(Key(generationKey), **generation);
+    if (!values.empty()) saveOtherMetadata(values);
   }
   auto file = openFile(path, O_RDONLY | O_NONBLOCK | O_NOFOLLOW);
   if (!file) return Failure(file.error());
@@ -375,6 +385,7 @@ bool DCCachedItem::_storeResponse(const FVFResponseContainer& responseContainer,
   if (keepsGenerations()) {
     // Known before it is in place: a kill in between must not make the server's bytes look like somebody's own.
     auto generation = FVFGenerationIdentifierUtils::versionIdentifierForFileWithURL(url);
+    values = presentGenerationIfKnown();
     if (generation && *generation) values.set(DCFileLastDownloadGenerationIdentifierKey, **generation);
   }
   _setRemoteMetadataWithoutNeedingLocking(response.metadata, std::move(values));

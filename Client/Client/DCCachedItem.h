@@ -218,6 +218,7 @@ class DCCachedItem : public std::enable_shared_from_this<DCCachedItem> {
   void _saveLastUpdateGenerationIdentifier();
   // Whether the generation is one that was recorded at an exchange with the server.
   bool isKnownGeneration(const std::optional<Data>& generationIdentifier) const;
+  Dictionary presentGenerationIfKnown() const;
   // Gives the contents another date without making them look written. An error when that failed.
   Result<void> dateContents(Date date, std::string_view generationKey);
   // The bytes of a new file go where its identifier says, and its upload record with them; false when there are none.

@@ -2,9 +2,13 @@
 #include "platform/Exceptions.h"
 #include "tests/client/CacheFixture.h"
 
+#include <csignal>
 #include <future>
 
 #include <gmock/gmock.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace florvane {
 namespace {
@@ -212,6 +216,63 @@ TEST_F(DCCachedItemManagerTest, AnotherProcessIsHeardOf) {
   EXPECT_THAT(directory("d")->localItems(), IsEmpty());
   database_->uploadForPath("a")->markAsCancelled();
   EXPECT_EQ(database_->knownUploadForPath("a"), nullptr);
+}
+
+TEST_F(DCCachedItemManagerTest, AKillAtAnyMomentLosesNothing) {
+  ASSERT_TRUE(file("c")->updateFileFromURL(URL::fileURL(source("precious"))));
+  ASSERT_TRUE(file("c")->updateDocumentIdentifier(bytes("C")));
+  int written = 0;
+  for (int round = 0; round < 15; ++round) {
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
+    posix_spawn_file_actions_addclose(&actions, ends[0]);
+    std::string program = std::string(FLORVANE_BIN_DIR) + "/cache_peer", number = std::to_string(written + 1);
+    char* arguments[] = {program.data(), number.data(), nullptr};
+    pid_t process = 0;
+    ASSERT_EQ(posix_spawn(&process, program.c_str(), &actions, nullptr, arguments, environ), 0);
+    posix_spawn_file_actions_destroy(&actions);
+    close(ends[1]);
+    FILE* output = fdopen(ends[0], "r");
+    for (int lines = 0; lines <= round / 3 && fscanf(output, "%d", &written) == 1; ++lines) {
+    }
+    // Somewhere in the next turn: as long after its beginning as it takes to read a few files.
+    for (int i = 0; i < round * 40; ++i) (void)readFile(documents("41/a"));
+    kill(process, SIGKILL);
+    while (fscanf(output, "%d", &written) == 1) {
+    }
+    int status = 0;
+    waitpid(process, &status, 0);
+    EXPECT_TRUE(WIFSIGNALED(status));
+    fclose(output);
+
+    auto fresh = DCCachedItemManager::managerWithService(service_, std::make_shared<DCDatabase>(service_, clock_));
+    auto a = fresh->file(path("a"));
+    const Data contents = a->contents().value_or(Data());
+    EXPECT_EQ(contents.size(), 65536U);
+    EXPECT_EQ(contents.view().find_first_not_of(contents.view().substr(0, 1)), std::string_view::npos);
+    EXPECT_FALSE(a->isUnsent());
+    a->prepareForDownload();
+    auto told = a->remoteMetadata();
+    EXPECT_TRUE(!told || told->date(ResourceContentModificationDateKey) == a->localContentModificationDate());
+
+    auto b = fresh->file(path("b"));
+    EXPECT_FALSE(b->undoInterruptedWrite());
+    EXPECT_TRUE(b->isUnsent());
+    const int last = std::stoi(std::string(b->contents().value_or(bytes("-1")).view()));
+    EXPECT_TRUE(last == written || last == written + 1) << last << " after " << written;
+    written = last;
+
+    const auto places = database_->pathsForDocumentIdentifier(bytes("C"));
+    ASSERT_EQ(places.size(), 1U);
+    auto precious = fresh->file(path(places.front()));
+    EXPECT_EQ(precious->contents(), bytes("precious"));
+    EXPECT_TRUE(precious->isUnsent());
+    EXPECT_EQ(database_->uploadForPath(places.front())->fileURL(), precious->fullPath()->string());
+  }
+  EXPECT_THAT(database_->uploadPaths(), testing::SizeIs(2));
 }
 
 TEST_F(DCCachedItemManagerTest, ChildrenAreAskedForTogether) {
