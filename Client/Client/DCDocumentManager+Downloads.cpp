@@ -3,9 +3,17 @@
 #include "Client/Client/DCLog.h"
 #include "Client/Client/HTTPSASLClientSession.h"
 #include "common/FVFMetadataUtils.h"
-#include "platform/Exceptions.h"
+#include "platform/FileSystem.h"
+#include "platform/PropertyList.h"
 
+#include <array>
+#include <cerrno>
+#include <string_view>
 #include <utility>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace florvane {
 
@@ -15,6 +23,7 @@ constexpr char kSource[] = "Client/Client/DCDocumentManager";
 // Answers that another process has overtaken, or that confirm what is not there, are asked for again; not for ever.
 constexpr int kMostAttempts = 3;
 constexpr std::int64_t kUnauthorized = 401;
+constexpr std::uint64_t kMostBytesOfTextListing = std::uint64_t{512} << 20U;
 
 bool isConnectionFailure(const Error& error) {
   if (error.domain() != URLErrorDomain) return false;
@@ -37,6 +46,45 @@ const Error* connectionFailureOf(const Error& error) {
     if (isConnectionFailure(*cause)) return cause;
   }
   return nullptr;
+}
+
+// Whether the file is a property list whose root is an array, told of a binary one by its end alone: it is read whole
+// when it has taken its place, and what is no listing must not take that of one that is.
+bool isListing(const std::optional<URL>& url) {
+  constexpr std::size_t headSize = 8, trailerSize = 32, numberSize = 8;
+  std::array<unsigned char, headSize> head{};
+  std::array<unsigned char, trailerSize> trailer{};
+  auto file = url ? openFile(url->path(), O_RDONLY) : Result<FileDescriptor>(Failure(Error::posix(ENOENT)));
+  struct stat status{};
+  if (!file || fstat(file->get(), &status) != 0) return false;
+  const bool isBinary = status.st_size >= static_cast<off_t>(headSize + trailerSize) &&
+                        pread(file->get(), head.data(), headSize, 0) == static_cast<ssize_t>(headSize) &&
+                        std::string_view(reinterpret_cast<const char*>(head.data()), headSize) == "bplist00";
+  if (!isBinary) {
+    auto bytes = readFile(url->path(), kMostBytesOfTextListing);
+    auto list = bytes ? readPropertyList(*bytes) : Result<Value>(Failure(bytes.error()));
+    return list && list->kind() == Value::Kind::Array;
+  }
+  if (pread(file->get(), trailer.data(), trailerSize, status.st_size - static_cast<off_t>(trailerSize)) !=
+      static_cast<ssize_t>(trailerSize)) {
+    return false;
+  }
+  auto number = [](const unsigned char* bytes, std::size_t size) {
+    std::uint64_t value = 0;
+    for (std::size_t i = 0; i < size; ++i) value = value << 8U | bytes[i];
+    return value;
+  };
+  const std::size_t offsetSize = trailer[6];
+  const std::uint64_t root = number(&trailer[16], numberSize), table = number(&trailer[24], numberSize);
+  const auto size = static_cast<std::uint64_t>(status.st_size);
+  if (offsetSize < 1 || offsetSize > numberSize || table >= size || root >= (size - table) / offsetSize) return false;
+  std::array<unsigned char, numberSize> offset{};
+  unsigned char marker = 0;
+  constexpr unsigned arrayKind = 0xA;
+  return pread(file->get(), offset.data(), offsetSize, static_cast<off_t>(table + root * offsetSize)) ==
+             static_cast<ssize_t>(offsetSize) &&
+         pread(file->get(), &marker, 1, static_cast<off_t>(number(offset.data(), offsetSize))) == 1 &&
+         marker >> 4U == arrayKind;
 }
 
 }  // namespace
@@ -89,7 +137,11 @@ DCDocumentManager::DownloadDecision DCDocumentManager::_downloadDecision(const D
                               _activityInfoForItem(*file), nullptr);
     return DownloadDecision::Conflict;
   }
-  const bool needsDownload = item->needsDownload();
+  const auto* directory = dynamic_cast<DCCachedDirectory*>(item.get());
+  // A listing that cannot be read any more would be confirmed for ever.
+  const bool isDamaged = directory && !directory->needsInitialDownload() && !directory->directoryContents();
+  if (isDamaged) item->clearRemoteMetadata();
+  const bool needsDownload = isDamaged || item->needsDownload();
   const bool isUpToDate = item->isUpToDate();
   if (isUpToDate && !needsDownload) return DownloadDecision::Nothing;
   if (item->needsInitialUpload() && !item->needsInitialSynchronization()) return DownloadDecision::Parent;
@@ -289,6 +341,10 @@ DCDocumentManager::OptionalError DCDocumentManager::_updateFreshlyDownloadedDire
     }
     return std::nullopt;
   }
+  if (!isListing(downloadedDirectory->url())) {
+    DCLogWarning("Ignoring an answer for '%@' that is no listing", directory->relativePath()->string());
+    return Error(URLErrorDomain, URLErrorCannotParseResponse);
+  }
   _didDownloadChangedItem(*directory, downloadedDirectory->metadata());
   // What others have brought in meanwhile is taken in before it is replaced.
   _processListingOfOthers(directory);
@@ -296,13 +352,9 @@ DCDocumentManager::OptionalError DCDocumentManager::_updateFreshlyDownloadedDire
   if (!cachedItemManager()->updateItem(directory, *downloadedDirectory)) {
     return DCError::errorItemNotDownloadedWithUserInfo(DCError::userInfoWithItem(*directory));
   }
-  directory->setLastDownloadDate(now);
   auto current = directory->directoryContents();
-  if (!current) {
-    // What came is no listing. Without its metadata nothing confirms it.
-    directory->clearRemoteMetadata();
-    return DCError::errorItemNotDownloadedWithUserInfo(DCError::userInfoWithItem(*directory));
-  }
+  if (!current) return DCError::errorItemNotDownloadedWithUserInfo(DCError::userInfoWithItem(*directory));
+  directory->setLastDownloadDate(now);
   _processDirectoryChangesWithDirectory(directory, current, previous, fetchingForChild, remoteMetadataPtr);
 
   const std::string path = directory->relativePath()->string();

@@ -154,7 +154,8 @@ DCDocumentManager::Listing DCDocumentManager::_listingOfDirectory(const DCCached
     }
   }
   const bool isConsistent = names.size() == local && names.size() == remote;
-  if (directory->needsInitialDownload()) {
+  if (!contents) {
+    // Never listed, or the listing cannot be read any more.
     listing.state = DCDocumentManagerFreshnessStateUnknown;
   } else if (isConsistent && (directory->isUpToDate() || _isWatchedAndUpToDateItem(*directory))) {
     listing.state = DCDocumentManagerFreshnessStateFresh;
