@@ -31,9 +31,8 @@ std::shared_ptr<DCService> makeService(std::uint16_t port, const std::string& us
 template <typename T, typename Operation>
 Answer<T> wait(const Operation& operation) {
   auto promise = std::make_shared<std::promise<Answer<T>>>();
-  operation([promise](DCDocumentManager::State state, const std::optional<T>& value, const std::optional<Error>& error) {
-    promise->set_value({state, value, error});
-  });
+  operation([promise](DCDocumentManager::State state, const std::optional<T>& value,
+                      const std::optional<Error>& error) { promise->set_value({state, value, error}); });
   return promise->get_future().get();
 }
 
@@ -87,7 +86,8 @@ std::string DocumentClient::text(const Answer<URL>& answer) {
 std::vector<std::string> DocumentClient::names(const Answer<Array>& answer) {
   std::vector<std::string> names;
   if (!answer.value) return names;
-  for (const Value& each : *answer.value) names.push_back(each.asDictionary()->string(ResourceNameKey).value_or("(none)"));
+  for (const Value& each : *answer.value)
+    names.push_back(each.asDictionary()->string(ResourceNameKey).value_or("(none)"));
   return names;
 }
 

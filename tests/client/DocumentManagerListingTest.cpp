@@ -65,8 +65,8 @@ TEST(DocumentManagerListing, StaysCurrentForASecondAndIsRefreshedAfterIt) {
   EXPECT_THAT(client.names(refreshed), ElementsAre("a.txt", "new.txt"));
 
   // A clock that was set back says nothing of how long ago something was.
-  const auto directory = DCCachedItemManager::directoryAtRelativePath(
-      DCRelativePath::relativePathWithString("Files", client.service));
+  const auto directory =
+      DCCachedItemManager::directoryAtRelativePath(DCRelativePath::relativePathWithString("Files", client.service));
   directory->setLastDownloadDate(client.clock.now() + seconds(60));
   EXPECT_EQ(client.list("Files").state, 1);
   client.settle("Files");

@@ -31,8 +31,7 @@ class ScriptedTree {
       : certificate_(makeCertificate()),
         server([this](ScriptedServer::Connection& connection) { serve(connection); }, certificate_),
         client(server.port()) {
-    auto stored =
-        DCPreferences::preferences()->setAuthCookie(Secret("k=scripted"), certificate_.der(), client.service);
+    auto stored = DCPreferences::preferences()->setAuthCookie(Secret("k=scripted"), certificate_.der(), client.service);
     if (!stored) throw std::runtime_error(stored.error().description());
     HTTPSASLClientSessionManager::HTTPSASLClientSessionManagerForService(client.service)
         ->restoreCachedCookieAndCertDataFromPreferences();
@@ -58,8 +57,8 @@ class ScriptedTree {
   }
   void answer(const std::string& command, const Dictionary& metadata, const std::string& body) {
     std::string text = "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(body.size()) + "\r\n" +
-                       DUHeaderTransferTypeKey + ": 1\r\nETag: " +
-                       pu_hex(*metadata.data(FVVersionIdentifierKey)) + "\r\n" + DUHeaderMetadataKey + ": " +
+                       DUHeaderTransferTypeKey + ": 1\r\nETag: " + pu_hex(*metadata.data(FVVersionIdentifierKey)) +
+                       "\r\n" + DUHeaderMetadataKey + ": " +
                        *FVFMetadataUtils::headerFromMetadata(metadata, PropertyListFormat::Binary) + "\r\n\r\n" + body;
     std::lock_guard lock(mutex_);
     answers_[command] = text;
