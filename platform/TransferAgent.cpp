@@ -275,7 +275,12 @@ void TransferAgent::attemptDidEnd(TransferAttempt& attempt, TransferOutcome outc
   }
   if (!node || stopped_) return;
   bool again = outcome.error && outcome.error->domain() == kAgainDomain;
-  if (!attempt.mayHaveSent() && outcome.error && (again || meansUnreachable(*outcome.error))) {
+  bool waits = !attempt.mayHaveSent() && outcome.error && (again || meansUnreachable(*outcome.error));
+  if (waits && node.mapped().cancelled) {
+    waits = false;
+    outcome.error = makeCancelledError(attempt.task().request.url);
+  }
+  if (waits) {
     schedule_.didFail(identifier, clock_.monotonicNow());
     if (again && outcome.error->code() == static_cast<std::int64_t>(Again::AtOnce)) schedule_.retry(server);
   } else {
@@ -314,6 +319,8 @@ void TransferAgent::startAttempt(std::uint64_t identifier) {
 void TransferAgent::cancel(std::uint64_t task) {
   auto found = running_.find(task);
   if (found != running_.end()) {
+    // Remembered, since the attempt may have ended by now without the queue having heard of it.
+    found->second.cancelled = true;
     found->second.attempt->cancel();
     return;
   }

@@ -43,6 +43,7 @@ class TransferAgent final : public TransferAttemptClient, public std::enable_sha
  private:
   struct Running {
     std::shared_ptr<TransferAttempt> attempt;
+    bool cancelled = false;
     std::uint64_t describedTo = 0;  // number of the peer that knows what task this is
   };
   struct Judge {
