@@ -111,6 +111,13 @@ StoreResult<void> DirectoryCatalog::refresh(KnownDirectory& directory, const Loc
                                             const ClientDates* dates) {
   auto& contents = directory.contents;
   const int descriptor = located.descriptor.get();
+  const auto stamp = located.share->folder->stamp(descriptor);
+  if (!stamp) {
+    contents.loaded = false;
+    return tl::unexpected(stamp.error());
+  }
+  // Another folder has taken the place: what is watched and remembered is the former one's.
+  if (!(contents.self.stamp.identity == stamp->identity)) contents.watch = nullptr;
   bool everything = false;
   if (!contents.loaded) {
     if (auto loaded = load(directory); !loaded) return loaded;
@@ -125,11 +132,6 @@ StoreResult<void> DirectoryCatalog::refresh(KnownDirectory& directory, const Loc
   watcher_.drain();
   KnownDirectory::Pending pending = directory.takePending();
 
-  const auto stamp = located.share->folder->stamp(descriptor);
-  if (!stamp) {
-    contents.loaded = false;
-    return tl::unexpected(stamp.error());
-  }
   std::optional<std::vector<std::string>> names;
   if (!everything && !pending.everything) {
     names.emplace(pending.names.begin(), pending.names.end());
@@ -275,7 +277,10 @@ StoreResult<void> DirectoryCatalog::identify(const KnownDirectory& directory, Me
     const auto sameName = lostByName.find(newcomer.name);
     if (sameName != lostByName.end() &&
         sameName->second->stamp.identity.directory == newcomer.stamp.identity.directory) {
-      take(newcomer, *sameName->second);
+      // Unless the file that had the name was met elsewhere since, with its identifier.
+      auto record = index_.at(directory.identifier(), newcomer.name);
+      if (!record) return tl::unexpected(record.error());
+      if (*record && (*record)->identifier == sameName->second->identifier) take(newcomer, *sameName->second);
     }
     if (newcomer.identifier != DocumentIdentifier{}) continue;
     auto taken = takeRecord(directory, merge, newcomer);
