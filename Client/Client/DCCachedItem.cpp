@@ -291,7 +291,8 @@ bool DCCachedItem::needsInitialDownload() const {
   auto locked = lock();
   if (hasBeenDownloaded()) return false;
   if (!isRoot() && relativeAge() != DCCachedItemOrderUnknown) return false;
-  DCAssert(!remoteMetadata(), kSource);
+  // Without contents it is what a kill left of a download, or the beginning of one by another process.
+  if (localContentModificationDate()) DCAssert(!remoteMetadata(), kSource);
   return true;
 }
 
