@@ -101,8 +101,22 @@ Result<void> DCDatabase::removeUploadForPath(const std::string& path) {
     context.deleteObject(upload);
     rememberUpload(path, nullptr);
   });
-  if (removed) announceUploads();
+  if (removed) {
+    std::unique_lock lock(removedUploadsMutex_);
+    removedUploads_.insert(path);
+    lock.unlock();
+    announceUploads();
+  }
   return saved;
+}
+
+std::vector<std::string> DCDatabase::takePathsOfRemovedUploads() {
+  std::unordered_set<std::string> removed;
+  {
+    std::lock_guard lock(removedUploadsMutex_);
+    removed.swap(removedUploads_);
+  }
+  return {removed.begin(), removed.end()};
 }
 
 Result<void> DCDatabase::removeCancelledUpload(const UploadPtr& upload) {

@@ -18,6 +18,7 @@
 #include <optional>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -97,6 +98,8 @@ class DCDatabase {
   Result<void> removeUploadForPath(const std::string& path);
   // Announces.
   Result<void> removeCancelledUpload(const UploadPtr& upload);
+  // The paths whose records this process has removed since the last call.
+  std::vector<std::string> takePathsOfRemovedUploads();
 
   // The same look-ups answered from memory, without a turn of the queue, where the answer is known and no other process
   // has changed the store as far as refresh() or another look-up has heard. Exact as to this process's own changes.
@@ -152,6 +155,8 @@ class DCDatabase {
   const std::shared_ptr<DCService> service_;
   Clock& clock_;
   const URL databaseURL_;
+  std::mutex removedUploadsMutex_;  // guards removedUploads_
+  std::unordered_set<std::string> removedUploads_;
   std::mutex mutex_;  // guards context_; never held while work runs in it
   std::shared_ptr<ManagedObjectContext> context_;
   const std::unique_ptr<Memory> memory_;

@@ -37,8 +37,6 @@ enum DCDocumentManagerFreshnessState : std::int64_t {
   DCDocumentManagerFreshnessStateFresh = 4,
 };
 
-// An upload that gave up; posted to all processes of the container, without user info.
-inline constexpr char FlorvaneUploadDidFailNotification[] = "FlorvaneUploadDidFailNotification";
 // The number of refused attempts after which an upload gives up.
 inline constexpr std::int64_t DCFileUploadMaxNumberOfRetries = 2;
 

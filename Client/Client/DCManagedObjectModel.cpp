@@ -17,6 +17,13 @@ ManagedEntity entity(const char* name, bool durable = false) {
   return {name, T::attributes(), [] { return std::make_shared<T>(); }, durable};
 }
 
+// The model as version 1 of the store had it.
+ManagedObjectModel firstModel() {
+  ManagedObjectModel model = DCManagedObjectModel();
+  model.entities[DCEntityIndexUpload].attributes.resize(DCManagedUpload::BaseVersionIdentifier);
+  return model;
+}
+
 }  // namespace
 
 const ManagedObjectModel& DCManagedObjectModel() {
@@ -33,9 +40,15 @@ const ManagedObjectModel& DCManagedObjectModel() {
 }
 
 const std::vector<std::string>& DCManagedObjectMigrations() {
-  // Version 1 is the model itself; a change of the model adds the statements that lead to it.
-  static const auto& migrations =
-      *new std::vector<std::string>{ManagedObjectContext::schemaOfModel(DCManagedObjectModel())};
+  // A change of the model adds the statements that lead to it; what stands here never changes.
+  static const auto& migrations = *new std::vector<std::string>{
+      ManagedObjectContext::schemaOfModel(firstModel()),
+      // What an upload is based on, what of it may have arrived, and what it is in conflict with.
+      "ALTER TABLE \"Upload\" ADD COLUMN \"baseVersionIdentifier\" BLOB;\n"
+      "ALTER TABLE \"Upload\" ADD COLUMN \"attempts\" BLOB;\n"
+      "ALTER TABLE \"Upload\" ADD COLUMN \"conflictingVersionIdentifier\" BLOB;\n"
+      "ALTER TABLE \"Upload\" ADD COLUMN \"conflictingFileURL\" TEXT;\n",
+  };
   return migrations;
 }
 

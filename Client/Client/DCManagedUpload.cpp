@@ -5,6 +5,7 @@
 #include "platform/Encoding.h"
 #include "platform/FileSystem.h"
 #include "platform/Format.h"
+#include "platform/PropertyList.h"
 
 #include <algorithm>
 
@@ -13,6 +14,7 @@ namespace florvane {
 namespace {
 
 constexpr std::size_t kLongestName = 255;
+constexpr std::size_t kMostAttempts = 16;
 
 }  // namespace
 
@@ -28,7 +30,11 @@ std::vector<ManagedAttribute> DCManagedUpload::attributes() {
           {"error", Value::Kind::String},
           {"numberOfRetries", Value::Kind::Integer},
           {"generationIdentifier", Value::Kind::Data},
-          {"cancelled", Value::Kind::Boolean}};
+          {"cancelled", Value::Kind::Boolean},
+          {"baseVersionIdentifier", Value::Kind::Data},
+          {"attempts", Value::Kind::Data},
+          {"conflictingVersionIdentifier", Value::Kind::Data},
+          {"conflictingFileURL", Value::Kind::String}};
 }
 
 std::optional<URL> DCManagedUpload::temporaryUploadFileURLForItemAtPath(
@@ -64,12 +70,56 @@ void DCManagedUpload::markAsCancelled() {
   setState({});
   setTotalBytesExpectedToSend({});
   setTotalBytesSent({});
+  setBaseVersionIdentifier({});
+  removeAttempts();
+  setConflictingVersionIdentifier({});
+  setConflictingVersionURL({});
   setCancelled(true);
 }
 
 void DCManagedUpload::removeTemporaryUploadFileIfNecessary() const {
   auto url = temporaryUploadFileURLForItemAtPath(path(), generationIdentifier());
   if (url) (void)removeItem(url->path());
+  if (auto copy = conflictingVersionURL()) (void)removeItem(copy->path());
+}
+
+std::vector<DCUploadAttempt> DCManagedUpload::attempts() const {
+  std::vector<DCUploadAttempt> attempts;
+  const auto bytes = value(Attempts).asData();
+  const auto list = bytes ? readPropertyList(*bytes) : Result<Value>(Value());
+  const auto flat = list ? list->asArray() : std::nullopt;
+  if (!flat) return attempts;
+  attempts.reserve(flat->size() / 2);
+  for (std::size_t i = 0; i + 1 < flat->size(); i += 2) {
+    const auto size = (*flat)[i].asInteger();
+    const auto date = (*flat)[i + 1].asDate();
+    if (size && date) attempts.push_back({*size, *date});
+  }
+  return attempts;
+}
+
+void DCManagedUpload::addAttempt(const DCUploadAttempt& attempt) {
+  auto list = attempts();
+  std::erase(list, attempt);
+  list.push_back(attempt);
+  Array flat;
+  for (std::size_t i = list.size() > kMostAttempts ? list.size() - kMostAttempts : 0; i < list.size(); ++i) {
+    flat.append(list[i].size);
+    flat.append(list[i].date);
+  }
+  if (auto bytes = writePropertyList(flat, PropertyListFormat::Binary)) setValue(Attempts, *bytes);
+}
+
+void DCManagedUpload::removeAttempts() { setValue(Attempts, {}); }
+
+void DCManagedUpload::resolveConflict() {
+  const auto version = conflictingVersionIdentifier();
+  if (!version) return;
+  setBaseVersionIdentifier(version->empty() ? std::nullopt : version);
+  setConflictingVersionIdentifier({});
+  setNumberOfRetries(0);
+  setError({});
+  removeAttempts();
 }
 
 std::optional<std::string> DCManagedUpload::path() const { return stringValue(Path); }
@@ -110,5 +160,22 @@ void DCManagedUpload::setGenerationIdentifier(const std::optional<Data>& generat
 }
 bool DCManagedUpload::cancelled() const { return value(Cancelled).asBoolean().value_or(false); }
 void DCManagedUpload::setCancelled(bool cancelled) { setValue(Cancelled, cancelled); }
+std::optional<Data> DCManagedUpload::baseVersionIdentifier() const { return value(BaseVersionIdentifier).asData(); }
+void DCManagedUpload::setBaseVersionIdentifier(const std::optional<Data>& baseVersionIdentifier) {
+  setValue(BaseVersionIdentifier, baseVersionIdentifier);
+}
+std::optional<Data> DCManagedUpload::conflictingVersionIdentifier() const {
+  return value(ConflictingVersionIdentifier).asData();
+}
+void DCManagedUpload::setConflictingVersionIdentifier(const std::optional<Data>& conflictingVersionIdentifier) {
+  setValue(ConflictingVersionIdentifier, conflictingVersionIdentifier);
+}
+std::optional<URL> DCManagedUpload::conflictingVersionURL() const {
+  const auto path = stringValue(ConflictingFileURL);
+  return path ? std::optional(URL::fileURL(*path)) : std::nullopt;
+}
+void DCManagedUpload::setConflictingVersionURL(const std::optional<URL>& url) {
+  setValue(ConflictingFileURL, url ? std::optional(url->path()) : std::nullopt);
+}
 
 }  // namespace florvane

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "platform/Date.h"
 #include "platform/ManagedObject.h"
 #include "platform/URL.h"
 
@@ -9,6 +10,14 @@
 #include <vector>
 
 namespace florvane {
+
+// One sending of a file as the server would store it: by size (bytes) and content modification date its entry in a
+// listing is recognised when the answer was lost.
+struct DCUploadAttempt {
+  std::int64_t size = 0;
+  Date date;
+  bool operator==(const DCUploadAttempt&) const = default;
+};
 
 // Entity "Upload": a file whose contents are still to reach the server. Saves that touch one are on stable storage when
 // they return. Any thread.
@@ -26,7 +35,12 @@ class DCManagedUpload : public ManagedObject {
     ErrorText,
     NumberOfRetries,
     GenerationIdentifier,
-    Cancelled
+    Cancelled,
+    // Since version 2 of the store.
+    BaseVersionIdentifier,
+    Attempts,
+    ConflictingVersionIdentifier,
+    ConflictingFileURL
   };
   static std::vector<ManagedAttribute> attributes();
 
@@ -78,6 +92,23 @@ class DCManagedUpload : public ManagedObject {
   void setGenerationIdentifier(const std::optional<Data>& generationIdentifier);
   bool cancelled() const;
   void setCancelled(bool cancelled);
+  // The server's version that the contents were written over; absent for a new file.
+  std::optional<Data> baseVersionIdentifier() const;
+  void setBaseVersionIdentifier(const std::optional<Data>& baseVersionIdentifier);
+  // What was sent under this name and may have been stored although no answer came, the latest last; at most 16.
+  std::vector<DCUploadAttempt> attempts() const;
+  void addAttempt(const DCUploadAttempt& attempt);
+  void removeAttempts();
+  // The server holds what somebody else stored, of this version: nothing is sent until somebody decides. Empty data
+  // where the server's entry has no version.
+  std::optional<Data> conflictingVersionIdentifier() const;
+  void setConflictingVersionIdentifier(const std::optional<Data>& conflictingVersionIdentifier);
+  bool isConflict() const { return conflictingVersionIdentifier().has_value(); }
+  // A local copy of what somebody else stored; absent while there is none.
+  std::optional<URL> conflictingVersionURL() const;
+  void setConflictingVersionURL(const std::optional<URL>& url);
+  // The contents go on top of what the conflict is with. Nothing happens without one.
+  void resolveConflict();
 };
 
 }  // namespace florvane

@@ -53,6 +53,29 @@ class DCRemoteDocumentManager : public std::enable_shared_from_this<DCRemoteDocu
                                                             const DCActivityInfo::Ptr& activityInfo,
                                                             DCRemoteCompletionHandler completionHandler);
 
+  // Send the file at `source` with the background session: as a new file of that name, or in place of a document whose
+  // version is the given one. The answer is the parent's listing, of a drop box the stored file's own metadata.
+  // `attributes` are the dates that the stored file is to have; `transfer` says what is sent, for whoever finds the task
+  // after a relaunch.
+  DCServerRequest::Ptr writeToFileWithName(const std::string& name, const std::optional<Data>& parentDocumentIdentifier,
+                                           const std::optional<Data>& parentVersionIdentifier,
+                                           const DCActivityInfo::Ptr& activityInfo, const URL& source,
+                                           const std::optional<Dictionary>& attributes,
+                                           const BackgroundTransfer& transfer,
+                                           DCRemoteCompletionHandler completionHandler);
+  DCServerRequest::Ptr writeToFileWithDocumentIdentifier(
+      const Data& documentIdentifier, const std::optional<Data>& versionIdentifier,
+      const std::optional<Data>& parentDocumentIdentifier, const std::optional<Data>& parentVersionIdentifier,
+      const DCActivityInfo::Ptr& activityInfo, const URL& source, const std::optional<Dictionary>& attributes,
+      const BackgroundTransfer& transfer, DCRemoteCompletionHandler completionHandler);
+  // A relaunched process takes on the events of a background session; what each upload task came to is told on the
+  // service's queue.
+  using ServerRequestResponseHandler =
+      std::function<void(std::uint64_t taskIdentifier, const FVFResponseContainer::Ptr& container,
+                         const std::optional<Error>& error)>;
+  void handleEventsForBackgroundURLSession(const std::string& identifier,
+                                           ServerRequestResponseHandler withServerRequestResponseHandler);
+
   // Waits on the server until a watched version differs, tells the handler every pair of the answer, and waits on with
   // exactly those pairs, until finishFetchingUpdates, an error other than a timeout, or a failure status. A new watch
   // takes the place of the one before, whose late answers count for nothing.
@@ -89,6 +112,10 @@ class DCRemoteDocumentManager : public std::enable_shared_from_this<DCRemoteDocu
 
  private:
   HTTPHeaders _standardRequestHeaders() const;
+  HTTPHeaders requestHeadersFromMetadata(const std::optional<Dictionary>& metadata) const;
+  DCServerRequest::Ptr startUpload(const std::string& uri, const DCServerRequest::QueryItems& queryItems,
+                                   const URL& source, const std::optional<Dictionary>& attributes,
+                                   const BackgroundTransfer& transfer, DCRemoteCompletionHandler completionHandler);
   std::optional<std::string> _getUniqueHostIdentifier() const;
   DCServerRequest::Ptr startDownload(const std::string& uri, const DCServerRequest::QueryItems& queryItems,
                                      const std::optional<Data>& unlessVersionIdentifier,

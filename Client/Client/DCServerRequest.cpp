@@ -166,13 +166,15 @@ std::string DCServerRequest::connectionPool() const {
   return service_->uniqueIdentifier() + " " + hexEncode(digest.finish());
 }
 
+URLSessionTaskPtr DCServerRequest::task() {
+  std::lock_guard lock(taskMutex_);
+  return task_.lock();
+}
+
 void DCServerRequest::cancel() {
-  URLSessionTaskPtr task;
-  {
-    std::lock_guard lock(taskMutex_);
-    task = task_.lock();
+  if (auto task = this->task()) {
+    task->cancelByProducingResumeData([](const std::optional<Data>&) {});
   }
-  if (task) task->cancelByProducingResumeData([](const std::optional<Data>&) {});
 }
 
 std::string DCServerRequest::description() const {
@@ -218,8 +220,11 @@ void DCServerRequest::didReceiveChallenge(SessionRef session, TaskRef task, cons
 
 void DCServerRequest::answerChallenge(SessionRef session, const URLAuthenticationChallenge& challenge,
                                       const ChallengeCompletion& completionHandler) const {
-  if (authentication_ && authentication_->sessionDelegate) {
-    authentication_->sessionDelegate->didReceiveChallenge(session, challenge, completionHandler);
+  // A task of an earlier process goes with whatever login there is.
+  auto pinned = authentication_ ? authentication_->sessionDelegate
+                                : sessionManager_->clientSession()->authenticatedSessionDelegate();
+  if (pinned) {
+    pinned->didReceiveChallenge(session, challenge, completionHandler);
   } else {
     completionHandler(ChallengeDisposition::PerformDefaultHandling, nullptr);
   }
@@ -293,6 +298,9 @@ void DCServerRequest::didSendBodyData(SessionRef session, TaskRef task, std::int
               {"totalBytesExpectedToSend", totalBytesExpectedToSend}});
   if (!isOwnSession(session)) return;
   DCLogInfo("Session task %@ did send data: %lld of %lld", task, totalBytesSent, totalBytesExpectedToSend);
+  if (task->kind() == URLSessionTaskKind::Upload) {
+    updateUploadProgress(*task, totalBytesSent, totalBytesExpectedToSend);
+  }
 }
 
 void DCServerRequest::didReceiveData(SessionRef session, TaskRef dataTask, const Data& data) {
@@ -327,6 +335,7 @@ void DCServerRequest::didCompleteWithError(SessionRef session, TaskRef task, con
     clearAuthCookieAndTrustedCertData();
     outcome = Error(URLErrorDomain, 401);
   }
+  if (task->kind() == URLSessionTaskKind::Upload) updateUploadCompletion(*task, outcome);
   // Also when the handler throws: a session that is not dropped would keep this request for ever.
   struct SessionDropper {
     DCServerRequest& request;
@@ -342,6 +351,8 @@ bool DCServerRequest::_shouldClearAuthCookieAndTrustedCertDataForError(const std
   if (authentication_ && authentication_->sessionDelegate && authentication_->sessionDelegate->failed()) return true;
   if (error && error->domain() == URLErrorDomain && error->userInfo().contains(URLErrorFailingPeerTrustKey))
     return true;
+  // What a background task brought is the server's word, also when the login that it went with is gone by now.
+  if (usingBackgroundSession_ && httpResponse_ && !error) return false;
   return !sessionManager_->clientSession()->authenticatedCookie();
 }
 
@@ -363,6 +374,10 @@ std::optional<URL> DCServerRequest::storeResponseData() const {
 }
 
 void DCServerRequest::dropSession() {
+  if (usingBackgroundSession_) {
+    session_ = nullptr;
+    return;
+  }
   if (auto session = std::exchange(session_, nullptr)) session->invalidateAndCancel();
 }
 

@@ -42,6 +42,20 @@ class DCServerRequest : public URLSessionDelegate, public std::enable_shared_fro
                                              std::shared_ptr<DCService> service, const HTTPHeaders& headers,
                                              std::optional<Data> body, DCServerRequestResponseHandler responseHandler);
 
+  // POST of the file's contents by the service's background session, which goes on without this process. `transfer` says
+  // what is sent, for whoever finds the task; the pin is filled in. The handler owns the file that the answer's body is
+  // stored in. Null when signing in failed or the task could not be stored: the handler has had the error then.
+  URLSessionTaskPtr startUploadTaskWithFile(const URL& file, const std::string& uri, const QueryItems& queryItems,
+                                            std::shared_ptr<DCService> service, const HTTPHeaders& headers,
+                                            BackgroundTransfer transfer, DCServerRequestResponseHandler responseHandler);
+  // Takes on a task of that background session which an earlier process, or another request, started.
+  void continueUploadForBackgroundURLSessionWithService(std::shared_ptr<DCService> service, URLSessionPtr session,
+                                                        DCServerRequestResponseHandler responseHandler);
+  bool usingBackgroundSession() const { return usingBackgroundSession_; }
+  bool hasResponseHandler() const { return static_cast<bool>(responseHandler_); }
+  // The one that was started; null before, after its end, and when none could be started.
+  URLSessionTaskPtr task();
+
   // Cancels the task; the handler hears of it. Nothing happens before a start and after the end. Thread-safe.
   void cancel();
   std::string description() const;
@@ -60,6 +74,7 @@ class DCServerRequest : public URLSessionDelegate, public std::enable_shared_fro
                        std::int64_t totalBytesExpectedToSend) override;
   void didReceiveData(SessionRef session, TaskRef dataTask, const Data& data) override;
   void didReceiveResponse(SessionRef session, TaskRef dataTask, const HTTPURLResponse& response) override;
+  // Of a background session this one is told by DCBackgroundSessionManager, on whatever thread the session asks.
   void didCompleteWithError(SessionRef session, TaskRef task, const std::optional<Error>& error) override;
 
   // What deletes a service's local data when a response handler finds the database beyond use; installed by whoever
@@ -87,10 +102,15 @@ class DCServerRequest : public URLSessionDelegate, public std::enable_shared_fro
                        const ChallengeCompletion& completionHandler) const;
   bool _shouldClearAuthCookieAndTrustedCertDataForError(const std::optional<Error>& error) const;
   void clearAuthCookieAndTrustedCertData();
+  void updateUploadProgress(const URLSessionTask& task, std::int64_t totalBytesSent,
+                            std::int64_t totalBytesExpectedToSend);
+  void updateUploadCompletion(const URLSessionTask& task, const std::optional<Error>& error);
   std::optional<URL> storeResponseData() const;
   void handleUnexpectedException(const std::exception& exception, const URL& location) const;
   void dropSession();
 
+  bool usingBackgroundSession_ = false;
+  std::optional<MonotonicTime> lastProgressTime_;
   std::shared_ptr<DCService> service_;
   std::shared_ptr<HTTPSASLClientSessionManager> sessionManager_;
   std::shared_ptr<DCConnectivityTracker> connectivityTracker_;

@@ -1,0 +1,102 @@
+#include "Client/Client/DCBackgroundSessionIdentifier.h"
+#include "Client/Client/DCBackgroundSessionManager.h"
+#include "Client/Client/DCCachedItemManager.h"
+#include "Client/Client/DCLog.h"
+#include "Client/Client/DCUploadManager.h"
+#include "platform/Exceptions.h"
+
+#include <set>
+
+namespace florvane {
+
+// The records as they were before the agent was asked: one that another process writes afterwards names a task that
+// the answer cannot hold.
+struct DCUploadManager::Recovery {
+  struct Record {
+    std::string path;
+    std::optional<std::int64_t> taskIdentifier;
+    std::optional<std::string> sessionIdentifier;
+  };
+  std::vector<Record> records;
+  std::size_t sessionsToAsk = 0;
+  std::optional<Error> error;
+  std::function<void(const std::optional<Error>&)> continuation;
+};
+
+void DCUploadManager::recoverTasks(std::function<void(const std::optional<Error>& error)> continuation) {
+  DCLogTrace("-[DCUploadManager recoverTasks:]");
+  auto recovery = std::make_shared<Recovery>();
+  recovery->continuation = std::move(continuation);
+  std::set<std::string> sessions{DCBackgroundSessionIdentifier(*service_, DCMainBundleIdentifier())};
+  {
+    std::lock_guard lock(mutex_);
+    for (const auto& upload : database().allUploads()) {
+      auto path = upload->path();
+      if (!path || uploadTasks_.contains(*path) || settling_.contains(*path)) continue;
+      recovery->records.push_back({*path, upload->taskIdentifier(), upload->sessionIdentifier()});
+      if (auto session = upload->sessionIdentifier()) sessions.insert(*session);
+    }
+  }
+  recovery->sessionsToAsk = sessions.size();
+  auto manager = backgroundSessionManager();
+  for (const std::string& session : sessions) {
+    manager->tasksOfSession(session, [weak = weak_from_this(), recovery,
+                                      session](const Result<std::vector<URLSessionTaskPtr>>& tasks) {
+      auto self = weak.lock();
+      if (self && tasks) self->recover(*recovery, session, *tasks);
+      if (!tasks) recovery->error = tasks.error();
+      if (--recovery->sessionsToAsk == 0 && recovery->continuation) recovery->continuation(recovery->error);
+    });
+  }
+}
+
+void DCUploadManager::recover(const Recovery& recovery, const std::string& sessionIdentifier,
+                              const std::vector<URLSessionTaskPtr>& tasks) {
+  std::unordered_map<std::uint64_t, URLSessionTaskPtr> byIdentifier;
+  std::unordered_map<std::string, URLSessionTaskPtr> byPath;
+  for (const auto& task : tasks) {
+    byIdentifier[task->taskIdentifier()] = task;
+    // The latest task of a path is the one that counts.
+    if (const auto* transfer = task->backgroundTransfer()) byPath[transfer->path] = task;
+  }
+  const bool isOwnSession = sessionIdentifier == DCBackgroundSessionIdentifier(*service_, DCMainBundleIdentifier());
+  std::lock_guard lock(mutex_);
+  for (const Recovery::Record& record : recovery.records) {
+    const bool isOfSession = record.taskIdentifier && record.sessionIdentifier == sessionIdentifier;
+    if (!isOfSession && (record.taskIdentifier || !isOwnSession)) continue;
+    if (uploadTasks_.contains(record.path) || settling_.contains(record.path)) continue;
+    auto upload = database().uploadForPath(record.path);
+    if (!upload || upload->taskIdentifier() != record.taskIdentifier) continue;
+    auto file = DCCachedItemManager::fileAtRelativePath(DCRelativePath::relativePathWithString(record.path, service_));
+    if (!file) continue;
+    if (isOfSession) {
+      auto task = byIdentifier.find(static_cast<std::uint64_t>(*record.taskIdentifier));
+      if (task != byIdentifier.end()) {
+        adopt(file, record.path, task->second, sessionIdentifier);
+      } else {
+        failLater(file, Error(URLErrorDomain, URLErrorNetworkConnectionLost));
+      }
+      continue;
+    }
+    auto task = byPath.find(record.path);
+    if (task == byPath.end() || task->second->state() == URLSessionTaskState::Canceling) continue;
+    const auto& generation = task->second->backgroundTransfer()->generationIdentifier;
+    if (!generation || generation != file->_localGenerationIdentifier()) continue;
+    const auto source = upload->fileURL();
+    if (!source) continue;
+    // Made by a process that was killed before it could say so.
+    (void)database().saveUploadFileURL(URL::fileURL(*source), generation,
+                                       static_cast<std::int64_t>(task->second->taskIdentifier()), record.path);
+    adopt(file, record.path, task->second, sessionIdentifier);
+    task->second->resume();
+  }
+}
+
+void DCUploadManager::adopt(const DCCachedFile::Ptr& file, const std::string& path, const URLSessionTaskPtr& task,
+                            const std::string& sessionIdentifier) {
+  uploadTasks_[path] = {file, task, task->taskIdentifier(), sessionIdentifier, false};
+  pathsByTask_[taskKey(task->taskIdentifier(), sessionIdentifier)] = path;
+  ++transfersOfOthers_;
+}
+
+}  // namespace florvane

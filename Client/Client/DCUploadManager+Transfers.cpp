@@ -1,0 +1,268 @@
+#include "Client/Client/DCBackgroundSessionIdentifier.h"
+#include "Client/Client/DCBackgroundSessionManager.h"
+#include "Client/Client/DCCachedItemManager.h"
+#include "Client/Client/DCLog.h"
+#include "Client/Client/DCUploadManager.h"
+#include "common/FVFMetadataUtils.h"
+#include "platform/Format.h"
+#include "platform/ResourceValues.h"
+
+#include <array>
+
+namespace florvane {
+
+namespace {
+
+constexpr char kSource[] = "Client/Client/DCUploadManager";
+constexpr std::array<std::string_view, 3> kAttributesToSend = {
+    ResourceAddedToDirectoryDateKey, ResourceContentModificationDateKey, ResourceCreationDateKey};
+constexpr std::array<std::string_view, 2> kAttributesOfSource = {ResourceFileSizeKey,
+                                                                 ResourceContentModificationDateKey};
+
+}  // namespace
+
+std::string DCUploadManager::taskKey(std::uint64_t taskIdentifier, const std::string& sessionIdentifier) {
+  return std::to_string(taskIdentifier) + " " + sessionIdentifier;
+}
+
+std::shared_ptr<DCBackgroundSessionManager> DCUploadManager::backgroundSessionManager() const {
+  return DCBackgroundSessionManager::backgroundSessionManagerForService(service_, DCMainBundleIdentifier());
+}
+
+void DCUploadManager::forgetTransfer(const std::string& path) {
+  auto transfer = uploadTasks_.find(path);
+  if (transfer == uploadTasks_.end()) return;
+  if (!transfer->second.isOwn) --transfersOfOthers_;
+  pathsByTask_.erase(taskKey(transfer->second.taskIdentifier, transfer->second.sessionIdentifier));
+  uploadTasks_.erase(transfer);
+}
+
+void DCUploadManager::uploadFile(const DCCachedFile::Ptr& file,
+                                 const DCRemoteDocumentManager::Ptr& usingRemoteFileManager,
+                                 const DCActivityInfo::Ptr& activityInfo,
+                                 DCUploadCompletionHandler completionHandler) {
+  DCLogTrace("-[DCUploadManager uploadFile:usingRemoteFileManager:activityInfo:completionHandler:]",
+             {{"file", file->description()}, {"activityInfo", activityInfo}});
+  (void)queue_->checkIsCurrent(kSource, __LINE__);
+  std::lock_guard lock(mutex_);
+  _removePendingCompletionHandlersForCompletedUploads();
+  DCAssert(!file->hasBeenRemoved(), kSource);
+  const std::string path = file->relativePath()->string();
+  const Order order{file, usingRemoteFileManager, activityInfo};
+  if (settling_.contains(path)) {
+    // What ended is being decided; whether it was these bytes is known afterwards.
+    Repetition& repetition = afterSettling_[path];
+    repetition.order = order;
+    repetition.handlers.push_back(std::move(completionHandler));
+    return;
+  }
+  if (waitingForSignIn_.contains(path)) {
+    (void)_needsToStartUploadingItemAtSubpath(path, std::move(completionHandler));
+    if (isSignedIn()) startWaiting();
+    return;
+  }
+  if (_isUploadingFileAtPath(path) && !replacesRunningUpload(file, path)) {
+    const bool isFirst = _needsToStartUploadingItemAtSubpath(path, std::move(completionHandler));
+    // A transfer that this process did not start has no handler of ours before.
+    const auto transfer = uploadTasks_.find(path);
+    const bool count = !isFirst || transfer == uploadTasks_.end() || !transfer->second.isOwn;
+    if (!count) DCAssertionFailed(kSource, __LINE__, "count > 1");
+    if (transfer == uploadTasks_.end()) recoverTasks({});
+    return;
+  }
+  (void)_needsToStartUploadingItemAtSubpath(path, std::move(completionHandler));
+  start(order);
+}
+
+// Whether there was an upload of older contents; it has been cancelled then.
+bool DCUploadManager::replacesRunningUpload(const DCCachedFile::Ptr& file, const std::string& path) {
+  auto upload = uploadForItemAtPath(path);
+  const auto local = file->_localGenerationIdentifier();
+  const auto sent = upload ? upload->generationIdentifier() : std::nullopt;
+  if (!sent) DCAssertionFailed(kSource, __LINE__, "upload.generationIdentifier");
+  if (!local) DCAssertionFailed(kSource, __LINE__, "file._localGenerationIdentifier");
+  if (!upload || (sent && local && *sent == *local)) return false;
+  _cancelExistingUpload(upload, file);
+  return true;
+}
+
+// The mark and the record that takes the marked one's place are one save: a kill finds the file queued in any case.
+void DCUploadManager::_cancelExistingUpload(const std::shared_ptr<DCManagedUpload>& upload,
+                                            const DCCachedFile::Ptr& file) {
+  const std::string path = file->relativePath()->string();
+  DCLogInfo("Marking existing upload as cancelled for file at '%@'", path);
+  const auto fullPath = file->fullPath();
+  const std::string source = fullPath ? fullPath->string() : upload->fileURL().value_or("");
+  const auto retries = upload->numberOfRetries();
+  const auto base = upload->baseVersionIdentifier();
+  const auto attempts = upload->attempts();
+  const auto copy = DCManagedUpload::temporaryUploadFileURLForItemAtPath(path, upload->generationIdentifier());
+  DCDatabase& database = this->database();
+  (void)database.performBatch([&] {
+    upload->markAsCancelled();
+    (void)database.saveUploadFileURL(URL::fileURL(source), path);
+    auto successor = database.uploadForPath(path);
+    if (!successor) return;
+    successor->setNumberOfRetries(retries);
+    successor->setBaseVersionIdentifier(base);
+    // What was sent before may have been stored: its entry is still ours.
+    for (const DCUploadAttempt& attempt : attempts) successor->addAttempt(attempt);
+  });
+  cancelTransferOfRecord(upload, path);
+  if (copy) (void)removeItem(copy->path());
+}
+
+void DCUploadManager::cancelTransferOfRecord(const std::shared_ptr<DCManagedUpload>& upload, const std::string& path) {
+  const auto taskIdentifier = upload->taskIdentifier();
+  const auto sessionIdentifier = upload->sessionIdentifier();
+  auto transfer = uploadTasks_.find(path);
+  if (transfer != uploadTasks_.end() && transfer->second.task) {
+    DCLogInfo("Cancelled task using reference from _uploadTask for '%@'", path);
+    auto task = transfer->second.task;
+    forgetTransfer(path);
+    task->cancel();
+    (void)database().removeCancelledUpload(upload);
+    return;
+  }
+  forgetTransfer(path);
+  if (!taskIdentifier || !sessionIdentifier) {
+    (void)database().removeCancelledUpload(upload);
+    return;
+  }
+  backgroundSessionManager()->cancelUpload(
+      static_cast<std::uint64_t>(*taskIdentifier), *sessionIdentifier,
+      [path, taskIdentifier = *taskIdentifier, sessionIdentifier = *sessionIdentifier](bool didCancel) {
+        DCLogInfo("Cancelled existing upload for '%@': %d", path, didCancel ? 1 : 0);
+        if (didCancel) return;
+        Dictionary userInfo;
+        userInfo.set(DCBackgroundSessionManagerTaskIdentifierKey, taskIdentifier);
+        userInfo.set(DCBackgroundSessionManagerSessionIdentifierKey, sessionIdentifier);
+        NotificationCenter::shared().post(DCBackgroundSessionManagerShouldCancelUploadNotification, std::nullopt,
+                                          userInfo);
+      });
+}
+
+void DCUploadManager::start(const Order& order) {
+  const std::string path = order.file->relativePath()->string();
+  if (!isSignedIn()) {
+    waitForSignIn(order);
+    return;
+  }
+  DCLogInfo("Starting upload of file at '%@'", path);
+  auto read = DCCachedItemManager::cachedItemManagerForService(service_)->coordinateReadingForUploadingItem(
+      order.file, [&](const URL& source, const Data& generationIdentifier) {
+        send(order, source, generationIdentifier);
+      });
+  if (read) return;
+  if (auto upload = uploadForItemAtPath(path)) {
+    upload->setNumberOfRetries(upload->numberOfRetries().value_or(0) + 1);
+    (void)database().save();
+  }
+  failLater(order.file, read.error());
+}
+
+std::optional<Data> DCUploadManager::versionToReplace(const DCCachedFile& file, const DCManagedUpload& upload) const {
+  // Empty stands for a file that was new when it was written.
+  if (auto base = upload.baseVersionIdentifier()) return base->empty() ? std::nullopt : base;
+  if (auto last = file.lastRemoteMetadataVersionIdentifier()) return last;
+  const auto entry = file.parentContentsMetadata();
+  return entry ? entry->data(FVVersionIdentifierKey) : std::nullopt;
+}
+
+// What is sent is in the record before the task exists, so that its entry is recognised whatever is lost.
+std::optional<Dictionary> DCUploadManager::prepareRecord(const Order& order, const URL& source) {
+  const std::string path = order.file->relativePath()->string();
+  Dictionary attributes;
+  if (auto local = order.file->localMetadata()) {
+    for (auto key : kAttributesToSend) {
+      if (auto date = local->date(key)) attributes.set(key, *date);
+    }
+  }
+  auto sourceValues = resourceValues(source.path(), kAttributesOfSource);
+  const auto size = sourceValues ? sourceValues->integer(ResourceFileSizeKey) : std::nullopt;
+  const auto date = sourceValues ? sourceValues->date(ResourceContentModificationDateKey) : std::nullopt;
+  if (date) attributes.set(ResourceContentModificationDateKey, *date);
+  DCDatabase& database = this->database();
+  auto saved = database.performBatch([&] {
+    auto upload = database.uploadForPath(path);
+    if (!upload) {
+      const auto fullPath = order.file->fullPathIfKnown();
+      (void)database.saveUploadFileURL(fullPath ? fullPath->url() : source, path);
+      upload = database.uploadForPath(path);
+    }
+    if (!upload) return;
+    upload->resetAndIncrementNumberOfRetries();
+    upload->setBaseVersionIdentifier(versionToReplace(*order.file, *upload).value_or(Data()));
+    if (size && date) upload->addAttempt({*size, *date});
+  });
+  if (!saved) return std::nullopt;
+  return attributes;
+}
+
+void DCUploadManager::send(const Order& order, const URL& source, const Data& generationIdentifier) {
+  const auto& file = order.file;
+  const std::string path = file->relativePath()->string();
+  const auto parent = file->parent();
+  const auto documentIdentifier = file->documentIdentifier();
+  const auto parentDocumentIdentifier = parent ? parent->documentIdentifier() : std::nullopt;
+  const auto parentVersionIdentifier = parent ? parent->versionIdentifier() : std::nullopt;
+  DCAssert(documentIdentifier || parentDocumentIdentifier, kSource);
+  DCAssert(!file->hasBeenRemoved(), kSource);
+  if (!documentIdentifier) {
+    const auto remoteMetadata = file->remoteMetadata();
+    if (remoteMetadata && !remoteMetadata->empty()) DCAssertionFailed(kSource, __LINE__, "file.remoteMetadata.count == 0");
+    if (file->parentContentsMetadata()) DCAssertionFailed(kSource, __LINE__, "!file.parentContentsMetadata");
+  }
+  const auto attributes = prepareRecord(order, source);
+  auto upload = uploadForItemAtPath(path);
+  if (!attributes || !upload) {
+    failLater(file, Error(QuilbarErrorDomain, FileWriteUnknownError));
+    return;
+  }
+  const BackgroundTransfer transfer{path, generationIdentifier, std::nullopt};
+  const std::string sessionIdentifier = DCBackgroundSessionIdentifier(*service_, DCMainBundleIdentifier());
+  auto started = std::make_shared<std::optional<std::uint64_t>>();
+  auto ended = [weak = weak_from_this(), file, started, sessionIdentifier](const FVFResponseContainer::Ptr& container,
+                                                                           const std::optional<Error>& error) {
+    auto self = weak.lock();
+    if (!self) return;
+    if (*started) {
+      self->transferDidEnd(**started, sessionIdentifier, container, error);
+    } else if (error) {
+      self->failLater(file, *error);
+    }
+  };
+  DCServerRequest::Ptr request;
+  if (documentIdentifier) {
+    DCLogDebug("%s: Attempting upload of file at '%@' with documentIdentifier = %@",
+               "-[DCUploadManager uploadFile:usingRemoteFileManager:activityInfo:completionHandler:]", path,
+               *documentIdentifier);
+    request = order.remoteFileManager->writeToFileWithDocumentIdentifier(
+        *documentIdentifier, versionToReplace(*file, *upload), parentDocumentIdentifier, parentVersionIdentifier,
+        order.activityInfo, source, *attributes, transfer, std::move(ended));
+  } else {
+    DCLogDebug("%s: Attempting upload of file at '%@' with parentDocumentIdentifier = %@",
+               "-[DCUploadManager uploadFile:usingRemoteFileManager:activityInfo:completionHandler:]", path,
+               parentDocumentIdentifier);
+    request = order.remoteFileManager->writeToFileWithName(
+        file->relativePath()->lastPathComponent(), parentDocumentIdentifier, parentVersionIdentifier,
+        order.activityInfo, source, *attributes, transfer, std::move(ended));
+  }
+  auto task = request ? request->task() : nullptr;
+  if (!task) return;
+  *started = task->taskIdentifier();
+  uploadTasks_[path] = {file, task, task->taskIdentifier(), sessionIdentifier, true};
+  pathsByTask_[taskKey(task->taskIdentifier(), sessionIdentifier)] = path;
+  const auto recorded = upload->fileURL();
+  // A record that cannot be written is found again by the path and the generation that the task carries.
+  (void)database().saveUploadFileURL(recorded ? URL::fileURL(*recorded) : source, generationIdentifier,
+                                     static_cast<std::int64_t>(task->taskIdentifier()), path);
+}
+
+void DCUploadManager::failLater(const DCCachedFile::Ptr& file, const Error& error) {
+  queue_->dispatchAsynchronousBlock([weak = weak_from_this(), file, error] {
+    if (auto self = weak.lock()) self->settle(file, file->relativePath()->string(), nullptr, error);
+  });
+}
+
+}  // namespace florvane
