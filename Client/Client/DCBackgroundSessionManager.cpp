@@ -141,15 +141,15 @@ void DCBackgroundSessionManager::open() {
                                           [weak = weak_from_this()](const Notification&) {
                                             if (auto self = weak.lock()) self->callBackgroundEventsCompletionHandler();
                                           });
-  loginObservation_ = center.addObserver(DCPreferencesDidChangeNotification,
-                                         [weak = weak_from_this()](const Notification&) {
-                                           auto self = weak.lock();
-                                           if (!self) return;
-                                           // Giving the agent a cookie waits for it.
-                                           queueOf(*self->service_)->dispatchAsynchronousBlock([weak] {
-                                             if (auto manager = weak.lock()) manager->useNewAuthentication();
-                                           });
-                                         });
+  loginObservation_ =
+      center.addObserver(DCPreferencesDidChangeNotification, [weak = weak_from_this()](const Notification&) {
+        auto self = weak.lock();
+        if (!self) return;
+        // Giving the agent a cookie waits for it.
+        queueOf(*self->service_)->dispatchAsynchronousBlock([weak] {
+          if (auto manager = weak.lock()) manager->useNewAuthentication();
+        });
+      });
 }
 
 std::shared_ptr<DCDatabase> DCBackgroundSessionManager::database() const {
@@ -180,13 +180,13 @@ void DCBackgroundSessionManager::useNewAuthentication() {
 
 void DCBackgroundSessionManager::handleEventsForBackgroundURLSessionWithServerRequestResponseHandler(
     ServerRequestResponseHandler handler) {
-  DCLogTrace(
-      "-[DCBackgroundSessionManager handleEventsForBackgroundURLSessionWithServerRequestResponseHandler:]");
+  DCLogTrace("-[DCBackgroundSessionManager handleEventsForBackgroundURLSessionWithServerRequestResponseHandler:]");
   std::lock_guard lock(mutex_);
   serverRequestResponseHandler_ = std::move(handler);
 }
 
-void DCBackgroundSessionManager::setServerRequest(const DCServerRequest::Ptr& request, std::uint64_t forTaskIdentifier) {
+void DCBackgroundSessionManager::setServerRequest(const DCServerRequest::Ptr& request,
+                                                  std::uint64_t forTaskIdentifier) {
   DCLogTrace("-[DCBackgroundSessionManager setServerRequest:forTaskIdentifier:]",
              {{"request", request->description()}, {"taskIdentifier", static_cast<std::int64_t>(forTaskIdentifier)}});
   std::lock_guard lock(mutex_);
@@ -230,9 +230,8 @@ void DCBackgroundSessionManager::tasksOfSession(
   auto session = sessionForIdentifier(sessionIdentifier);
   auto queue = queueOf(*service_);
   if (!session) {
-    queue->dispatchAsynchronousBlock([handler = std::move(handler)] {
-      handler(Failure(Error(URLErrorDomain, URLErrorCannotConnectToHost)));
-    });
+    queue->dispatchAsynchronousBlock(
+        [handler = std::move(handler)] { handler(Failure(Error(URLErrorDomain, URLErrorCannotConnectToHost))); });
     return;
   }
   session->getAllTasksWithCompletionHandler(
@@ -383,9 +382,9 @@ void DCBackgroundSessionManager::didReceiveChallenge(SessionRef session, TaskRef
 
 void DCBackgroundSessionManager::didFinishDownloadingToURL(SessionRef session, TaskRef downloadTask,
                                                            const URL& location) {
-  if (auto request = requestForCallback(session, downloadTask,
-                                        "Background session task %@ did finish downloading to URL: %@", downloadTask,
-                                        location)) {
+  if (auto request =
+          requestForCallback(session, downloadTask, "Background session task %@ did finish downloading to URL: %@",
+                             downloadTask, location)) {
     request->didFinishDownloadingToURL(session, downloadTask, location);
   }
 }
@@ -407,9 +406,9 @@ void DCBackgroundSessionManager::didResumeAtOffset(SessionRef session, TaskRef d
 
 void DCBackgroundSessionManager::didSendBodyData(SessionRef session, TaskRef task, std::int64_t bytesSent,
                                                  std::int64_t totalBytesSent, std::int64_t totalBytesExpectedToSend) {
-  if (auto request =
-          requestForCallback(session, task, "Background session task %@ did send data: %lld of %lld", task,
-                             static_cast<long long>(totalBytesSent), static_cast<long long>(totalBytesExpectedToSend))) {
+  if (auto request = requestForCallback(session, task, "Background session task %@ did send data: %lld of %lld", task,
+                                        static_cast<long long>(totalBytesSent),
+                                        static_cast<long long>(totalBytesExpectedToSend))) {
     request->didSendBodyData(session, task, bytesSent, totalBytesSent, totalBytesExpectedToSend);
   }
 }

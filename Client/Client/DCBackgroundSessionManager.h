@@ -43,10 +43,9 @@ class DCBackgroundSessionManager : public URLSessionDelegate,
       const std::optional<std::uint64_t>& taskIdentifier, const std::shared_ptr<const HTTPURLResponse>& response,
       const std::optional<URL>& location, const std::optional<Error>& error)>;
   // What an upload task of an earlier process came to; on the service's queue.
-  using FinishUploadHandler =
-      std::function<void(const std::shared_ptr<DCService>& service, std::uint64_t taskIdentifier,
-                         const std::string& sessionIdentifier, const FVFResponseContainer::Ptr& responseContainer,
-                         const std::optional<Error>& error)>;
+  using FinishUploadHandler = std::function<void(
+      const std::shared_ptr<DCService>& service, std::uint64_t taskIdentifier, const std::string& sessionIdentifier,
+      const FVFResponseContainer::Ptr& responseContainer, const std::optional<Error>& error)>;
 
   static std::string sessionIdentifierForService(const DCService& service, const std::string& bundleIdentifier);
   // The part before the first "~", and the one after the last; absent without one.
@@ -82,8 +81,8 @@ class DCBackgroundSessionManager : public URLSessionDelegate,
   // Made anew for a task that has an upload record; null for any other.
   DCServerRequest::Ptr serverRequestForTaskIdentifier(std::uint64_t taskIdentifier);
 
-  // Of any session of the service, this application's or another's; false when there is no such task. The handler, which
-  // may be empty, is called on the service's queue.
+  // Of any session of the service, this application's or another's; false when there is no such task. The handler,
+  // which may be empty, is called on the service's queue.
   void cancelUpload(std::uint64_t taskIdentifier, const std::string& sessionIdentifier,
                     std::function<void(bool didCancel)> completionHandler);
   // The tasks of any session of the service; on the service's queue.

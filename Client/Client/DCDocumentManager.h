@@ -8,6 +8,7 @@
 #include "Client/Client/DCDownloadManager.h"
 #include "Client/Client/DCProcessedListings.h"
 #include "Client/Client/DCRemoteDocumentManager.h"
+#include "Client/Client/DCTemporaryFile.h"
 #include "Client/Client/DCUploadManager.h"
 #include "common/FVFBackOff.h"
 #include "common/FVFDispatchQueue.h"
@@ -259,6 +260,42 @@ class DCDocumentManager : public DCConnectivityTrackerDelegate, public std::enab
   // Writing (DCDocumentManager+Writing.cpp, +Uploads.cpp).
   void _uploadItem(const DCCachedItem::Ptr& item, ErrorHandler completionHandler);
   void _startUploadingFile(const DCCachedFile::Ptr& file, ErrorHandler completionHandler);
+  // Nothing is said of an upload that is queued: it is tried again.
+  void _announceFailureOfUpload(const DCCachedItem& item, const Error& error);
+  OptionalError _writeFile(const DCCachedFile::Ptr& file, const URL& source);
+  // The service's upload manager, told whom to ask what an end means.
+  DCUploadManager::Ptr _uploadManager();
+  void _restartUploads();
+  void _restartUploadOfRecord(const DCManagedUpload& upload, std::vector<std::string>& gone);
+
+  // Ends of uploads (DCDocumentManager+UploadEnds.cpp, +UploadConflicts.cpp).
+  struct UploadAnswer {
+    DCCachedFile::Ptr file;
+    FVFResponseContainer::Ptr container;
+    // Keeps the container's file; absent where the answer brought none.
+    std::shared_ptr<DCTemporaryFile> body;
+    std::shared_ptr<ErrorHandler> settled;
+  };
+  void _uploadDidEnd(const DCCachedFile::Ptr& file, const FVFResponseContainer::Ptr& container,
+                     const OptionalError& error, ErrorHandler settled);
+  void _uploadDidFail(const DCCachedFile::Ptr& file, const Error& error, const std::shared_ptr<ErrorHandler>& settled);
+  void _countFailureOfUpload(const DCCachedFile::Ptr& file, const Error& error);
+  void _giveUpUpload(const DCCachedFile::Ptr& file, DCManagedUpload& upload, const Error& error);
+  // In a turn of its own; with a pause after a loss of the connection, longer each time.
+  void _restartUpload(const DCCachedFile::Ptr& file);
+  void _restartUploadAfterLoss(const DCCachedFile::Ptr& file);
+  void _afterPause(const std::string& path, std::function<void()> work);
+  void _uploadDidSucceed(const UploadAnswer& answer);
+  void _takeInUploadAnswers(const std::string& directoryPath);
+  void _listForUploadAnswers(const DCCachedDirectory::Ptr& directory, std::vector<UploadAnswer> answers);
+  void _completeUpload(const UploadAnswer& answer, const std::optional<Dictionary>& remoteMetadata, bool isOfListing);
+  // What became of an upload whose answer was lost or that was refused for the name or the version.
+  void _reconcileUpload(const DCCachedFile::Ptr& file, const Error& error,
+                        const std::shared_ptr<ErrorHandler>& settled);
+  void _decideUpload(const DCCachedFile::Ptr& file, const Error& error, const std::optional<Dictionary>& entry,
+                     const std::shared_ptr<ErrorHandler>& settled);
+  void _uploadIsInConflict(const DCCachedFile::Ptr& file, DCManagedUpload& upload, const Dictionary& entry);
+  void _fetchConflictingVersion(const DCCachedFile::Ptr& file, const Data& documentIdentifier, const Data& version);
 
   // Watching (DCDocumentManager+Watching.cpp, +Updates.cpp).
   // Also after every listing that was taken in: registrations find items that took the place of theirs.
@@ -312,6 +349,15 @@ class DCDocumentManager : public DCConnectivityTrackerDelegate, public std::enab
   bool synchronousContentsOfDirectory_ = false;
   DCProcessedListings processedListings_;
   std::optional<AppliedDownload> appliedDownload_;
+  // Answers that came in this turn of the queue, by the directory that they list.
+  std::unordered_map<std::string, std::vector<UploadAnswer>> uploadAnswers_;
+  // Of uploads whose connection was lost, by path, while they are not answered.
+  struct Loss {
+    FVFBackOff backOff;
+    std::unique_ptr<Timer> timer;
+    std::function<void()> work;
+  };
+  std::unordered_map<std::string, Loss> uploadLosses_;
 
   mutable std::recursive_mutex mutex_;  // guards what follows; changed on callers' threads
   std::shared_ptr<SerialQueue> completionHandlerQueue_;

@@ -80,7 +80,11 @@ void DCManagedUpload::markAsCancelled() {
 void DCManagedUpload::removeTemporaryUploadFileIfNecessary() const {
   auto url = temporaryUploadFileURLForItemAtPath(path(), generationIdentifier());
   if (url) (void)removeItem(url->path());
-  if (auto copy = conflictingVersionURL()) (void)removeItem(copy->path());
+  if (auto copy = conflictingVersionURL()) {
+    const std::string copied = copy->path();
+    (void)removeItem(copied);
+    (void)removeItem(copied.substr(0, copied.rfind('/')));
+  }
 }
 
 std::vector<DCUploadAttempt> DCManagedUpload::attempts() const {

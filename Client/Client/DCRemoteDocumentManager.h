@@ -55,8 +55,8 @@ class DCRemoteDocumentManager : public std::enable_shared_from_this<DCRemoteDocu
 
   // Send the file at `source` with the background session: as a new file of that name, or in place of a document whose
   // version is the given one. The answer is the parent's listing, of a drop box the stored file's own metadata.
-  // `attributes` are the dates that the stored file is to have; `transfer` says what is sent, for whoever finds the task
-  // after a relaunch.
+  // `attributes` are the dates that the stored file is to have; `transfer` says what is sent, for whoever finds the
+  // task after a relaunch.
   DCServerRequest::Ptr writeToFileWithName(const std::string& name, const std::optional<Data>& parentDocumentIdentifier,
                                            const std::optional<Data>& parentVersionIdentifier,
                                            const DCActivityInfo::Ptr& activityInfo, const URL& source,
@@ -70,9 +70,8 @@ class DCRemoteDocumentManager : public std::enable_shared_from_this<DCRemoteDocu
       const BackgroundTransfer& transfer, DCRemoteCompletionHandler completionHandler);
   // A relaunched process takes on the events of a background session; what each upload task came to is told on the
   // service's queue.
-  using ServerRequestResponseHandler =
-      std::function<void(std::uint64_t taskIdentifier, const FVFResponseContainer::Ptr& container,
-                         const std::optional<Error>& error)>;
+  using ServerRequestResponseHandler = std::function<void(
+      std::uint64_t taskIdentifier, const FVFResponseContainer::Ptr& container, const std::optional<Error>& error)>;
   void handleEventsForBackgroundURLSession(const std::string& identifier,
                                            ServerRequestResponseHandler withServerRequestResponseHandler);
 

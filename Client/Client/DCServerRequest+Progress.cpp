@@ -1,7 +1,7 @@
 #include "Client/Client/DCDatabase.h"
 #include "Client/Client/DCLog.h"
 #include "Client/Client/DCServerRequest.h"
-#include "platform/Format.h"
+#include "Client/Client/DCUploadOutcome.h"
 
 namespace florvane {
 
@@ -10,18 +10,13 @@ namespace {
 // A save of a record waits for the disk; a fast transfer reports more often than anybody looks.
 constexpr Duration kProgressIsSavedEvery = std::chrono::milliseconds(250);
 
-std::string textOf(const Error& error) {
-  auto text = error.userInfo().string(LocalizedDescriptionKey);
-  if (text && !text->empty()) return *text;
-  return format("%@ - %ld", error.domain(), static_cast<long>(error.code()));
-}
-
 }  // namespace
 
 void DCServerRequest::updateUploadProgress(const URLSessionTask& task, std::int64_t totalBytesSent,
                                            std::int64_t totalBytesExpectedToSend) {
   const MonotonicTime now = service_->clock().monotonicNow();
-  if (lastProgressTime_ && totalBytesSent < totalBytesExpectedToSend && now - *lastProgressTime_ < kProgressIsSavedEvery) {
+  if (lastProgressTime_ && totalBytesSent < totalBytesExpectedToSend &&
+      now - *lastProgressTime_ < kProgressIsSavedEvery) {
     return;
   }
   lastProgressTime_ = now;
@@ -52,7 +47,7 @@ void DCServerRequest::updateUploadCompletion(const URLSessionTask& task, const s
   upload->setState(state);
   upload->setTotalBytesSent({});
   upload->setTotalBytesExpectedToSend({});
-  upload->setError(error ? std::optional(textOf(*error)) : std::nullopt);
+  upload->setError(error ? std::optional(DCUploadOutcome::textOfError(*error)) : std::nullopt);
   (void)database->save();  // logged when it fails
 }
 

@@ -42,12 +42,13 @@ class DCServerRequest : public URLSessionDelegate, public std::enable_shared_fro
                                              std::shared_ptr<DCService> service, const HTTPHeaders& headers,
                                              std::optional<Data> body, DCServerRequestResponseHandler responseHandler);
 
-  // POST of the file's contents by the service's background session, which goes on without this process. `transfer` says
-  // what is sent, for whoever finds the task; the pin is filled in. The handler owns the file that the answer's body is
-  // stored in. Null when signing in failed or the task could not be stored: the handler has had the error then.
+  // POST of the file's contents by the service's background session, which goes on without this process. `transfer`
+  // says what is sent, for whoever finds the task; the pin is filled in. The handler owns the file that the answer's
+  // body is stored in. Null when signing in failed or the task could not be stored: the handler has had the error then.
   URLSessionTaskPtr startUploadTaskWithFile(const URL& file, const std::string& uri, const QueryItems& queryItems,
                                             std::shared_ptr<DCService> service, const HTTPHeaders& headers,
-                                            BackgroundTransfer transfer, DCServerRequestResponseHandler responseHandler);
+                                            BackgroundTransfer transfer,
+                                            DCServerRequestResponseHandler responseHandler);
   // Takes on a task of that background session which an earlier process, or another request, started.
   void continueUploadForBackgroundURLSessionWithService(std::shared_ptr<DCService> service, URLSessionPtr session,
                                                         DCServerRequestResponseHandler responseHandler);

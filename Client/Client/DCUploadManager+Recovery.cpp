@@ -40,13 +40,13 @@ void DCUploadManager::recoverTasks(std::function<void(const std::optional<Error>
   recovery->sessionsToAsk = sessions.size();
   auto manager = backgroundSessionManager();
   for (const std::string& session : sessions) {
-    manager->tasksOfSession(session, [weak = weak_from_this(), recovery,
-                                      session](const Result<std::vector<URLSessionTaskPtr>>& tasks) {
-      auto self = weak.lock();
-      if (self && tasks) self->recover(*recovery, session, *tasks);
-      if (!tasks) recovery->error = tasks.error();
-      if (--recovery->sessionsToAsk == 0 && recovery->continuation) recovery->continuation(recovery->error);
-    });
+    manager->tasksOfSession(
+        session, [weak = weak_from_this(), recovery, session](const Result<std::vector<URLSessionTaskPtr>>& tasks) {
+          auto self = weak.lock();
+          if (self && tasks) self->recover(*recovery, session, *tasks);
+          if (!tasks) recovery->error = tasks.error();
+          if (--recovery->sessionsToAsk == 0 && recovery->continuation) recovery->continuation(recovery->error);
+        });
   }
 }
 
@@ -88,7 +88,6 @@ void DCUploadManager::recover(const Recovery& recovery, const std::string& sessi
     (void)database().saveUploadFileURL(URL::fileURL(*source), generation,
                                        static_cast<std::int64_t>(task->second->taskIdentifier()), record.path);
     adopt(file, record.path, task->second, sessionIdentifier);
-    task->second->resume();
   }
 }
 
@@ -97,6 +96,8 @@ void DCUploadManager::adopt(const DCCachedFile::Ptr& file, const std::string& pa
   uploadTasks_[path] = {file, task, task->taskIdentifier(), sessionIdentifier, false};
   pathsByTask_[taskKey(task->taskIdentifier(), sessionIdentifier)] = path;
   ++transfersOfOthers_;
+  // A resumption may be lost with the machine's power, and a kill may come before it.
+  if (task->state() == URLSessionTaskState::Suspended) task->resume();
 }
 
 }  // namespace florvane

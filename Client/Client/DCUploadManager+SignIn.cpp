@@ -13,6 +13,10 @@ constexpr std::int64_t kFirstServerError = 500;
 
 // The server could not be asked, or was in no state to answer: no word on the login.
 bool isWantOfConnection(const Error& error) {
+  // Signing in says by the error below its own what kept it from asking.
+  if (error.domain() == HTTPSASLErrorDomain && error.underlyingError()) {
+    return isWantOfConnection(*error.underlyingError());
+  }
   if (error.domain() != URLErrorDomain || error.userInfo().contains(URLErrorFailingPeerTrustKey)) return false;
   if (error.code() >= kFirstServerError) return true;
   return error.code() <= URLErrorTimedOut && error.code() >= URLErrorCannotParseResponse;
@@ -40,8 +44,8 @@ void DCUploadManager::waitForSignIn(const Order& order) {
 void DCUploadManager::signIn() {
   isSigningIn_ = true;
   signInQueue_->async([weak = weak_from_this(), service = service_, queue = queue_] {
-    auto result =
-        HTTPSASLClientSessionManager::HTTPSASLClientSessionManagerForService(service)->authenticateClientSessionWithError();
+    auto result = HTTPSASLClientSessionManager::HTTPSASLClientSessionManagerForService(service)
+                      ->authenticateClientSessionWithError();
     std::optional<Error> error;
     if (!result) error = result.error();
     queue->dispatchAsynchronousBlock([weak, error] {
@@ -86,7 +90,7 @@ void DCUploadManager::signInAfter(Duration pause) {
 void DCUploadManager::startWaiting() {
   signInTimer_.reset();
   auto waiting = std::exchange(waitingForSignIn_, {});
-  for (const auto& [path, order] : waiting) {
+  for (const auto& [waitingPath, order] : waiting) {
     queue_->dispatchAsynchronousBlock([weak = weak_from_this(), order = order] {
       auto self = weak.lock();
       if (!self) return;

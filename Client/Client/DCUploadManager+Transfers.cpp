@@ -39,8 +39,7 @@ void DCUploadManager::forgetTransfer(const std::string& path) {
 
 void DCUploadManager::uploadFile(const DCCachedFile::Ptr& file,
                                  const DCRemoteDocumentManager::Ptr& usingRemoteFileManager,
-                                 const DCActivityInfo::Ptr& activityInfo,
-                                 DCUploadCompletionHandler completionHandler) {
+                                 const DCActivityInfo::Ptr& activityInfo, DCUploadCompletionHandler completionHandler) {
   DCLogTrace("-[DCUploadManager uploadFile:usingRemoteFileManager:activityInfo:completionHandler:]",
              {{"file", file->description()}, {"activityInfo", activityInfo}});
   (void)queue_->checkIsCurrent(kSource, __LINE__);
@@ -150,9 +149,8 @@ void DCUploadManager::start(const Order& order) {
   }
   DCLogInfo("Starting upload of file at '%@'", path);
   auto read = DCCachedItemManager::cachedItemManagerForService(service_)->coordinateReadingForUploadingItem(
-      order.file, [&](const URL& source, const Data& generationIdentifier) {
-        send(order, source, generationIdentifier);
-      });
+      order.file,
+      [&](const URL& source, const Data& generationIdentifier) { send(order, source, generationIdentifier); });
   if (read) return;
   if (auto upload = uploadForItemAtPath(path)) {
     upload->setNumberOfRetries(upload->numberOfRetries().value_or(0) + 1);
@@ -161,12 +159,11 @@ void DCUploadManager::start(const Order& order) {
   failLater(order.file, read.error());
 }
 
-std::optional<Data> DCUploadManager::versionToReplace(const DCCachedFile& file, const DCManagedUpload& upload) const {
-  // Empty stands for a file that was new when it was written.
+std::optional<Data> DCUploadManager::versionToReplace(const DCCachedFile& file, const DCManagedUpload& upload) {
+  // Empty stands for a file that was new when it was written. The listing's own version is not asked for: it may be
+  // somebody else's of a later time.
   if (auto base = upload.baseVersionIdentifier()) return base->empty() ? std::nullopt : base;
-  if (auto last = file.lastRemoteMetadataVersionIdentifier()) return last;
-  const auto entry = file.parentContentsMetadata();
-  return entry ? entry->data(FVVersionIdentifierKey) : std::nullopt;
+  return file.lastRemoteMetadataVersionIdentifier();
 }
 
 // What is sent is in the record before the task exists, so that its entry is recognised whatever is lost.
@@ -210,7 +207,8 @@ void DCUploadManager::send(const Order& order, const URL& source, const Data& ge
   DCAssert(!file->hasBeenRemoved(), kSource);
   if (!documentIdentifier) {
     const auto remoteMetadata = file->remoteMetadata();
-    if (remoteMetadata && !remoteMetadata->empty()) DCAssertionFailed(kSource, __LINE__, "file.remoteMetadata.count == 0");
+    if (remoteMetadata && !remoteMetadata->empty())
+      DCAssertionFailed(kSource, __LINE__, "file.remoteMetadata.count == 0");
     if (file->parentContentsMetadata()) DCAssertionFailed(kSource, __LINE__, "!file.parentContentsMetadata");
   }
   const auto attributes = prepareRecord(order, source);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Client/Client/DCCachedDirectory.h"
 #include "Client/Client/DCCachedFile.h"
 #include "Client/Client/DCConnectivityTracker.h"
 #include "Client/Client/DCDatabase.h"
@@ -116,7 +117,7 @@ class DCUploadManager : public DCConnectivityTrackerDelegate, public std::enable
   void send(const Order& order, const URL& source, const Data& generationIdentifier);
   // The attributes that are sent; absent when the record could not be written.
   std::optional<Dictionary> prepareRecord(const Order& order, const URL& source);
-  std::optional<Data> versionToReplace(const DCCachedFile& file, const DCManagedUpload& upload) const;
+  static std::optional<Data> versionToReplace(const DCCachedFile& file, const DCManagedUpload& upload);
   void _cancelExistingUpload(const std::shared_ptr<DCManagedUpload>& upload, const DCCachedFile::Ptr& file);
   void cancelTransferOfRecord(const std::shared_ptr<DCManagedUpload>& upload, const std::string& path);
   static std::string taskKey(std::uint64_t taskIdentifier, const std::string& sessionIdentifier);
@@ -162,7 +163,7 @@ class DCUploadManager : public DCConnectivityTrackerDelegate, public std::enable
   std::unordered_map<std::string, Handlers> uploadingFiles_;
   std::unordered_map<std::string, Transfer> uploadTasks_;
   std::unordered_map<std::string, std::string> pathsByTask_;  // by taskKey()
-  std::unordered_set<std::string> settling_;  // ended, and not decided yet
+  std::unordered_set<std::string> settling_;                  // ended, and not decided yet
   // Asked for meanwhile.
   struct Repetition {
     Order order;

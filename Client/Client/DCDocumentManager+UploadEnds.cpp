@@ -1,0 +1,361 @@
+#include "Client/Client/DCCachedItemManager.h"
+#include "Client/Client/DCDocumentManager.h"
+#include "Client/Client/DCLog.h"
+#include "Client/Client/DCUploadOutcome.h"
+#include "common/FVFMetadataUtils.h"
+#include "platform/FileSystem.h"
+#include "platform/PropertyList.h"
+#include "platform/ResourceValues.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace florvane {
+
+namespace {
+
+constexpr char kSource[] = "Client/Client/DCDocumentManager";
+constexpr std::int64_t kUnauthorized = 401;
+constexpr std::int64_t kConflict = 409;
+
+// When the directory was as a listing shows it. A directory's content date moves with every entry that is added,
+// replaced or removed; which of two listings of one moment is the newer cannot be told.
+std::optional<Date> dateOfListing(const std::optional<Dictionary>& metadata) {
+  if (!metadata) return std::nullopt;
+  auto content = metadata->date(ResourceContentModificationDateKey);
+  auto attributes = metadata->date(ResourceAttributeModificationDateKey);
+  if (content && attributes) return std::max(*content, *attributes);
+  return content ? content : attributes;
+}
+
+std::optional<Data> versionOf(const std::optional<Dictionary>& metadata) {
+  return metadata ? metadata->data(FVVersionIdentifierKey) : std::nullopt;
+}
+
+std::optional<Dictionary> entryNamed(const DCDirectoryContents::Ptr& contents, const std::string& name) {
+  const Value* entry = contents ? contents->entryNamed(name) : nullptr;
+  return entry ? entry->asDictionary() : std::nullopt;
+}
+
+DCDirectoryContents::Ptr contentsOf(const FVFResponseContainer& container) {
+  if (!container.url()) return nullptr;
+  auto bytes = readFile(container.url()->path());
+  auto list = bytes ? readPropertyList(*bytes) : Result<Value>(Value());
+  auto entries = list ? list->asArray() : std::nullopt;
+  return entries ? DCDirectoryContents::contentsWithEntries(*entries) : nullptr;
+}
+
+}  // namespace
+
+void DCDocumentManager::_finishUploadFile(const DCCachedFile::Ptr& file, const FVFResponseContainer::Ptr& container,
+                                          const OptionalError& error) {
+  _uploadDidEnd(file, container, error, nullptr);
+}
+
+void DCDocumentManager::_finishUploadFileForTaskIdentifier(std::uint64_t taskIdentifier,
+                                                           const std::string& sessionIdentifier,
+                                                           const FVFResponseContainer::Ptr& responseContainer,
+                                                           const OptionalError& error) {
+  DCLogInfo("Handling completion of background upload for task: %@, service %@, error: %@",
+            static_cast<std::int64_t>(taskIdentifier), service_, error);
+  auto file = DCCachedItemManager::fileForUploadTaskIdentifier(static_cast<std::int64_t>(taskIdentifier),
+                                                               sessionIdentifier, service_);
+  DCAssert(file, kSource);
+  if (file) _uploadManager()->taskDidEnd(file, taskIdentifier, sessionIdentifier, responseContainer, error);
+}
+
+void DCDocumentManager::_uploadDidEnd(const DCCachedFile::Ptr& file, const FVFResponseContainer::Ptr& container,
+                                      const OptionalError& error, ErrorHandler settled) {
+  DCLogTrace("-[DCDocumentManager _finishUploadFile:container:error:]",
+             {{"file", file}, {"container", container}, {"error", error}});
+  (void)queue_->checkIsCurrent(kSource, __LINE__);
+  auto shared = std::make_shared<ErrorHandler>(std::move(settled));
+  if (error) {
+    _uploadDidFail(file, *error, shared);
+    return;
+  }
+  uploadLosses_.erase(file->relativePath()->string());
+  UploadAnswer answer{file, container, nullptr, shared};
+  // The answer's file goes with this call, and is read in another turn.
+  if (container && container->url()) {
+    const std::string path = container->url()->path();
+    auto kept = DCTemporaryFile::linkedTo(path, path + "-kept");
+    if (kept) {
+      answer.body = std::make_shared<DCTemporaryFile>(std::move(*kept));
+      answer.container = FVFResponseContainer::containerWithURL(URL::fileURL(answer.body->path()),
+                                                                container->transferType(), container->metadata());
+    } else {
+      DCLogError("Could not keep the answer to an upload: %@", kept.error());
+    }
+  }
+  _uploadDidSucceed(answer);
+}
+
+// Failures
+
+void DCDocumentManager::_uploadDidFail(const DCCachedFile::Ptr& file, const Error& error,
+                                       const std::shared_ptr<ErrorHandler>& settled) {
+  auto answer = [&] {
+    if (*settled) (*settled)(error);
+  };
+  auto database = this->database();
+  const std::string path = file->relativePath()->string();
+  auto upload = database->uploadForPath(path);
+  const bool isSourceMissing =
+      error.is(QuilbarErrorDomain, FileReadNoSuchFileError) || error.is(URLErrorDomain, URLErrorFileDoesNotExist);
+  const auto recorded = upload ? upload->fileURL() : std::nullopt;
+  // Only the copy that was to be sent may be gone; then there is another to be made.
+  if (isSourceMissing && !(recorded && fileExists(*recorded))) {
+    const auto fullPath = file->fullPathIfKnown();
+    DCLogInfo("The file we're trying to upload (%@) doesn't exist at '%@'", file->relativePath(),
+              fullPath ? std::optional(fullPath->string()) : recorded);
+    (void)database->removeUploadForPath(path);
+    answer();
+    return;
+  }
+  if (!upload || !upload->path()) {
+    answer();
+    return;
+  }
+  upload->setTaskIdentifier({});
+  upload->setSessionIdentifier({});
+  upload->setError(DCUploadOutcome::textOfError(error));
+  (void)database->save();
+  if (error.is(URLErrorDomain, kUnauthorized)) {
+    DCLogInfo("Got an authentication error. Retrying upload of file at '%@'", file->relativePath());
+    answer();
+    _restartUpload(file);
+  } else if (DCUploadOutcome::isLostReply(error) || error.is(URLErrorDomain, kConflict)) {
+    _reconcileUpload(file, error, settled);
+  } else if (isSourceMissing) {
+    answer();
+    _restartUploadAfterLoss(file);
+  } else {
+    answer();
+    _countFailureOfUpload(file, error);
+  }
+}
+
+void DCDocumentManager::_countFailureOfUpload(const DCCachedFile::Ptr& file, const Error& error) {
+  auto upload = database()->uploadForPath(file->relativePath()->string());
+  if (!upload) return;
+  uploadLosses_.erase(file->relativePath()->string());
+  const std::int64_t retries = upload->numberOfRetries().value_or(0);
+  if (retries >= DCFileUploadMaxNumberOfRetries) {
+    _giveUpUpload(file, *upload, error);
+    return;
+  }
+  const auto text = upload->error();
+  DCLogInfo("Upload for %@ failed with error %@. Retry #%ld", file->relativePath(), text,
+            static_cast<long>(retries + 1));
+  // A record counts its failure when the next attempt starts, unless the text speaks of a refused login; what some
+  // server happens to write does not make this one.
+  if (text && text->find("401") != std::string::npos) {
+    upload->setNumberOfRetries(retries + 1);
+    (void)database()->save();
+  }
+  _restartUpload(file);
+}
+
+void DCDocumentManager::_giveUpUpload(const DCCachedFile::Ptr& file, DCManagedUpload& upload, const Error& error) {
+  upload.setNumberOfRetries(upload.numberOfRetries().value_or(0) + 1);
+  (void)database()->save();
+  NotificationCenter::shared().post(FlorvaneUploadDidFailNotification);
+  const std::string path = file->relativePath()->string();
+  _dispatchMaybeCallSelector("documentManager:didFailToUpdateItemAtPath:error:", path,
+                             "-[DCDocumentManager _finishUploadFile:container:error:]", __LINE__,
+                             [self = shared_from_this(), path, error](DCDocumentManagerDelegate& delegate) {
+                               delegate.didFailToUpdateItemAtPath(*self, path, error);
+                             });
+}
+
+void DCDocumentManager::_restartUpload(const DCCachedFile::Ptr& file) {
+  queue_->dispatchAsynchronousBlock([self = shared_from_this(), file] {
+    if (file->hasBeenRemoved() || !self->database()->uploadForPath(file->relativePath()->string())) return;
+    self->_startUploadingFile(file, nullptr);
+  });
+}
+
+void DCDocumentManager::_restartUploadAfterLoss(const DCCachedFile::Ptr& file) {
+  const std::string path = file->relativePath()->string();
+  if (auto upload = database()->uploadForPath(path)) {
+    // Only what the server refuses counts.
+    upload->setError({});
+    (void)database()->save();
+  }
+  _afterPause(path, [self = shared_from_this(), file] { self->_restartUpload(file); });
+}
+
+// The first time at once.
+void DCDocumentManager::_afterPause(const std::string& path, std::function<void()> work) {
+  const bool isFirst = !uploadLosses_.contains(path);
+  Loss& loss = uploadLosses_[path];
+  if (isFirst) {
+    queue_->dispatchAsynchronousBlock(std::move(work));
+    return;
+  }
+  loss.work = std::move(work);
+  Clock& clock = service_->clock();
+  loss.timer =
+      clock.schedule(clock.monotonicNow() + loss.backOff.next(), {}, [weak = weak_from_this(), path, queue = queue_] {
+        queue->dispatchAsynchronousBlock([weak, path] {
+          auto self = weak.lock();
+          auto due = self ? self->uploadLosses_.find(path) : decltype(self->uploadLosses_.end())();
+          if (!self || due == self->uploadLosses_.end() || !due->second.work) return;
+          due->second.timer.reset();
+          auto pending = std::exchange(due->second.work, nullptr);
+          pending();
+        });
+      });
+}
+
+// Successes
+
+void DCDocumentManager::_uploadDidSucceed(const UploadAnswer& answer) {
+  const bool isListing =
+      answer.container && answer.container->transferType() != FVFResponseContainerTransferTypeDropBoxFile;
+  const auto parent = answer.file->parent();
+  if (!isListing || !parent || answer.file->hasBeenRemoved()) {
+    _completeUpload(answer, answer.container ? answer.container->metadata() : std::nullopt, false);
+    return;
+  }
+  // Every answer carries the whole listing. Of those that come together only the newest is taken in.
+  const std::string path = parent->relativePath()->string();
+  auto& waiting = uploadAnswers_[path];
+  waiting.push_back(answer);
+  if (waiting.size() > 1) return;
+  queue_->dispatchAsynchronousBlock([self = shared_from_this(), path] { self->_takeInUploadAnswers(path); });
+}
+
+void DCDocumentManager::_takeInUploadAnswers(const std::string& directoryPath) {
+  auto waiting = uploadAnswers_.find(directoryPath);
+  if (waiting == uploadAnswers_.end()) return;
+  std::vector<UploadAnswer> answers = std::move(waiting->second);
+  uploadAnswers_.erase(waiting);
+
+  auto newest = std::max_element(answers.begin(), answers.end(), [](const UploadAnswer& a, const UploadAnswer& b) {
+    return dateOfListing(a.container->metadata()) < dateOfListing(b.container->metadata());
+  });
+  auto directory = newest->file->parent();
+  const auto known = directory->remoteMetadata();
+  const auto newestDate = dateOfListing(newest->container->metadata()), knownDate = dateOfListing(known);
+  const bool isKnown = versionOf(known) == versionOf(newest->container->metadata());
+  std::optional<Dictionary> entryOfNewest;
+  if (!isKnown && (!knownDate || (newestDate && *newestDate > *knownDate))) {
+    auto failed = _updateFreshlyDownloadedDirectory(directory, newest->container, newest->file, &entryOfNewest);
+    if (failed) DCLogError("Could not take in the listing that came with an upload: %@", *failed);
+  }
+  const auto contents = directory->directoryContents();
+  std::vector<UploadAnswer> unclear;
+  for (const UploadAnswer& answer : answers) {
+    auto upload = database()->uploadForPath(answer.file->relativePath()->string());
+    auto entry = entryNamed(contents, answer.file->relativePath()->lastPathComponent());
+    if (DCUploadOutcome::isEntryOfLastAttempt(entry, upload)) {
+      _completeUpload(answer, entry, true);
+    } else {
+      unclear.push_back(answer);
+    }
+  }
+  if (!unclear.empty()) _listForUploadAnswers(directory, std::move(unclear));
+}
+
+// The listings that came do not settle what the directory holds now: two of one moment, or somebody else was there.
+void DCDocumentManager::_listForUploadAnswers(const DCCachedDirectory::Ptr& directory,
+                                              std::vector<UploadAnswer> answers) {
+  auto complete = [self = shared_from_this(), directory, answers = std::move(answers)] {
+    const auto contents = directory->directoryContents();
+    for (const UploadAnswer& answer : answers) {
+      const std::string name = answer.file->relativePath()->lastPathComponent();
+      auto upload = self->database()->uploadForPath(answer.file->relativePath()->string());
+      auto entry = entryNamed(contents, name);
+      if (DCUploadOutcome::isEntryOfLastAttempt(entry, upload)) {
+        self->_completeUpload(answer, entry, true);
+      } else {
+        // It was stored, and has been changed since; what is there now is fetched when somebody asks for it.
+        self->_completeUpload(answer, entryNamed(contentsOf(*answer.container), name), false);
+      }
+    }
+  };
+  auto identifier = directory->documentIdentifier();
+  if (!identifier) {
+    complete();
+    return;
+  }
+  DCRemoteDocumentManager::remoteDocumentManagerForService(service_)->contentsOfDirectoryWithDocumentIdentifier(
+      *identifier, std::nullopt, _activityInfoForItem(*directory),
+      [self = shared_from_this(), directory, complete](const FVFResponseContainer::Ptr& container,
+                                                       const OptionalError& error) {
+        auto takeIn = [self, directory, complete, container, error] {
+          if (container && !directory->hasBeenRemoved()) {
+            (void)self->_updateFreshlyDownloadedDirectory(directory, container);
+          } else if (error) {
+            DCLogInfo("Could not list '%@' after an upload: %@", directory->relativePath(), *error);
+          }
+          complete();
+        };
+        takeIn();
+      });
+}
+
+void DCDocumentManager::_completeUpload(const UploadAnswer& answer, const std::optional<Dictionary>& remoteMetadata,
+                                        bool isOfListing) {
+  const auto& file = answer.file;
+  const std::string path = file->relativePath()->string();
+  const Date now = service_->clock().now();
+  const bool isDropBox =
+      answer.container && answer.container->transferType() == FVFResponseContainerTransferTypeDropBoxFile;
+  auto settle = [&](const OptionalError& error) {
+    if (*answer.settled) (*answer.settled)(error);
+  };
+  if (file->hasBeenRemoved()) {
+    settle(std::nullopt);
+    return;
+  }
+  if (!remoteMetadata) {
+    DCLogError("Server failed to return metadata for uploaded file: %@", file);
+    DCLogError("%@: Server failed to return metadata for uploaded file %@, container = %@", *this, file,
+               answer.container);
+    DCAssertionFailed(kSource, __LINE__, "remoteMetadata");
+    // Whether it was stored is asked of the server.
+    if (auto upload = database()->uploadForPath(path)) {
+      upload->setTaskIdentifier({});
+      upload->setSessionIdentifier({});
+      (void)database()->save();
+      _reconcileUpload(file, Error(URLErrorDomain, URLErrorCannotParseResponse), answer.settled);
+    } else {
+      settle(std::nullopt);
+    }
+    return;
+  }
+  if (isOfListing && file->parentContentsMetadata() != remoteMetadata) {
+    DCAssertionFailed(kSource, __LINE__,
+                      "container.transferType == FVFResponseContainerTransferTypeDropBoxFile || [remoteMetadata "
+                      "isEqualToDictionary:file.parentContentsMetadata]");
+  }
+  if (isDropBox) {
+    // Nobody may ask for it again, so that nothing is kept of it.
+    file->updateUploadedFileToDropBox();
+  } else {
+    file->updateUploadedFileFromRemoteMetadata(*remoteMetadata);
+    if (file->remoteMetadata() != remoteMetadata) {
+      DCLogError("FAILED ASSERTION [remoteMetadata isEqualToDictionary:file.remoteMetadata]");
+      DCLogError("remoteMetadata = %@", DCStringFromCollection(*remoteMetadata));
+      DCLogError("file.remoteMetadata = %@", DCStringFromCollection(file->remoteMetadata().value_or(Dictionary())));
+      DCAssertionFailed(kSource, __LINE__, "[remoteMetadata isEqualToDictionary:file.remoteMetadata]");
+    }
+  }
+  auto upload = database()->uploadForPath(path);
+  if (upload) {
+    // Newer bytes wait. They are based on what was just stored, and nothing of that is left to be recognised.
+    upload->resetAndIncrementNumberOfRetries();
+    upload->setNumberOfRetries(0);
+    if (!isDropBox) upload->setBaseVersionIdentifier(remoteMetadata->data(FVVersionIdentifierKey));
+    upload->removeAttempts();
+    (void)database()->save();
+  }
+  if (!isDropBox) file->setLastUploadDate(now);
+  settle(std::nullopt);
+  if (upload) _restartUpload(file);
+}
+
+}  // namespace florvane

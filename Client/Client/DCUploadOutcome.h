@@ -1,0 +1,28 @@
+#pragma once
+
+#include "platform/Error.h"
+#include "platform/Value.h"
+
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace florvane {
+
+class DCManagedUpload;
+
+// What the end of an upload says. No state; thread-safe.
+class DCUploadOutcome {
+ public:
+  // For the record: the error's description, else its domain and code.
+  static std::string textOfError(const Error& error);
+  // The connection went when bytes had been sent: the server may have stored them, or not.
+  static bool isLostReply(const Error& error);
+  // Whether the entry of a listing is what the upload stored last, or at any attempt. False without either.
+  static bool isEntryOfLastAttempt(const std::optional<Dictionary>& entry,
+                                   const std::shared_ptr<DCManagedUpload>& upload);
+  static bool isEntryOfAnyAttempt(const std::optional<Dictionary>& entry,
+                                  const std::shared_ptr<DCManagedUpload>& upload);
+};
+
+}  // namespace florvane
