@@ -4,6 +4,7 @@
 
 #include "Client/Client/DCActivityInfo.h"
 #include "Client/Client/DCConnectivityTracker.h"
+#include "Client/Client/DCDocumentManager.h"
 #include "Client/Client/DCError.h"
 #include "Client/Client/DCLog.h"
 #include "Client/Client/DCPath.h"
