@@ -16,10 +16,11 @@ struct BackgroundTransferService {
 };
 
 // A session whose upload tasks belong to the transfer agent of the container (florvane-transferd) and outlive this
-// process. A session with a delegate is attached from its making on and until it is invalidated: it is told of the
-// tasks that it made and, as the first that is attached, of those whose process is gone; what it missed comes first,
-// in order, then didFinishEventsForBackgroundURLSession. A session without delegate is never attached; it is there to
-// make tasks, list them and cancel them.
+// process. A session with a delegate is attached until it is invalidated, from its making on or, when there was neither
+// an agent nor a task then, from its first task on: it is told of the tasks that it made and, as the first that is
+// attached, of those whose process is gone; what it missed comes first, in order, then
+// didFinishEventsForBackgroundURLSession. A session without delegate is never attached; it is there to make tasks, list
+// them and cancel them.
 //
 // The agent is started when it is needed, and again when it has died. A task waits for the network for up to seven
 // days. It ends with an answer, a refused certificate, a source file that cannot be read (URLErrorFileDoesNotExist,

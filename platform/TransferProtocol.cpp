@@ -103,7 +103,7 @@ Result<std::optional<Dictionary>> TransferFrameReader::next() {
   if (!dictionary) {
     return Failure(Error(QuilbarErrorDomain, PropertyListReadCorruptError, "The frame is no dictionary."));
   }
-  return std::optional(std::move(*dictionary));
+  return dictionary;
 }
 
 Dictionary encodeTransferRequest(const URLRequest& request) {

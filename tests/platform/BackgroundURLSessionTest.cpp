@@ -267,6 +267,7 @@ TEST_F(BackgroundURLSessionTest, SendsTwoThousandTasksEightAtATime) {
   startAgent();
   auto session = makeSession(recorder_);
   std::vector<std::thread> threads;
+  threads.reserve(kThreads);
   for (std::size_t t = 0; t < kThreads; ++t) {
     threads.emplace_back([&] {
       for (std::size_t i = 0; i < kTasks / kThreads; ++i) upload(session, server.url("/"));

@@ -50,6 +50,7 @@ class Peer {
     EXPECT_EQ(pipe2(output.data(), O_CLOEXEC), 0);
     arguments.insert(arguments.begin(), kPeer);
     std::vector<char*> pointers;
+    pointers.reserve(arguments.size() + 1);
     for (auto& argument : arguments) pointers.push_back(argument.data());
     pointers.push_back(nullptr);
     process_ = fork();
