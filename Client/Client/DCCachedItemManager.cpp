@@ -150,6 +150,10 @@ DCCachedFile::Ptr DCCachedItemManager::file(const DCRelativePath::Ptr& relativeP
       _itemAtRelativePath(relativePath, ItemClass::File, ResourceTypeRegular));
 }
 
+DCCachedItem::Ptr DCCachedItemManager::itemOfKind(const DCRelativePath::Ptr& relativePath, bool isDirectory) {
+  return _itemAtRelativePath(relativePath, isDirectory ? ItemClass::Directory : ItemClass::File, std::nullopt);
+}
+
 DCCachedItem::Ptr DCCachedItemManager::knownItem(std::string_view path) const {
   auto locked = lock();
   auto found = items_.find(path);
@@ -287,7 +291,7 @@ DCCachedItem::Ptr DCCachedItemManager::itemWithIdentifier(const Data& documentId
                                     documentIdentifier, relativePath->lastPathComponent(), service())
                                     ->string();
     const bool isDirectory = type ? *type == ResourceTypeDirectory : fileExists(listing);
-    return _itemAtRelativePath(relativePath, isDirectory ? ItemClass::Directory : ItemClass::File, std::nullopt);
+    return itemOfKind(relativePath, isDirectory);
   };
   // Where the listing has it, mostly.
   if (auto contents = parent->directoryContents()) {

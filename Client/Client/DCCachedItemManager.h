@@ -63,6 +63,8 @@ class DCCachedItemManager : public FilePresenter, public std::enable_shared_from
   DCCachedItem::Ptr item(const DCRelativePath::Ptr& relativePath);
   DCCachedDirectory::Ptr directory(const DCRelativePath::Ptr& relativePath);
   DCCachedFile::Ptr file(const DCRelativePath::Ptr& relativePath);
+  // As that kind whatever the listings say of the place by now, for whoever takes their changes in.
+  DCCachedItem::Ptr itemOfKind(const DCRelativePath::Ptr& relativePath, bool isDirectory);
   std::optional<std::string> _fileResourceTypeAtRelativePath(const DCRelativePath::Ptr& relativePath);
   DCCachedThumbnail::Ptr _thumbnailForUnderlyingItem(const DCCachedItem::Ptr& item);
   std::vector<DCCachedItem::Ptr> itemsWithIdentifier(const Data& documentIdentifier);

@@ -63,8 +63,7 @@ DCRelativePath::Ptr DCDirectoryChanges::relativePathOf(const std::string& path) 
 DCCachedItem::Ptr DCDirectoryChanges::itemAt(const std::string& path, bool isDirectory) const {
   auto known = manager_->knownItem(path);
   if (known) return isDirectoryItem(known) == isDirectory ? known : nullptr;
-  if (isDirectory) return manager_->directory(relativePathOf(path));
-  return manager_->file(relativePathOf(path));
+  return manager_->itemOfKind(relativePathOf(path), isDirectory);
 }
 
 const Value* DCDirectoryChanges::previousEntry(const Data& documentIdentifier) const {
