@@ -155,6 +155,21 @@ std::optional<Error> SQLiteStore::guarded(const std::function<void()>& body) {
   }
 }
 
+Result<void> SQLiteStore::check(const std::string& path) {
+  struct stat status{};
+  if (::stat(path.c_str(), &status) != 0 && errno == ENOENT) return {};
+  std::string answer;
+  if (auto error = guarded([&] {
+        SQLite::Database database(path, SQLite::OPEN_READWRITE, kBusyMilliseconds);
+        keepLogAtClose(database);
+        answer = database.execAndGet("PRAGMA quick_check(1)").getString();
+      })) {
+    return Failure(*error);
+  }
+  if (answer != "ok") return Failure(Error(SQLiteErrorDomain, SQLITE_CORRUPT, answer));
+  return {};
+}
+
 bool SQLiteStore::isDamage(const Error& error) {
   return error.domain() == SQLiteErrorDomain &&
          ((error.code() & 0xff) == SQLITE_CORRUPT || (error.code() & 0xff) == SQLITE_NOTADB);

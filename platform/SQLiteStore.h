@@ -63,6 +63,8 @@ class SQLiteStore {
   // Sets the store aside as above, unless another process has put another in its place already.
   static Result<void> replaceDamagedStore(const Options& options, const Error& error, const SQLiteStore& damaged);
   static bool isDamage(const Error& error);
+  // Reads the store through without changing it; the error says what is wrong with it. Fine when there is none.
+  static Result<void> check(const std::string& path);
 
   ~SQLiteStore();
   SQLiteStore(const SQLiteStore&) = delete;

@@ -135,6 +135,7 @@ Connection::Awaitable<Connection::Persistence> Connection::serveRequest() {
   RequestParser parser;
   if (!co_await readHead(parser)) co_return Persistence::Close;
   HTTPResponse response = co_await respond(parser);
+  response.fields.emplace_back("Date", httpDate(services_.clock.now()));
   const HTTPRequestHead& head = parser.head();
   // The rest of a refused body is read so that the refusal is not lost in a reset, but nobody waits for much of it.
   bool isShort =

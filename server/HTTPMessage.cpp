@@ -3,6 +3,9 @@
 #include "platform/SoftAssertion.h"
 
 #include <algorithm>
+#include <array>
+#include <cstdio>
+#include <ctime>
 
 namespace florvane {
 
@@ -84,6 +87,21 @@ HTTPResponse HTTPResponse::sentence(unsigned status, std::string_view text) {
   response.fields.emplace_back("Content-Type", "text/plain; charset=utf-8");
   response.body = Data::fromString(text);
   return response;
+}
+
+std::string httpDate(Date date) {
+  static constexpr std::array<const char*, 7> days = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
+  static constexpr std::array<const char*, 12> months = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                                         "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+  timespec time = date.toTimespec();
+  tm calendar{};
+  gmtime_r(&time.tv_sec, &calendar);
+  std::array<char, 64> text{};
+  std::snprintf(text.data(), text.size(), "%s, %02d %s %04d %02d:%02d:%02d GMT",
+                days[static_cast<std::size_t>(calendar.tm_wday)], calendar.tm_mday,
+                months[static_cast<std::size_t>(calendar.tm_mon)], calendar.tm_year + 1900, calendar.tm_hour,
+                calendar.tm_min, calendar.tm_sec);
+  return text.data();
 }
 
 std::string HTTPResponse::head(bool keepAlive) const {

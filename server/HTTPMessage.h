@@ -1,6 +1,7 @@
 #pragma once
 
 #include "platform/Data.h"
+#include "platform/Date.h"
 #include "platform/FileSystem.h"
 
 #include <cstdint>
@@ -43,5 +44,8 @@ struct HTTPResponse {
   // are left out.
   std::string head(bool keepAlive) const;
 };
+
+// "Sun, 22 Nov 2026 20:41:00 GMT"
+std::string httpDate(Date date);
 
 }  // namespace florvane

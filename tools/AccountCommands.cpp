@@ -180,6 +180,9 @@ ExitStatus accountRemove(const Output& output, const std::string& name) {
     return output.fail({ExitStatus::NoSuchItem, "There is no account named \"" + name + "\".", std::nullopt});
   }
   auto service = DCService::serviceWithAccount(*account);
+  DCDocumentManager::setPurposeIdentifier(kPurposeIdentifier);
+  const auto unsent = DCCacheExamination::examinationOfService(service).unsentFiles;
+  DCDocumentManager::documentManagerForService(service)->deleteAllLocalData();
   if (auto cleared = DCPreferences::preferences()->clearAuthCookieAndTrustedCertDataForService(service); !cleared) {
     return output.fail(failureForError(cleared.error(), "", "Could not sign out"));
   }
@@ -187,7 +190,10 @@ ExitStatus accountRemove(const Output& output, const std::string& name) {
     return output.fail(failureForError(removed.error(), "", "Could not remove the account"));
   }
   if (output.options().json) output.object({{"removed", name}});
-  output.note("Removed " + name + ".");
+  output.note("Removed " + name + "." +
+              (unsent.empty() ? ""
+                              : " " + std::to_string(unsent.size()) + " files that were never sent are kept in " +
+                                    DCUnsentFiles::directory().value_or("") + "."));
   return ExitStatus::Done;
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "tools/CachedTree.h"
 #include "tools/Output.h"
 
 #include <optional>
@@ -15,14 +16,17 @@ struct AccountAddOptions {
   std::optional<std::string> passwordFile;  // "-" is standard input
 };
 
-struct ListOptions {
+// What is asked for, and whether only the server's own answer will do.
+struct ItemOptions {
   std::string reference;
-  bool isLong = false;
-  bool fresh = false;
+  Freshness freshness = Freshness::Preferred;
 };
 
-struct GetOptions {
-  std::string reference;
+struct ListOptions : ItemOptions {
+  bool isLong = false;
+};
+
+struct GetOptions : ItemOptions {
   std::optional<std::string> local;
 };
 
@@ -31,14 +35,23 @@ struct WatchOptions {
   std::optional<std::size_t> count;  // ends after so many events
 };
 
+struct ResetOptions {
+  std::string account;
+  bool discardUnsent = false;
+};
+
 ExitStatus accountAdd(const Output& output, const AccountAddOptions& options);
 ExitStatus accountList(const Output& output);
 ExitStatus accountRemove(const Output& output, const std::string& name);
 ExitStatus listItems(const Output& output, const ListOptions& options);
-ExitStatus statItem(const Output& output, const std::string& reference);
-ExitStatus catFile(const Output& output, const std::string& reference);
+ExitStatus statItem(const Output& output, const ItemOptions& options);
+ExitStatus catFile(const Output& output, const ItemOptions& options);
 ExitStatus getFile(const Output& output, const GetOptions& options);
 ExitStatus watchItems(const Output& output, const WatchOptions& options);
+// One account, or all without a name.
+ExitStatus showStatus(const Output& output, const std::optional<std::string>& accountName);
+ExitStatus rebuildCache(const Output& output, const std::string& accountName);
+ExitStatus resetCache(const Output& output, const ResetOptions& options);
 ExitStatus examine(const Output& output);
 
 }  // namespace florvane::tools

@@ -30,12 +30,12 @@ std::optional<std::string> textOf(const std::optional<Date>& date) {
   return date ? std::optional(date->description()) : std::nullopt;
 }
 
-nlohmann::ordered_json statObject(const RemoteTree::Item& item, const ItemReference& reference) {
+nlohmann::ordered_json statObject(const CachedTree::Item& item, const ItemReference& reference) {
   auto object = itemObject(item);
   object["path"] = reference.path;
-  addOptional(object, "created", textOf(item.metadata.date(ResourceCreationDateKey)));
-  addOptional(object, "contentType", item.metadata.string(ResourceTypeIdentifierKey));
-  if (auto writable = item.metadata.boolean(ResourceIsWritableKey)) object["writable"] = *writable;
+  addOptional(object, "created", textOf(item.attributes.date(ResourceCreationDateKey)));
+  addOptional(object, "contentType", item.attributes.string(ResourceTypeIdentifierKey));
+  if (auto writable = item.attributes.boolean(ResourceIsWritableKey)) object["writable"] = *writable;
   addOptional(object, "identifier", hexOf(item.documentIdentifier()));
   addOptional(object, "version", hexOf(item.versionIdentifier()));
   return object;
@@ -43,21 +43,21 @@ nlohmann::ordered_json statObject(const RemoteTree::Item& item, const ItemRefere
 
 }  // namespace
 
-nlohmann::ordered_json itemObject(const RemoteTree::Item& item) {
+nlohmann::ordered_json itemObject(const CachedTree::Item& item) {
   nlohmann::ordered_json object;
   object["name"] = item.name;
   object["type"] = item.isDirectory() ? "directory" : "file";
-  if (auto size = item.metadata.integer(ResourceFileSizeKey); size && !item.isDirectory()) object["size"] = *size;
-  addOptional(object, "modified", textOf(item.metadata.date(ResourceContentModificationDateKey)));
-  object["pendingUpload"] = false;
+  if (auto size = item.attributes.integer(ResourceFileSizeKey); size && !item.isDirectory()) object["size"] = *size;
+  addOptional(object, "modified", textOf(item.attributes.date(ResourceContentModificationDateKey)));
+  object["pendingUpload"] = item.attributes.boolean(DCFileNeedsUploadKey).value_or(false);
   return object;
 }
 
-std::string itemLine(const RemoteTree::Item& item, bool isLong) {
+std::string itemLine(const CachedTree::Item& item, bool isLong) {
   std::string name = printable(item.name) + (item.isDirectory() ? "/" : "");
   if (!isLong) return name;
-  auto size = item.metadata.integer(ResourceFileSizeKey);
-  auto date = item.metadata.date(ResourceContentModificationDateKey);
+  auto size = item.attributes.integer(ResourceFileSizeKey);
+  auto date = item.attributes.date(ResourceContentModificationDateKey);
   std::array<char, 64> columns{};
   std::snprintf(columns.data(), columns.size(), "%10s  %16s  ",
                 item.isDirectory() || !size ? "-" : humanSize(*size).c_str(), date ? localTime(*date).c_str() : "-");
@@ -66,38 +66,32 @@ std::string itemLine(const RemoteTree::Item& item, bool isLong) {
 
 ExitStatus listItems(const Output& output, const ListOptions& options) {
   ItemReference reference = ItemReference::parse(options.reference);
-  auto tree = RemoteTree::open(reference.account, output.options());
+  auto tree = CachedTree::open(reference.account, output.options(), options.freshness);
   if (!tree) return output.fail(tree.error());
   auto listing = tree->list(reference.path);
   if (!listing) return output.fail(listing.error());
-  std::vector<RemoteTree::Item> items = listing->directory.isDirectory()
-                                            ? std::move(listing->children)
-                                            : std::vector<RemoteTree::Item>{listing->directory};
+  tree->tellWhetherCached(output);
   if (output.options().json) {
     auto list = nlohmann::ordered_json::array();
-    for (const auto& item : items) list.push_back(itemObject(item));
-    output.object({{"state", kStateUpToDate}, {"items", list}});
+    for (const auto& item : listing->children) list.push_back(itemObject(item));
+    output.object({{"state", static_cast<int>(listing->state)}, {"items", list}});
     return ExitStatus::Done;
   }
-  for (const auto& item : items) output.line(itemLine(item, options.isLong));
+  for (const auto& item : listing->children) output.line(itemLine(item, options.isLong));
   return ExitStatus::Done;
 }
 
-ExitStatus statItem(const Output& output, const std::string& text) {
-  ItemReference reference = ItemReference::parse(text);
-  auto tree = RemoteTree::open(reference.account, output.options());
+ExitStatus statItem(const Output& output, const ItemOptions& options) {
+  ItemReference reference = ItemReference::parse(options.reference);
+  auto tree = CachedTree::open(reference.account, output.options(), options.freshness);
   if (!tree) return output.fail(tree.error());
-  auto item = tree->item(reference.path);
-  if (!item) return output.fail(item.error());
-  if (item->isRoot) {
-    auto listing = tree->list("");
-    if (!listing) return output.fail(listing.error());
-    item = listing->directory;
-    item->name = reference.account;
-  }
-  auto object = statObject(*item, reference);
+  auto described = tree->item(reference.path);
+  if (!described) return output.fail(described.error());
+  tree->tellWhetherCached(output);
+  if (reference.path.empty()) described->item.name = reference.account;
+  auto object = statObject(described->item, reference);
   if (output.options().json) {
-    object["state"] = kStateUpToDate;
+    object["state"] = static_cast<int>(described->state);
     output.object(object);
     return ExitStatus::Done;
   }

@@ -63,7 +63,10 @@ std::string sentenceForSignIn(const Error& error, const std::string& server) {
 CommandFailure failureForError(const Error& error, const std::string& server, const std::string& what) {
   std::string prefix = what.empty() ? "" : what + ": ";
   if (isTransportFailure(error) || error.is(DCErrorDomain, 2)) {
-    return {ExitStatus::Offline, sentenceForTransport(error, server), error};
+    // The library's own error says that the server could not be asked, what lies below it says why.
+    const Error* cause = &error;
+    while (cause->underlyingError() && !isTransportFailure(*cause)) cause = cause->underlyingError();
+    return {ExitStatus::Offline, sentenceForTransport(*cause, server), error};
   }
   if (error.domain() == HTTPSASLErrorDomain) {
     return {ExitStatus::SigningInFailed, sentenceForSignIn(error, server), error};

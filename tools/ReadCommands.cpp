@@ -1,5 +1,5 @@
+#include "tools/CachedTree.h"
 #include "tools/Commands.h"
-#include "tools/RemoteTree.h"
 
 #include <cerrno>
 #include <filesystem>
@@ -52,26 +52,22 @@ Result<void> printAsObject(const std::string& path, const std::string& name) {
   return done ? print("\"}\n") : done;
 }
 
-// Puts a downloaded file in its place: under a temporary name beside it, moved where the file systems are one, and then
-// a rename, so that whatever stood there is whole until the new file is, also if power fails. What stood there keeps
-// its mode.
-Result<void> replaceFile(const std::string& downloaded, const std::string& destination, std::optional<Date> modified,
+// Puts a copy of a file in its place: under a temporary name beside it, and then a rename, so that whatever stood there
+// is whole until the new file is, also if power fails. What stood there keeps its mode.
+Result<void> replaceFile(const std::string& cached, const std::string& destination, std::optional<Date> modified,
                          std::optional<mode_t> presentMode) {
   std::string folder = std::filesystem::path(destination).parent_path();
   auto temporary = makeTemporaryFile(folder.empty() ? "." : folder, ".florvane-get-");
   if (!temporary) return Failure(temporary.error());
   auto& [file, path] = *temporary;
-  auto placed =
-      ::rename(downloaded.c_str(), path.c_str()) == 0 ? Result<void>() : copyFile(downloaded, file.get(), path);
-  FileDescriptor written(::open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW));
-  if (placed && !written.valid()) placed = Failure(Error::fileWrite(errno, path));
+  auto placed = copyFile(cached, file.get(), path);
   mode_t mask = umask(0);
   umask(mask);
-  if (placed && fchmod(written.get(), presentMode.value_or(0666 & ~mask)) != 0) {
+  if (placed && fchmod(file.get(), presentMode.value_or(0666 & ~mask)) != 0) {
     placed = Failure(Error::fileWrite(errno, path));
   }
-  if (placed && modified) placed = setContentModificationDate(written.get(), *modified);
-  if (placed && presentMode && fsync(written.get()) != 0) placed = Failure(Error::fileWrite(errno, path));
+  if (placed && modified) placed = setContentModificationDate(file.get(), *modified);
+  if (placed && presentMode && fsync(file.get()) != 0) placed = Failure(Error::fileWrite(errno, path));
   if (placed && ::rename(path.c_str(), destination.c_str()) != 0)
     placed = Failure(Error::fileWrite(errno, destination));
   if (!placed) (void)removeItem(path);
@@ -79,44 +75,43 @@ Result<void> replaceFile(const std::string& downloaded, const std::string& desti
 }
 
 // A symbolic link stays one, and a device or a pipe is written to.
-Result<void> placeFile(const std::string& downloaded, const std::string& destination, std::optional<Date> modified) {
+Result<void> placeFile(const std::string& cached, const std::string& destination, std::optional<Date> modified) {
   struct stat present{};
-  if (::stat(destination.c_str(), &present) != 0) return replaceFile(downloaded, destination, modified, std::nullopt);
+  if (::stat(destination.c_str(), &present) != 0) return replaceFile(cached, destination, modified, std::nullopt);
   if (S_ISREG(present.st_mode)) {
-    return replaceFile(downloaded, realPath(destination).value_or(destination), modified, present.st_mode & 0777);
+    return replaceFile(cached, realPath(destination).value_or(destination), modified, present.st_mode & 0777);
   }
   auto device = openFile(destination, O_WRONLY | O_NOCTTY);
-  return device ? copyFile(downloaded, device->get(), destination) : Failure(device.error());
+  return device ? copyFile(cached, device->get(), destination) : Failure(device.error());
 }
 
 }  // namespace
 
-ExitStatus catFile(const Output& output, const std::string& text) {
-  ItemReference reference = ItemReference::parse(text);
-  auto tree = RemoteTree::open(reference.account, output.options());
+ExitStatus catFile(const Output& output, const ItemOptions& options) {
+  ItemReference reference = ItemReference::parse(options.reference);
+  auto tree = CachedTree::open(reference.account, output.options(), options.freshness);
   if (!tree) return output.fail(tree.error());
-  auto item = tree->item(reference.path);
-  if (!item) return output.fail(item.error());
-  auto done = tree->read(*item, reference.text(), [name = item->name, json = output.options().json](const auto& path) {
-    return json ? printAsObject(path, name) : copyFile(path, STDOUT_FILENO, "standard output");
-  });
-  return done ? ExitStatus::Done : output.fail(done.error());
+  auto file = tree->file(reference);
+  if (!file) return output.fail(file.error());
+  tree->tellWhetherCached(output);
+  auto done = output.options().json ? printAsObject(file->localPath, file->item.name)
+                                    : copyFile(file->localPath, STDOUT_FILENO, "standard output");
+  return done ? ExitStatus::Done : output.fail(failureForError(done.error(), tree->server(), reference.text()));
 }
 
 ExitStatus getFile(const Output& output, const GetOptions& options) {
   ItemReference reference = ItemReference::parse(options.reference);
-  auto tree = RemoteTree::open(reference.account, output.options());
+  auto tree = CachedTree::open(reference.account, output.options(), options.freshness);
   if (!tree) return output.fail(tree.error());
-  auto item = tree->item(reference.path);
-  if (!item) return output.fail(item.error());
-  std::filesystem::path destination = options.local.value_or(item->name);
+  auto file = tree->file(reference);
+  if (!file) return output.fail(file.error());
+  tree->tellWhetherCached(output);
+  std::filesystem::path destination = options.local.value_or(file->item.name);
   std::error_code ignored;
-  if (std::filesystem::is_directory(destination, ignored)) destination /= item->name;
-  auto modified = item->metadata.date(ResourceContentModificationDateKey);
-  auto done = tree->read(*item, reference.text(), [destination, modified](const std::string& path) {
-    return placeFile(path, destination, modified);
-  });
-  if (!done) return output.fail(done.error());
+  if (std::filesystem::is_directory(destination, ignored)) destination /= file->item.name;
+  auto modified = file->item.attributes.date(ResourceContentModificationDateKey);
+  auto done = placeFile(file->localPath, destination, modified);
+  if (!done) return output.fail(failureForError(done.error(), tree->server(), reference.text()));
   if (output.options().json) output.object({{"path", destination.string()}});
   output.note("Fetched " + reference.text() + " to " + destination.string());
   return ExitStatus::Done;

@@ -1,115 +1,106 @@
+#include "tools/CachedTree.h"
 #include "tools/Commands.h"
-#include "tools/RemoteTree.h"
 
 #include <condition_variable>
 #include <mutex>
-#include <random>
+#include <set>
 
 namespace florvane::tools {
 
 namespace {
 
-constexpr Duration kFirstPause = std::chrono::seconds(1);
-constexpr Duration kLongestPause = std::chrono::seconds(60);
-
-// What wakes the watching loop: updates and ends of the accounts' watches.
+// What wakes the watching loop: changes of what is watched, and the server's going and coming.
 struct Wakeup {
   std::mutex mutex;
   std::condition_variable condition;
   bool updated = false;
-  std::optional<Error> ended;
+  bool disconnected = false;
+  void wake(bool Wakeup::* what) {
+    std::lock_guard lock(mutex);
+    this->*what = true;
+    condition.notify_all();
+  }
 };
 
-// The version of an item at a path, absent when there is none.
-using Version = std::optional<Data>;
+// What is at a path, told from what was there before; absent when there is nothing.
+using Version = std::optional<std::string>;
 
 // The watched paths of one account.
-class AccountWatch {
+class AccountWatch : public DCDocumentManagerDelegate,
+                     public DCConnectivityTrackerDelegate,
+                     public std::enable_shared_from_this<AccountWatch> {
  public:
-  AccountWatch(RemoteTree tree, const std::shared_ptr<Wakeup>& wakeup) : tree_(std::move(tree)) {
-    tree_.manager()->setWatchDidEndHandler([wakeup](const std::optional<Error>& error) {
-      std::lock_guard lock(wakeup->mutex);
-      wakeup->ended = error.value_or(Error(URLErrorDomain, URLErrorNetworkConnectionLost));
-      wakeup->condition.notify_all();
-    });
-    onUpdate_ = [wakeup](const std::optional<Data>&, const std::optional<Data>&, const std::optional<Error>& error) {
-      if (error) return;
-      std::lock_guard lock(wakeup->mutex);
-      wakeup->updated = true;
-      wakeup->condition.notify_all();
-    };
-  }
-  ~AccountWatch() {
-    tree_.manager()->setWatchDidEndHandler(nullptr);
-    tree_.manager()->finishFetchingUpdates();
-  }
-  AccountWatch(const AccountWatch&) = delete;
-  AccountWatch& operator=(const AccountWatch&) = delete;
-
+  AccountWatch(CachedTree tree, std::shared_ptr<Wakeup> wakeup) : tree_(std::move(tree)), wakeup_(std::move(wakeup)) {}
+  ~AccountWatch() override { tracker_->removeDelegate(this); }
+  void begin() { tracker_->addDelegate(shared_from_this()); }
   void add(const ItemReference& reference) { paths_.emplace_back(reference, std::nullopt); }
 
-  // Looks at every path and reports what differs from the look before; then watches what is there, and for a path where
-  // nothing is, the closest folder above it.
+  // Looks at every path and reports what differs from the look before; then registers for what is there, and for the
+  // closest folder above each path, where things come and go.
   CommandResult<void> lookAndWatch(const std::function<void(const ItemReference&, const char* event)>& report) {
-    tree_.manager()->finishFetchingUpdates();
-    DCVersionIdentifiers watched;
+    std::set<std::string> folders;
     for (auto& [reference, known] : paths_) {
-      auto version = look(reference.path, watched);
+      auto version = look(reference.path, folders);
       if (!version) return tl::unexpected(version.error());
       if (hasLooked_ && known != *version) report(reference, !*version ? "removed" : !known ? "added" : "changed");
       known = *version;
     }
     hasLooked_ = true;
-    auto anyShare = DCActivityInfo::activityInfoWithQueue(queue_, share_);
-    tree_.manager()->startFetchingUpdatesOfDocumentIdentifiersAndVersionIdentifiers(watched, anyShare, onUpdate_);
+    for (const auto& folder : watched_) {
+      if (!folders.contains(folder)) tree_.manager()->removeDelegateForFilterPath(folder);
+    }
+    for (const auto& folder : folders) tree_.manager()->setDelegate(shared_from_this(), queue_, folder);
+    watched_ = std::move(folders);
     return {};
   }
 
+  const std::shared_ptr<DCService>& service() const override { return tree_.service(); }
+  void didUpdateConnectionStatus(const std::shared_ptr<DCConnectivityTracker>& /*connectivityTracker*/,
+                                 bool isConnected) override {
+    wakeup_->wake(isConnected ? &Wakeup::updated : &Wakeup::disconnected);
+  }
+  void didUpdateContentsOfDirectoryAtPath(Manager /*documentManager*/, const std::string& /*path*/,
+                                          const Array& /*contents*/) override {
+    wakeup_->wake(&Wakeup::updated);
+  }
+  void didFailToUpdateItemAtPath(Manager /*documentManager*/, const std::string& /*path*/,
+                                 const Error& /*error*/) override {
+    wakeup_->wake(&Wakeup::updated);
+  }
+
  private:
-  CommandResult<Version> look(const std::string& path, DCVersionIdentifiers& watched) {
+  CommandResult<Version> look(const std::string& path, std::set<std::string>& folders) {
     std::string existing = path;
     while (true) {
-      // A directory's own answer names its present version; a file's is in its parent's listing.
-      auto item = tree_.item(existing);
-      if (item && item->isDirectory()) {
-        auto listing = tree_.list(existing);
-        item = listing ? CommandResult<RemoteTree::Item>(listing->directory) : tl::unexpected(listing.error());
+      auto listing = tree_.list(existing);
+      if (listing) {
+        if (listing->item.isDirectory()) folders.insert(existing);
+        if (!existing.empty()) folders.insert(parentOf(existing));
+        return existing == path ? Version(versionOf(*listing)) : Version();
       }
-      if (item) {
-        auto identifier = item->documentIdentifier();
-        if (identifier) watched[*identifier] = item->versionIdentifier().value_or(Data());
-        queue_ = item->activityInfo->queue();
-        share_ = item->activityInfo->sharepointDocumentIdentifier();
-        return existing == path ? item->versionIdentifier() : Version();
-      }
-      if (item.error().status != ExitStatus::NoSuchItem || existing.empty()) return tl::unexpected(item.error());
-      std::size_t slash = existing.rfind('/');
-      existing = slash == std::string::npos ? "" : existing.substr(0, slash);
+      if (listing.error().status != ExitStatus::NoSuchItem || existing.empty()) return tl::unexpected(listing.error());
+      existing = parentOf(existing);
     }
   }
 
-  RemoteTree tree_;
-  DCUpdatedVersionIdentifierHandler onUpdate_;
-  std::vector<std::pair<ItemReference, Version>> paths_;
-  std::shared_ptr<FVFDispatchQueue> queue_;
-  std::optional<Data> share_;
-  bool hasLooked_ = false;
-};
-
-// 1 s doubling to 60 s, up to a quarter shorter at random so that clients do not come back all at once.
-class BackOff {
- public:
-  Duration next() {
-    Duration pause = pause_;
-    pause_ = std::min(pause_ * 2, kLongestPause);
-    std::uniform_int_distribution<Duration::rep> jitter(pause.count() * 3 / 4, pause.count());
-    return Duration(jitter(random_));
+  // What a folder holds says more than its version, which changes with every listing that the server makes.
+  static std::string versionOf(const CachedTree::Listing& listing) {
+    std::string version = hexEncode(listing.item.documentIdentifier().value_or(Data()));
+    for (const auto& child : listing.children) {
+      version += "/" + child.name + "/" + hexEncode(child.documentIdentifier().value_or(Data())) + "/" +
+                 hexEncode(child.versionIdentifier().value_or(Data()));
+    }
+    return version;
   }
-  void reset() { pause_ = kFirstPause; }
 
- private:
-  Duration pause_ = kFirstPause;
-  std::minstd_rand random_{std::random_device()()};
+  CachedTree tree_;
+  const std::shared_ptr<Wakeup> wakeup_;
+  const std::shared_ptr<SerialQueue> queue_ = SerialQueue::create("florvane watch");
+  const std::shared_ptr<DCConnectivityTracker> tracker_ =
+      DCConnectivityTracker::connectivityTrackerForService(tree_.service());
+  std::vector<std::pair<ItemReference, Version>> paths_;
+  std::set<std::string> watched_;
+  bool hasLooked_ = false;
 };
 
 class Watching {
@@ -123,9 +114,10 @@ class Watching {
       ItemReference reference = ItemReference::parse(text);
       auto& watch = accounts_[reference.account];
       if (!watch) {
-        auto tree = RemoteTree::open(reference.account, output_.options());
+        auto tree = CachedTree::open(reference.account, output_.options(), Freshness::Required);
         if (!tree) return tl::unexpected(tree.error());
-        watch = std::make_unique<AccountWatch>(std::move(*tree), wakeup_);
+        watch = std::make_shared<AccountWatch>(std::move(*tree), wakeup_);
+        watch->begin();
       }
       watch->add(reference);
     }
@@ -183,15 +175,13 @@ class Watching {
         wakeup_->condition.wait(lock, condition);
       }
     };
-    if (!pausing) waitUntil(std::nullopt, [this] { return wakeup_->updated || wakeup_->ended; });
-    // A refused cookie is gone by now, and the next look signs in again.
-    bool refused = wakeup_->ended && wakeup_->ended->is(URLErrorDomain, 401);
-    if (pausing || (wakeup_->ended && !refused)) {
+    if (pausing) {
       auto pause = std::chrono::duration_cast<MonotonicTime::duration>(backOff_.next());
       waitUntil(std::chrono::steady_clock::now() + pause, [this] { return wakeup_->updated; });
+    } else {
+      waitUntil(std::nullopt, [this] { return wakeup_->updated || wakeup_->disconnected; });
     }
-    wakeup_->updated = false;
-    wakeup_->ended.reset();
+    wakeup_->updated = wakeup_->disconnected = false;
     return !isOver();
   }
 
@@ -199,8 +189,8 @@ class Watching {
   std::optional<std::size_t> remaining_;
   std::optional<MonotonicTime> deadline_;
   const std::shared_ptr<Wakeup> wakeup_ = std::make_shared<Wakeup>();
-  std::map<std::string, std::unique_ptr<AccountWatch>> accounts_;
-  BackOff backOff_;
+  std::map<std::string, std::shared_ptr<AccountWatch>> accounts_;
+  FVFBackOff backOff_;
 };
 
 }  // namespace

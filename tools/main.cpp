@@ -28,7 +28,7 @@ class CommandLine {
  public:
   CommandLine() {
     app_.require_subcommand(1);
-    app_.set_version_flag("--version", "florvane 1.1.0");
+    app_.set_version_flag("--version", "florvane " FLORVANE_VERSION);
     app_.add_option("--container", container_, "Folder that holds accounts, preferences and the cache")
         ->type_name("DIR");
     app_.add_flag("--json", common_.json, "Answer with JSON: one object, or one a line where it streams");
@@ -41,9 +41,7 @@ class CommandLine {
     addAccount();
     addItems();
     addWatch();
-    app_.add_subcommand("doctor", "Check container, accounts and servers, and say what to do")->callback([this] {
-      run_ = [](const Output& output) { return examine(output); };
-    });
+    addMaintenance();
   }
 
   ExitStatus parseAndRun(int argc, char** argv) {
@@ -96,22 +94,45 @@ class CommandLine {
     remove->callback([this] { run_ = [this](const Output& output) { return accountRemove(output, remove_); }; });
   }
 
+  void addItem(CLI::App& command, ItemOptions& options, const std::string& name) {
+    command.add_option(name, options.reference)->required();
+    command.add_flag_callback(
+        "--fresh", [&options] { options.freshness = Freshness::Required; },
+        "Only an answer of the server's own will do");
+  }
+
   void addItems() {
     auto* ls = app_.add_subcommand("ls", "List an account's shares or a directory");
-    ls->add_option("NAME[:PATH]", list_.reference)->required();
+    addItem(*ls, list_, "NAME[:PATH]");
     ls->add_flag("-l", list_.isLong, "With sizes and dates");
-    ls->add_flag("--fresh", list_.fresh, "Only an answer of the server's own will do");
     ls->callback([this] { run_ = [this](const Output& output) { return listItems(output, list_); }; });
     auto* stat = app_.add_subcommand("stat", "Show what is known of an item");
-    stat->add_option("NAME[:PATH]", reference_)->required();
-    stat->callback([this] { run_ = [this](const Output& output) { return statItem(output, reference_); }; });
+    addItem(*stat, item_, "NAME[:PATH]");
+    stat->callback([this] { run_ = [this](const Output& output) { return statItem(output, item_); }; });
     auto* cat = app_.add_subcommand("cat", "Print a file");
-    cat->add_option("NAME:PATH", reference_)->required();
-    cat->callback([this] { run_ = [this](const Output& output) { return catFile(output, reference_); }; });
+    addItem(*cat, item_, "NAME:PATH");
+    cat->callback([this] { run_ = [this](const Output& output) { return catFile(output, item_); }; });
     auto* get = app_.add_subcommand("get", "Fetch a file");
-    get->add_option("NAME:PATH", get_.reference)->required();
+    addItem(*get, get_, "NAME:PATH");
     get->add_option("LOCAL", get_.local, "File or folder to put it; the current folder unless named");
     get->callback([this] { run_ = [this](const Output& output) { return getFile(output, get_); }; });
+  }
+
+  void addMaintenance() {
+    auto* status = app_.add_subcommand("status", "Show what is kept of an account, or of all");
+    status->add_option("NAME", accountName_);
+    status->callback([this] { run_ = [this](const Output& output) { return showStatus(output, accountName_); }; });
+    auto* rebuild = app_.add_subcommand("rebuild", "Make an account's database anew from the files on disk");
+    rebuild->add_option("NAME", accountName_)->required();
+    rebuild->callback([this] { run_ = [this](const Output& output) { return rebuildCache(output, *accountName_); }; });
+    auto* reset = app_.add_subcommand("reset", "Forget everything that is kept of an account, but not the account");
+    reset->add_option("NAME", reset_.account)->required();
+    reset->add_flag("--discard-unsent", reset_.discardUnsent,
+                    "Also while files wait to be sent; they go to the container's Recovered folder");
+    reset->callback([this] { run_ = [this](const Output& output) { return resetCache(output, reset_); }; });
+    app_.add_subcommand("doctor", "Check container, accounts and servers, and say what to do")->callback([this] {
+      run_ = [](const Output& output) { return examine(output); };
+    });
   }
 
   void addWatch() {
@@ -130,7 +151,10 @@ class CommandLine {
   ListOptions list_;
   GetOptions get_;
   WatchOptions watch_;
-  std::string remove_, reference_;
+  ItemOptions item_;
+  ResetOptions reset_;
+  std::optional<std::string> accountName_;
+  std::string remove_;
   std::function<ExitStatus(const Output&)> run_;
 };
 

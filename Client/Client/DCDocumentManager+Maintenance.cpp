@@ -1,5 +1,6 @@
+#include "Client/Client/DCAgentTasks.h"
+#include "Client/Client/DCBackgroundSessionIdentifier.h"
 #include "Client/Client/DCDocumentManager.h"
-#include "Client/Client/DCError.h"
 #include "Client/Client/DCLog.h"
 #include "Client/Client/DCPreferences.h"
 #include "Client/Client/DCUnsentFiles.h"
@@ -8,7 +9,6 @@
 #include "platform/FileSystem.h"
 
 #include <algorithm>
-#include <charconv>
 #include <filesystem>
 #include <system_error>
 
@@ -26,7 +26,10 @@ bool isNumericallyGreater(std::string_view version, std::string_view than) {
   auto next = [](std::string_view& rest) {
     std::size_t end = std::min(rest.find('.'), rest.size());
     std::uint64_t number = 0;
-    (void)std::from_chars(rest.data(), rest.data() + end, number);
+    for (char digit : rest.substr(0, end)) {
+      if (digit < '0' || digit > '9') break;
+      number = number * 10 + static_cast<std::uint64_t>(digit - '0');
+    }
     rest.remove_prefix(std::min(end + 1, rest.size()));
     return number;
   };
@@ -63,6 +66,24 @@ std::set<std::string> servicesWithUnsentFilesLeft(const std::string& documentsDi
     if (!DCUnsentFiles::recoverFiles(unsent, Date::now())) left.insert(identifier);
   }
   return left;
+}
+
+// The transfer agent works for processes that are gone, too; their sessions are named in the records of their uploads.
+void cancelTasksOfAllProcesses(const DCService& service, DCDatabase& database) {
+  std::set<std::string> sessions = {DCBackgroundSessionIdentifier(service, DCMainBundleIdentifier())};
+  ManagedObjectFetch fetch;
+  fetch.entity = DCEntityIndexUpload;
+  auto context = database.managedObjectContext();
+  context->performAndWait([&] {
+    for (const auto& object : context->fetch(fetch)) {
+      auto session = static_cast<const DCManagedUpload&>(*object).sessionIdentifier();
+      if (session && !session->empty()) sessions.insert(*session);
+    }
+  });
+  for (const auto& session : sessions) {
+    auto cancelled = DCAgentTasks::cancelTasksInSession(session);
+    if (!cancelled) DCLogError("Unable to cancel the transfers of '%@': %@", session, cancelled.error());
+  }
 }
 
 }  // namespace
@@ -119,21 +140,18 @@ bool DCDocumentManager::_synchronouslyRemoveItemAtURL(const URL& url, const File
 
 void DCDocumentManager::deleteAllLocalData() {
   DCLogTrace("-[DCDocumentManager deleteAllLocalData]");
-  queue_->dispatchSynchronousBlock([this] {
+  auto work = [this] {
     auto database = DCDatabase::databaseForService(service_);
     // Asked before the records of cancelled uploads say nothing any more; moved when nobody reads them any more.
     const auto unsent = DCUnsentFiles::unsentFilesOfService(service_, *database);
     DCUploadManager::uploadManagerForService(service_)->cancelAllUploadTasks();
+    cancelTasksOfAllProcesses(*service_, *database);
     DCDownloadManager::downloadManagerForService(service_)->cancelAllDownloadTasks();
     DCLogDebug("Canceled all upload and download tasks for service: %@", *service_);
-    if (!DCUnsentFiles::recoverFiles(unsent, service_->clock().now())) return;
-    for (const auto& file : unsent) {
-      Error error = DCError::errorItemNotUploadedWithUserInfo(Dictionary{{DCFileRelativePathKey, file.relativePath}});
-      _dispatchMaybeCallSelector(
-          "documentManager:didFailToUpdateItemAtPath:error:", file.relativePath, "deleteAllLocalData", __LINE__,
-          [self = shared_from_this(), path = file.relativePath, error](DCDocumentManagerDelegate& delegate) {
-            delegate.didFailToUpdateItemAtPath(*self, path, error);
-          });
+    auto recovered = DCUnsentFiles::recoverFiles(unsent, service_->clock().now());
+    if (!recovered) return;
+    for (std::size_t i = 0; i < unsent.size(); ++i) {
+      _didRecoverFileAtPath(unsent[i].relativePath, URL::fileURL((*recovered)[i]));
     }
     const FileCoordinator fileCoordinator(purposeIdentifier().value_or(DCFlorvaneBundleIdentifier));
     URL documentRoot = DCFullPath::documentRootForService(service_)->url();
@@ -151,12 +169,19 @@ void DCDocumentManager::deleteAllLocalData() {
     DCLogDebug("Deleted auth cookie and trusted cert data");
     _forgetItems();
     _adjustFetchingUpdatesIfNecessary();
-  });
+  };
+  // A request that finds the database beyond use asks for this on the queue itself.
+  if (queue_->queue()->isCurrent()) {
+    work();
+  } else {
+    queue_->dispatchSynchronousBlock(work);
+  }
 }
 
 // What the items keep in memory was read from what is gone. Registrations look for theirs again.
 void DCDocumentManager::_forgetItems() {
   updates_.clear();
+  processedListings_.clear();
   processedListings_.clear();
   DCCachedItemManager::removeCachedItemManagerForService(service_);
   (void)cachedItemManager();

@@ -182,15 +182,17 @@ void DCDocumentManager::_documentsAreGone(const std::set<Data>& documentIdentifi
 void DCDocumentManager::_refreshItem(const DCCachedItem::Ptr& item, ErrorHandler completionHandler) {
   DCLogTrace("-[DCDocumentManager _refreshItem:completionHandler:]", {{"item", item}});
   auto uploadManager = DCUploadManager::uploadManagerForService(service_);
-  bool isUnsent = false;
   {
     // No upload starts or ends between the tests and the start of the download.
     std::lock_guard lock(uploadManager->lock());
     auto file = std::dynamic_pointer_cast<DCCachedFile>(item);
-    isUnsent = file && (uploadManager->isUploadingFile(*file) || file->isUnsent());
-    if (!isUnsent) _startDownloadItem(item, std::move(completionHandler));
+    bool isUnsent = file && (uploadManager->isUploadingFile(*file) || file->isUnsent());
+    if (!isUnsent) {
+      _startDownloadItem(item, std::move(completionHandler));
+      return;
+    }
   }
-  if (isUnsent && completionHandler) completionHandler(std::nullopt);
+  if (completionHandler) completionHandler(std::nullopt);
 }
 
 void DCDocumentManager::refreshItemAtPath(const std::string& path, ErrorHandler completionHandler) {

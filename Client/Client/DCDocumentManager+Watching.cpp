@@ -188,7 +188,15 @@ void DCDocumentManager::_watchItemOfState(DCDelegateState& state, DCVersionIdent
     above = above->relativePathByDeletingLastPathComponent();
     auto directory = std::dynamic_pointer_cast<DCCachedDirectory>(knownItemAtRelativePath(above));
     if (!directory || directory->hasBeenRemoved() || !identifierToWatch(*directory)) continue;
-    if (auto version = directory->versionIdentifier()) watched.try_emplace(*directory->documentIdentifier(), *version);
+    const Data identifier = *directory->documentIdentifier();
+    auto version = directory->versionIdentifier();
+    // What the server has reported already may still be on its way into the cache.
+    const auto& current = watchedDocumentIdentifiersAndVersionIdentifiers_;
+    if (auto known = current ? current->find(identifier) : DCVersionIdentifiers::const_iterator();
+        current && known != current->end()) {
+      version = known->second;
+    }
+    if (version) watched.try_emplace(identifier, *version);
     return;
   }
 }
@@ -199,6 +207,8 @@ DCCachedItem::Ptr DCDocumentManager::_itemReplacingItemOfState(DCDelegateState& 
   if (!item || item->hasBeenRemoved()) return nullptr;
   state.setItem(item);
   state.setWatchedVersionIdentifier(std::nullopt);
+  // A listing has named it since; the server may well have given it the identifier of what was there before.
+  if (auto identifier = item->documentIdentifier()) goneDocumentIdentifiers_.erase(*identifier);
   // The delegate waits for what is in it; the entry's version says only that it is there.
   auto entry = item->parentContentsMetadata();
   auto version = entry ? entry->data(FVVersionIdentifierKey) : std::nullopt;

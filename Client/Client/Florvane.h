@@ -3,6 +3,9 @@
 // Everything that an application includes to use the library, the values that its operations take and give included.
 
 #include "Client/Client/DCActivityInfo.h"
+#include "Client/Client/DCAgentTasks.h"
+#include "Client/Client/DCBackgroundSessionIdentifier.h"
+#include "Client/Client/DCCacheExamination.h"
 #include "Client/Client/DCConnectivityTracker.h"
 #include "Client/Client/DCDocumentManager.h"
 #include "Client/Client/DCError.h"
@@ -11,9 +14,12 @@
 #include "Client/Client/DCPreferences.h"
 #include "Client/Client/DCRemoteDocumentManager.h"
 #include "Client/Client/DCService.h"
+#include "Client/Client/DCUnsentFiles.h"
 #include "Client/Client/HTTPSASLClientSessionManager.h"
+#include "common/FVFBackOff.h"
 #include "common/FVFMetadataUtils.h"
 #include "common/FVFQueueManager.h"
+#include "common/FVFRequestUtils.h"
 #include "common/FVFResponseContainer.h"
 #include "platform/AccountStore.h"
 #include "platform/Container.h"

@@ -49,7 +49,7 @@ TEST_F(CommandLine, SaysWhatWentWrongInASentenceAndByItsStatus) {
   addAccount("stranger", "mallory");
   expectFailure({"ls", "stranger"}, 4, "refused the sign-in. Check user name and password");
   server.stop();
-  expectFailure({"ls", "home"}, 5, "Nothing answers at " + address());
+  expectFailure({"ls", "--fresh", "home"}, 5, "Nothing answers at " + address());
   expectFailure({"watch", "home:Files"}, 5, "Nothing answers at " + address());
 }
 
@@ -291,10 +291,83 @@ TEST_F(CommandLine, GivesUpInTimeOnAServerThatOnlyAccepts) {
   end.raise();
 }
 
+TEST_F(CommandLine, AnswersFromWhatItKnowsWhenTheServerIsAway) {
+  std::filesystem::create_directories(server.files() + "/Folder/deeper");
+  writeText(server.files() + "/Folder/deeper/notes", "1");
+  writeText(server.files() + "/unread", "1");
+  addAccount();
+  const std::string listed = output({"ls", "-l", "home:Files/Folder/deeper"});
+  EXPECT_EQ(output({"cat", "home:Files/Folder/deeper/notes"}), "1");
+  output({"ls", "home:Files"});
+  server.stop();
+  auto away = run({"ls", "-l", "home:Files/Folder/deeper"});
+  EXPECT_EQ(away.exitStatus, 0);
+  EXPECT_EQ(away.standardOutput, listed);
+  EXPECT_THAT(away.standardError, HasSubstr("Nothing answers at " + address()));
+  EXPECT_THAT(away.standardError, HasSubstr("This is what was known before."));
+  EXPECT_EQ(object({"ls", "home:Files"})["state"], 1);
+  EXPECT_EQ(object({"stat", "home:Files/Folder/deeper/notes"})["size"], 1);
+  EXPECT_EQ(output({"cat", "home:Files/Folder/deeper/notes"}), "1");
+  output({"get", "home:Files/Folder/deeper/notes", folder.file("fetched")});
+  EXPECT_EQ(readText(folder.file("fetched")), "1");
+  for (const char* what : {"ls", "stat", "cat", "get"}) {
+    expectFailure({what, "--fresh", "home:Files/Folder/deeper/notes"}, 5, "Nothing answers at " + address());
+  }
+  // Nothing is known of these.
+  expectFailure({"ls", "home:Library"}, 5, "Nothing answers at " + address());
+  expectFailure({"cat", "home:Files/unread"}, 5, "Nothing answers at " + address());
+  expectFailure({"stat", "home:Files/Folder/appeared"}, 5, "Nothing answers at " + address());
+
+  writeText(server.files() + "/Folder/deeper/notes", "22");
+  server.restart();
+  EXPECT_EQ(object({"ls", "--fresh", "home:Files/Folder/deeper"})["items"][0]["size"], 2);
+  EXPECT_EQ(output({"cat", "--fresh", "home:Files/Folder/deeper/notes"}), "22");
+  // Whatever the cache's rules of age make of a listing of a moment ago.
+  writeText(server.files() + "/Folder/deeper/notes", "333");
+  EXPECT_EQ(output({"cat", "home:Files/Folder/deeper/notes"}), "333");
+  std::filesystem::rename(server.files() + "/Folder", server.files() + "/Renamed");
+  expectFailure({"ls", "home:Files/Folder/deeper"}, 3, "No such item.");
+  EXPECT_EQ(output({"cat", "home:Files/Renamed/deeper/notes"}), "333");
+}
+
+TEST_F(CommandLine, LooksAfterWhatIsKeptOfAnAccount) {
+  writeText(server.files() + "/notes", "1");
+  addAccount();
+  output({"cat", "home:Files/notes"});
+  auto status = object({"status"})["accounts"][0];
+  EXPECT_EQ(status["name"], "home");
+  EXPECT_EQ(status["connected"], true);
+  EXPECT_GE(status["items"], 4);
+  EXPECT_EQ(status["pendingUploads"], 0);
+  EXPECT_EQ(status["dataVersion"], "1.1");
+  EXPECT_EQ(object({"rebuild", "home"})["items"], status["items"]);
+  EXPECT_EQ(output({"cat", "home:Files/notes"}), "1");
+
+  // A file that was staged for the server, and never got there.
+  const std::string identifier = object({"account", "list"})["accounts"][0]["identifier"];
+  const std::string staging = container + "/File Provider Storage/" + identifier + "/upload+Files";
+  std::filesystem::create_directories(staging);
+  writeText(staging + "/new", "never sent");
+  expectFailure({"reset", "home"}, 1, "home has 1 file that the server does not have yet.");
+  EXPECT_EQ(readText(staging + "/new"), "never sent");
+  EXPECT_EQ(object({"reset", "--discard-unsent", "home"})["recovered"], 1);
+  EXPECT_THAT(filesHolding("never sent"), ElementsAre(testing::StartsWith("new (")));
+  EXPECT_EQ(object({"status", "home"})["accounts"][0]["unsent"], 0);
+  EXPECT_EQ(output({"cat", "home:Files/notes"}), "1");
+  output({"reset", "home"});
+
+  expectFailure({"reset", "other"}, 3, "There is no account named \"other\"");
+  expectFailure({"status", "other"}, 3, "There is no account named \"other\"");
+  server.stop();
+  EXPECT_EQ(object({"status", "home"})["accounts"][0]["connected"], false);
+  EXPECT_THAT(output({"status"}), testing::StartsWith("home: not connected, "));
+}
+
 TEST_F(CommandLine, ExaminesContainerAccountsAndServers) {
+  writeText(server.files() + "/notes", "1");
   EXPECT_THAT(output({"doctor"}), HasSubstr("ok    accounts: none yet"));
   addAccount();
-  EXPECT_THAT(output({"doctor"}), HasSubstr("answers, signed in, 3 shares"));
+  EXPECT_THAT(output({"doctor"}), HasSubstr("ok    home: sign-in: signed in"));
   auto failing = [&] {
     auto result = run({"--json", "doctor"});
     EXPECT_EQ(result.exitStatus, 1);
@@ -305,6 +378,32 @@ TEST_F(CommandLine, ExaminesContainerAccountsAndServers) {
     }
     return names;
   };
+  // What lies on the disk and is not named, and what is named and does not read.
+  const std::string identifier = object({"account", "list"})["accounts"][0]["identifier"];
+  output({"cat", "home:Files/notes"});
+  const std::string documents = container + "/File Provider Storage/";
+  std::filesystem::create_directories(documents + identifier + "/0badc0de");
+  std::filesystem::create_directories(documents + "of nobody");
+  EXPECT_THAT(failing(), ElementsAre("home: orphans", "leftovers"));
+  std::filesystem::remove(documents + identifier + "/0badc0de");
+  std::filesystem::remove(documents + "of nobody");
+  std::string cached;
+  for (const auto& each : std::filesystem::recursive_directory_iterator(documents + identifier)) {
+    if (each.is_regular_file()) cached = each.path();
+  }
+  writeText(cached, "changed by hand");
+  EXPECT_THAT(failing(), ElementsAre("home: unsent"));
+  const std::string store = container + "/Metadata/db/" + identifier + ".sqlite";
+  std::filesystem::remove(store + "-wal");
+  writeText(store, std::string(8192, 'x'));
+  EXPECT_THAT(failing(), ElementsAre("home: store"));
+  EXPECT_THAT(run({"doctor"}).standardOutput, HasSubstr("florvane rebuild home"));
+  EXPECT_EQ(readText(store), std::string(8192, 'x')) << "doctor changes nothing";
+  EXPECT_EQ(run({"rebuild", "home"}).exitStatus, 0);
+  EXPECT_THAT(failing(), ElementsAre("home: unsent"));
+  output({"reset", "--discard-unsent", "home"});
+  EXPECT_THAT(output({"doctor"}), HasSubstr("1 files that were never sent lie in"));
+
   server.stop();
   EXPECT_THAT(failing(), ElementsAre("home: server"));
   removePassword();

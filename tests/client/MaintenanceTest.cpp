@@ -1,0 +1,194 @@
+#include "tests/client/WatchFixture.h"
+
+#include <sys/stat.h>
+
+namespace florvane::test {
+namespace {
+
+using Maintenance = WatchFixture;
+
+std::shared_ptr<DCPreferences> preferences() { return DCPreferences::preferences(); }
+
+// Something of the cache's that a wipe removes.
+std::string writeCached(const std::string& name) {
+  DUPathVerifyPathSetup();
+  const std::string folder = *DUPathMetadataDirectoryPath() + "/" + name;
+  std::filesystem::create_directories(folder);
+  return folder;
+}
+
+TEST_F(Maintenance, WipesOnlyDataOfVersionsThatItCannotUse) {
+  auto survives = [&](const std::optional<std::string>& stored) {
+    EXPECT_TRUE(preferences()->setCurrentDataVersionNumber(stored));
+    EXPECT_TRUE(preferences()->setAuthCookie(Secret("k=1"), Data::fromString("certificate"), service()));
+    const std::string cached = writeCached("cached");
+    DCDocumentManager::deleleAllDataIfNecessary();
+    EXPECT_EQ(preferences()->currentDataVersionNumber(), "1.1");
+    bool isThere = std::filesystem::exists(cached);
+    EXPECT_EQ(preferences()->authCookieForService(service()).has_value(), isThere);
+    return isThere;
+  };
+  EXPECT_FALSE(survives(std::nullopt));
+  EXPECT_FALSE(survives("0.9"));
+  EXPECT_FALSE(survives("1.0"));
+  EXPECT_FALSE(survives("1"));
+  EXPECT_TRUE(survives("1.1"));
+  EXPECT_TRUE(survives("1.5"));
+  EXPECT_TRUE(survives("1.0.1"));
+  EXPECT_TRUE(survives("1.10")) << "numbers, not text";
+
+  // Preferences that cannot be read say nothing of the data.
+  const std::string cached = writeCached("cached");
+  writeText(container.file("Preferences/group.quorl.Florvane.plist"), "no property list");
+  DCDocumentManager::deleleAllDataIfNecessary();
+  EXPECT_TRUE(std::filesystem::exists(cached));
+}
+
+TEST_F(Maintenance, WipesOnceWhenTwoStartForTheFirstTime) {
+  std::vector<std::thread> threads;
+  threads.reserve(8);
+  for (int i = 0; i < 8; ++i) {
+    threads.emplace_back([i] {
+      DCDocumentManager::deleleAllDataIfNecessary();
+      writeCached("of " + std::to_string(i));
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  for (int i = 0; i < 8; ++i) {
+    EXPECT_TRUE(std::filesystem::exists(*DUPathMetadataDirectoryPath() + "/of " + std::to_string(i)));
+  }
+}
+
+TEST_F(Maintenance, KeepsUnsentBytesOfEveryServiceOutOfTheWipe) {
+  // A service whose account is gone, as another process left it: a staged new file, one with an upload record at a
+  // place of its own, and nothing else worth keeping.
+  auto gone = DCService::serviceWithHostName("localhost", "gone");
+  const std::string root = DCFullPath::documentRootForService(gone)->string();
+  std::filesystem::create_directories(root + "/upload+Files:Letters");
+  writeText(root + "/upload+Files:Letters/new", "never sent");
+  std::filesystem::create_directories(root + "/ab01");
+  writeText(root + "/ab01/notes", "edited");
+  {
+    DCDatabase store(gone);
+    ASSERT_TRUE(store.saveUploadFileURL(URL::fileURL(root + "/ab01/notes"), "Files/notes"));
+  }
+  DCDocumentManager::deleleAllDataIfNecessary();
+  EXPECT_FALSE(std::filesystem::exists(root));
+  auto kept = recovered();
+  ASSERT_EQ(kept.size(), 2U);
+  EXPECT_TRUE(kept[0].starts_with("Files/Letters/new ("));
+  EXPECT_TRUE(kept[1].starts_with("Files/notes ("));
+  EXPECT_EQ(readText(container.file("Recovered/" + kept[0])), "never sent");
+  EXPECT_EQ(readText(container.file("Recovered/" + kept[1])), "edited");
+}
+
+TEST_F(Maintenance, RebuildsWhatTheDiskKnowsAndChangesNothingElse) {
+  std::filesystem::create_directories(server.files() + "/Folder");
+  writeText(server.files() + "/Folder/below", "1");
+  writeText(server.files() + "/edited", "1");
+  writeText(server.files() + "/never", "1");
+  list({"", "Files", "Files/Folder", "Files/notes", "Files/edited", "Files/Folder/below"});
+  auto edited = fileAt("Files/edited");
+  const std::string local = edited->fullPath()->string();
+  writeText(local, "changed here");
+  ASSERT_TRUE(edited->isUnsent());
+  ASSERT_FALSE(fileAt("Files/notes")->isUnsent());
+  const std::string staged = documentRoot() + "/upload+Files";
+  std::filesystem::create_directories(staged);
+  writeText(staged + "/new", "never sent");
+  ASSERT_TRUE(database()->saveUploadFileURL(URL::fileURL(staged + "/new"), "Files/new"));
+  auto upload = database()->uploadForPath("Files/new");
+  upload->setNumberOfRetries(2);
+  upload->setError("why");
+  ASSERT_TRUE(database()->save());
+  auto date = upload->date();
+
+  auto known = database()->documentIdentifiersForPathsBelow("");
+  std::promise<void> rebuilt;
+  manager()->rebuildDatabaseWithCompletionHandler([&] { rebuilt.set_value(); });
+  rebuilt.get_future().wait();
+
+  EXPECT_EQ(database()->documentIdentifiersForPathsBelow(""), known);
+  EXPECT_FALSE(fileAt("Files/notes")->isUnsent());
+  EXPECT_FALSE(fileAt("Files/notes")->needsDownload());
+  EXPECT_FALSE(fileAt("Files/Folder/below")->isUnsent());
+  EXPECT_TRUE(fileAt("Files/edited")->isUnsent());
+  EXPECT_FALSE(fileAt("Files/never")->hasBeenDownloaded());
+  EXPECT_EQ(fileAt("Files/notes")->contents(), Data::fromString("1"));
+  upload = database()->uploadForPath("Files/new");
+  ASSERT_TRUE(upload);
+  EXPECT_EQ(upload->fileURL(), staged + "/new");
+  EXPECT_EQ(upload->numberOfRetries(), 2);
+  EXPECT_EQ(upload->error(), "why");
+  EXPECT_EQ(upload->date(), date);
+  EXPECT_EQ(database()->numberOfPendingUploads(), 1U);
+  // What is known now is enough to go on.
+  writeText(server.files() + "/notes", "22");
+  list({"", "Files", "Files/notes"});
+  EXPECT_EQ(fileAt("Files/notes")->contents(), Data::fromString("22"));
+}
+
+TEST_F(Maintenance, RebuildsByDatesWhenTheStoreIsLost) {
+  writeText(server.files() + "/edited", "1");
+  list({"", "Files", "Files/notes", "Files/edited"});
+  writeText(fileAt("Files/edited")->fullPath()->string(), "changed here");
+  const std::string staged = documentRoot() + "/upload+Files";
+  std::filesystem::create_directories(staged);
+  writeText(staged + "/new", "never sent");
+  // Not even damaged pages are left of it.
+  database()->reset();
+  std::promise<void> rebuilt;
+  manager()->rebuildDatabaseWithCompletionHandler([&] { rebuilt.set_value(); });
+  rebuilt.get_future().wait();
+  EXPECT_FALSE(fileAt("Files/notes")->isUnsent());
+  EXPECT_TRUE(fileAt("Files/edited")->isUnsent());
+  EXPECT_TRUE(database()->uploadForPath("Files/new")) << "a new file would wait for ever";
+}
+
+TEST_F(Maintenance, GoesOnWithARebuildThatWasCutShort) {
+  ASSERT_TRUE(preferences()->setCurrentDataVersionNumber("1.1"));
+  // As a kill leaves it between the old store's end and the new one's first record.
+  Dictionary record;
+  record.set("path", "Files/new");
+  record.set("fileURL", container.file("new"));
+  Array records;
+  records.append(record);
+  DUPathVerifyPathSetup();
+  const std::string folder = *DUPathMetadataDirectoryPath() + "/db";
+  const std::string journal = folder + "/rebuild-" + service()->uniqueIdentifier() + ".plist";
+  std::filesystem::create_directories(folder);
+  ASSERT_TRUE(writeFileAtomically(journal, *writePropertyList(records, PropertyListFormat::Binary)));
+  (void)manager();
+  settle();
+  ASSERT_TRUE(database()->uploadForPath("Files/new"));
+  EXPECT_EQ(database()->uploadForPath("Files/new")->fileURL(), container.file("new"));
+  EXPECT_FALSE(std::filesystem::exists(journal));
+}
+
+TEST_F(Maintenance, DeletesAServicesDataButNotWhatWasNeverSent) {
+  list({"", "Files", "Files/notes"});
+  auto delegate = watch("Files");
+  const std::string local = fileAt("Files/notes")->fullPath()->string();
+  writeText(local, "changed here");
+  ASSERT_TRUE(database()->saveUploadFileURL(URL::fileURL(local), "Files/notes"));
+  manager()->deleteAllLocalData();
+  EXPECT_TRUE(delegate->hears(std::string("failed Files/notes ") + DCErrorDomain));
+  ASSERT_EQ(recovered().size(), 1U);
+  EXPECT_TRUE(recovered()[0].starts_with("Files/notes ("));
+  EXPECT_EQ(readText(container.file("Recovered/" + recovered()[0])), "changed here");
+  EXPECT_FALSE(std::filesystem::exists(local));
+  EXPECT_FALSE(preferences()->authCookieForService(service()));
+  EXPECT_EQ(database()->numberOfPendingUploads(), 0U);
+  EXPECT_TRUE(database()->documentIdentifiersForPathsBelow("").empty());
+  // It starts over, and what is registered finds its item again.
+  list();
+  EXPECT_TRUE(fileAt("Files/notes")->documentIdentifier());
+  settle();
+  EXPECT_TRUE(isFetching());
+  delegate->forget();
+  writeText(server.files() + "/notes", "4444");
+  EXPECT_TRUE(delegate->sees([](const Array& contents) { return sizeOfEntryNamed(contents, "notes") == 4; }));
+}
+
+}  // namespace
+}  // namespace florvane::test
