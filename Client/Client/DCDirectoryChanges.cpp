@@ -180,7 +180,7 @@ void DCDirectoryChanges::settle(const Child& child) {
     const Value* before = previousEntry(documentIdentifier);
     const auto version = child.entry->asDictionary()->data(FVVersionIdentifierKey);
     if (found->relativePath()->string() != path) {
-      DCAssert(!before || found->documentIdentifier(), kSource);
+      if (before && !found->documentIdentifier()) DCAssertionFailed(kSource, __LINE__, "child.documentIdentifier");
       identifiersByPath_.erase(found->relativePath()->string());
       manager_->moveItem(found, documentIdentifier, version, relativePathOf(path));
       identifiersByPath_.insert_or_assign(path, documentIdentifier);

@@ -255,7 +255,8 @@ bool DCDocumentManager::_needsToCallDelegateForPath(const std::string& path) con
 }
 
 void DCDocumentManager::_dispatchMaybeCallSelector(std::string_view selector, const std::string& path,
-                                                   std::string_view function, unsigned line, DelegateBlock block) {
+                                                   std::string_view function, unsigned line,
+                                                   const DelegateBlock& block) {
   struct Offer {
     DelegatePtr delegate;
     std::shared_ptr<SerialQueue> queue;

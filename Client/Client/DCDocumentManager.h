@@ -176,7 +176,7 @@ class DCDocumentManager : public DCConnectivityTrackerDelegate, public std::enab
   DCActivityInfo::Ptr _activityInfoForItem(const DCCachedItem& item);
   bool _isWatchedAndUpToDateItem(const DCCachedItem& item);
   void _dispatchMaybeCallSelector(std::string_view selector, const std::string& path, std::string_view function,
-                                  unsigned line, DelegateBlock block);
+                                  unsigned line, const DelegateBlock& block);
   bool _needsToCallDelegateForPath(const std::string& path) const;
   static bool _shouldCallDelegate(const DCDelegateState& state, const std::string& forPath);
   OptionalError _checkParentOfItem(DCCachedItemManager& manager, const DCRelativePath::Ptr& relativePath);

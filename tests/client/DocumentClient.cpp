@@ -47,7 +47,7 @@ DocumentClient::DocumentClient(std::uint16_t port, const std::string& user, cons
 }
 
 Answer<Array> DocumentClient::list(const std::string& path) {
-  return wait<Array>([&](auto handler) { manager->contentsOfDirectoryAtPath(path, handler); });
+  return wait<Array>([&](const auto& handler) { manager->contentsOfDirectoryAtPath(path, handler); });
 }
 
 Answer<Array> DocumentClient::listFresh(const std::string& path) {
@@ -56,19 +56,19 @@ Answer<Array> DocumentClient::listFresh(const std::string& path) {
 }
 
 Answer<Dictionary> DocumentClient::attributes(const std::string& path) {
-  return wait<Dictionary>([&](auto handler) { manager->attributesOfItemAtPath(path, handler); });
+  return wait<Dictionary>([&](const auto& handler) { manager->attributesOfItemAtPath(path, handler); });
 }
 
 Answer<URL> DocumentClient::read(const std::string& path) {
-  return wait<URL>([&](auto handler) { manager->contentsOfFileAtPath(path, handler); });
+  return wait<URL>([&](const auto& handler) { manager->contentsOfFileAtPath(path, handler); });
 }
 
 Answer<URL> DocumentClient::thumbnail(const std::string& path) {
-  return wait<URL>([&](auto handler) { manager->thumbnailOfItemAtPath(path, handler); });
+  return wait<URL>([&](const auto& handler) { manager->thumbnailOfItemAtPath(path, handler); });
 }
 
 Answer<URL> DocumentClient::preview(const std::string& path) {
-  return wait<URL>([&](auto handler) { manager->previewOfItemAtPath(path, handler); });
+  return wait<URL>([&](const auto& handler) { manager->previewOfItemAtPath(path, handler); });
 }
 
 std::optional<Error> DocumentClient::refresh(const std::string& path) {

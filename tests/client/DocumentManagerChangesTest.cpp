@@ -50,7 +50,7 @@ class DocumentManagerChanges : public testing::Test {
     std::sort(expected.begin(), expected.end());
     EXPECT_EQ(client_.names(listing), expected) << name;
     for (const auto& child : expected) {
-      std::string below = directory.empty() ? child : directory + "/" + child;
+      std::string below = directory.empty() ? child : std::string(directory).append("/").append(child);
       auto entry = client_.entry(listing, child);
       if (fs::is_directory(path(below))) {
         EXPECT_EQ(entry->string(ResourceFileResourceTypeKey), ResourceTypeDirectory) << below;

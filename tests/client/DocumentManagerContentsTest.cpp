@@ -233,6 +233,35 @@ TEST(DocumentManagerContents, LocalURLsAndPathsFindEachOther) {
   EXPECT_THAT(client.assertions(), IsEmpty());
 }
 
+TEST(DocumentManagerContents, AFileThatWaitsToBeSentIsListedAmongTheServers) {
+  TestServer server;
+  writeText(server.files() + "/b.txt", "b");
+  DocumentClient client(server.port());
+  client.listFresh("");
+  client.listFresh("Files");
+  server.stop();
+  const std::string source = client.container.file("source");
+  writeText(source, "mine");
+  std::promise<std::optional<Error>> written;
+  client.manager->writeToFileAtPath("Files/a.txt", URL::fileURL(source),
+                                    [&](const auto& /*url*/, const auto& error) { written.set_value(error); });
+  auto failed = written.get_future().get();
+  ASSERT_FALSE(failed) << failed->description();
+  auto listing = client.list("Files");
+  EXPECT_EQ(listing.state, 1);
+  EXPECT_EQ(client.names(listing), (std::vector<std::string>{"a.txt", "b.txt"}));
+  auto entry = client.entry(listing, "a.txt");
+  EXPECT_EQ(entry->boolean(DCFileNeedsUploadKey), true);
+  EXPECT_EQ(entry->integer(DCFileShouldUseLocalThumbnailKey), 1);
+  EXPECT_EQ(entry->integer(ResourceFileSizeKey), 4);
+  EXPECT_FALSE(client.entry(listing, "b.txt")->contains(DCFileNeedsUploadKey));
+  EXPECT_EQ(client.attributes("Files").value->integer(DCFileDirectoryItemsCountKey), 2);
+  auto read = client.read("Files/a.txt");
+  EXPECT_EQ(client.text(read), "mine");
+  EXPECT_EQ(*client.manager->pathsOfItemAtURL(*read.value), std::set<std::string>{"Files/a.txt"});
+  EXPECT_THAT(client.assertions(), IsEmpty());
+}
+
 TEST(DocumentManagerDelegates, HearOfTheirPathAndItsChildrenOnTheirOwnQueue) {
   TestServer server;
   fs::create_directories(server.files() + "/a/b");

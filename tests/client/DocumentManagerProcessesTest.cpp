@@ -41,11 +41,11 @@ TEST(DocumentManagerProcesses, TheNextProcessHasWhatThisOneSawAlsoOffline) {
 
 TEST(DocumentManagerProcesses, AListingThatAnotherProcessBroughtIsTakenInWithItsMoves) {
   TestServer server;
-  for (const char* name : {"a", "b", "gone"}) writeText(server.files() + "/" + name, std::string("of ") + name);
+  for (const char* name : {"a", "b", "gone"}) writeText(server.files() + "/" + name, std::string("of ").append(name));
   DocumentClient client(server.port());
   client.listFresh("");
   client.listFresh("Files");
-  for (const char* name : {"a", "b", "gone"}) client.read(std::string("Files/") + name);
+  for (const char* name : {"a", "b", "gone"}) client.read(std::string("Files/").append(name));
   const auto downloads = client.countOf("Starting download of file");
   fs::rename(server.files() + "/a", server.files() + "/x");
   fs::rename(server.files() + "/b", server.files() + "/a");
