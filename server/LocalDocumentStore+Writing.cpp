@@ -5,7 +5,13 @@
 #include "server/LocalDocumentStore.h"
 
 #include <algorithm>
+#include <array>
+#include <cstring>
 #include <utility>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace florvane {
 
@@ -42,6 +48,27 @@ std::string nameWithSuffix(const std::string& name, const std::string& suffix) {
   std::size_t length = std::min(dot, 255 - end.size());
   while (length > 0 && length < dot && (static_cast<unsigned char>(name[length]) & 0xC0U) == 0x80U) --length;
   return name.substr(0, length) + end;
+}
+
+// Whether both files hold the same bytes and have the same modification date: then one is the other, sent again because
+// the first answer was lost.
+bool isSameDelivery(int one, int other) {
+  struct stat first{}, second{};
+  if (fstat(one, &first) != 0 || fstat(other, &second) != 0 || !S_ISREG(second.st_mode)) return false;
+  if (first.st_size != second.st_size || first.st_mtim.tv_sec != second.st_mtim.tv_sec ||
+      first.st_mtim.tv_nsec != second.st_mtim.tv_nsec) {
+    return false;
+  }
+  std::array<char, 65536> ours, theirs;
+  for (off_t at = 0; at < first.st_size;) {
+    const ssize_t read = pread(one, ours.data(), ours.size(), at);
+    if (read <= 0 || pread(other, theirs.data(), static_cast<std::size_t>(read), at) != read ||
+        std::memcmp(ours.data(), theirs.data(), static_cast<std::size_t>(read)) != 0) {
+      return false;
+    }
+    at += read;
+  }
+  return true;
 }
 
 }  // namespace
@@ -99,15 +126,23 @@ StoreResult<Upload> LocalDocumentStore::beginReplace(const Data& document, const
   return beginWrite(located->record.parent.data(), std::nullopt, expectedBytes);
 }
 
-StoreResult<void> LocalDocumentStore::publishUnderFreeName(Upload& upload, int directory, const std::string& name) {
+// Under the name or one like it that is free. What was delivered before stays alone: its descriptor is the answer then.
+StoreResult<FileDescriptor> LocalDocumentStore::publishUnderFreeName(Upload& upload, int directory,
+                                                                     const std::string& name) {
   for (int number = 1; number <= kNumberedNames; ++number) {
     const std::string candidate = number == 1 ? name : nameWithSuffix(name, std::to_string(number));
     auto published = UploadFolder::publish(upload, directory, candidate);
-    if (published || published.error().status != StoreStatus::Conflict) return published;
+    if (published) return FileDescriptor();
+    if (published.error().status != StoreStatus::Conflict) return tl::unexpected(published.error());
+    FileDescriptor present(
+        ::openat(directory, candidate.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    if (present.valid() && isSameDelivery(upload.descriptor(), present.get())) return present;
   }
   const auto random = randomBytes(8);
   if (!random) return refuse(StoreStatus::Internal, random.error().localizedDescription());
-  return UploadFolder::publish(upload, directory, nameWithSuffix(name, hexEncode(*random)));
+  auto published = UploadFolder::publish(upload, directory, nameWithSuffix(name, hexEncode(*random)));
+  if (!published) return tl::unexpected(published.error());
+  return FileDescriptor();
 }
 
 // The answer once the directory has been looked at again.
@@ -135,10 +170,15 @@ StoreResult<StoredUpload> LocalDocumentStore::answer(KnownDirectory& directory, 
 StoreResult<StoredUpload> LocalDocumentStore::store(KnownDirectory& directory, const LocatedDocument& located,
                                                     const std::string& name, const Dates& dates, Upload& upload) {
   const int descriptor = located.descriptor.get();
-  auto published = located.share->configuration().dropBox ? publishUnderFreeName(upload, descriptor, name)
-                                                          : UploadFolder::publish(upload, descriptor, name);
-  if (!published) return tl::unexpected(published.error());
-  const auto stamp = located.share->folder->stamp(upload.descriptor());
+  FileDescriptor delivered;
+  if (located.share->configuration().dropBox) {
+    auto published = publishUnderFreeName(upload, descriptor, name);
+    if (!published) return tl::unexpected(published.error());
+    delivered = std::move(*published);
+  } else if (auto published = UploadFolder::publish(upload, descriptor, name); !published) {
+    return tl::unexpected(published.error());
+  }
+  const auto stamp = located.share->folder->stamp(delivered.valid() ? delivered.get() : upload.descriptor());
   if (!stamp) return tl::unexpected(stamp.error());
   const DirectoryCatalog::ClientDates client{stamp->identity, dates.created, dates.added};
   if (auto fresh = catalog_.refresh(directory, located, &client); !fresh) return tl::unexpected(fresh.error());

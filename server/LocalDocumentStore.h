@@ -54,7 +54,7 @@ class LocalDocumentStore final : public DocumentStore, private DocumentWatches::
   StoreResult<LocatedDocument> locatedForStoring(const Data& document, const std::optional<Data>& share);
   static StoreResult<void> makeBody(KnownDirectory& directory);
   static StoreResult<StoredUpload> answer(KnownDirectory& directory, const FileIdentity& stored);
-  static StoreResult<void> publishUnderFreeName(Upload& upload, int directory, const std::string& name);
+  static StoreResult<FileDescriptor> publishUnderFreeName(Upload& upload, int directory, const std::string& name);
   StoreResult<StoredUpload> store(KnownDirectory& directory, const LocatedDocument& located, const std::string& name,
                                   const Dates& dates, Upload& upload);
 

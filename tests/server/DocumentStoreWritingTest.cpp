@@ -143,6 +143,25 @@ TEST_F(DocumentStoreWritingTest, DropBoxTakesEverythingAndShowsNothing) {
   for (int i = 0; i < 2; ++i) EXPECT_TRUE(write(box, longName, "x")) << "the name is shortened between characters";
 }
 
+TEST_F(DocumentStoreWritingTest, DropBoxKnowsADeliveryWhoseAnswerWasLost) {
+  shares[0].dropBox = true;
+  open();
+  const Data box = share();
+  const auto deliver = [&](const std::string& bytes, std::int64_t microseconds) {
+    const auto answer =
+        write(box, "receipt", bytes,
+              {{ResourceContentModificationDateKey, Date::fromMicroseconds(1'700'000'000'000'000 + microseconds)}});
+    EXPECT_TRUE(answer);
+    return identifier(answer->metadata);
+  };
+  const Data first = deliver("same", 1);
+  EXPECT_NE(deliver("same", 2), first);
+  EXPECT_NE(deliver("SAME", 1), first);
+  EXPECT_EQ(deliver("same", 1), first);
+  EXPECT_FALSE(fileExists(docs("receipt 4")));
+  EXPECT_EQ(waitingUploads(), 0U);
+}
+
 TEST_F(DocumentStoreWritingTest, AKillLeavesNoHalfFile) {
   make("existing", "whole");
   const pid_t child = ::fork();
