@@ -1,0 +1,280 @@
+// A client process of the container (named by the environment), driven line by line: each line of standard input is a
+// JSON object with "op", each line of standard output its answer.
+//   client_peer PORT SECONDS   signs in to that port of the loopback; its clock is ahead of the machine's by so much
+//   {"op": "list", "path", "sync"}      {"state", "items": [{"name", "type", "size", "modified"}], "error"}
+//   {"op": "stat", "path"}              {"state", "error"}
+//   {"op": "read", "path"}              {"state", "file": local path or null, "error"}
+//   {"op": "settle", "path"}            everything below, refreshed: {"directories", "files", "errors"}
+//   {"op": "watch" | "unwatch", "path"} {}
+//   {"op": "calls"}                     what delegates were told since the last time: {"calls"}
+//   {"op": "known"}                     what the database holds: {"paths": {path: identifier}, "assertions"}
+//   {"op": "advance", "seconds"}        {}
+//   {"op": "write", "path", "source"}   {"error"}
+//   {"op": "restart"}                   starts the uploads that are due again: {}
+//   {"op": "uploads"}                   those that are due: {"uploads": [{"path", "error"}]}
+
+#include "Client/Client/DCDocumentManager.h"
+#include "Client/Client/Florvane.h"
+#include "common/PUAdditions.h"
+#include "tests/support/ManualClock.h"
+#include "tests/support/RecordingSystemLog.h"
+
+#include <chrono>
+#include <cstdio>
+#include <future>
+#include <iostream>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+namespace {
+
+using namespace florvane;
+using nlohmann::json;
+
+json describe(const std::optional<Error>& error) {
+  return error ? json{{"domain", error->domain()}, {"code", error->code()}, {"text", error->localizedDescription()}}
+               : json(nullptr);
+}
+
+json describe(const Dictionary& item) {
+  json described = {{"name", item.string(ResourceNameKey).value_or("")},
+                    {"type", item.string(ResourceFileResourceTypeKey).value_or("")}};
+  if (auto size = item.integer(ResourceFileSizeKey)) described["size"] = *size;
+  if (auto date = item.date(ResourceContentModificationDateKey)) {
+    described["modified"] = date->microsecondsSince1970();
+  }
+  return described;
+}
+
+class Delegate : public DCDocumentManagerDelegate {
+ public:
+  void didUpdateContentsOfDirectoryAtPath(Manager, const std::string& path, const Array&) override {
+    note("contents of directory", path);
+  }
+  void didUpdateAttributesOfItemAtPath(Manager, const std::string& path, const Dictionary&) override {
+    note("attributes", path);
+  }
+  void didUpdateContentsOfFileAtPath(Manager, const std::string& path) override { note("contents", path); }
+  void didUpdateThumbnailOfFileAtPath(Manager, const std::string& path, const URL&) override {
+    note("thumbnail", path);
+  }
+  void didFailToUpdateItemAtPath(Manager, const std::string& path, const Error& error) override {
+    note("failure " + error.localizedDescription(), path);
+  }
+  json take() {
+    std::lock_guard lock(mutex_);
+    return std::exchange(calls_, json::array());
+  }
+
+ private:
+  void note(const std::string& what, const std::string& path) {
+    std::lock_guard lock(mutex_);
+    calls_.push_back({what, path});
+  }
+  std::mutex mutex_;  // guards calls_
+  json calls_ = json::array();
+};
+
+class Peer {
+ public:
+  Peer(std::uint16_t port, std::chrono::seconds ahead) : clock_(startOfClock(ahead)) {
+    DCDocumentManager::setPurposeIdentifier("peer " + std::to_string(getpid()));
+    service_ = DCService::serviceWithAccount(account(port), clock_);
+    manager_ = DCDocumentManager::documentManagerForService(service_);
+    answers_ = SerialQueue::create("answers");
+    manager_->setCompletionHandlerQueue(answers_);
+  }
+
+  json perform(const json& request) {
+    const std::string op = request.at("op");
+    const std::string path = request.value("path", "");
+    asked_.insert({path, path.substr(0, path.rfind('/') == std::string::npos ? 0 : path.rfind('/'))});
+    if (op == "list") return list(path, request.value("sync", false));
+    if (op == "stat") return stat(path);
+    if (op == "read") return read(path);
+    if (op == "settle") return settle(path);
+    if (op == "calls") {
+      // What was queued for delegates before this comes before the answer.
+      answers_->sync([] {});
+      return {{"calls", delegate_->take()}};
+    }
+    if (op == "known") return known();
+    if (op == "write") return write(path, request.at("source"));
+    if (op == "uploads") return uploads();
+    if (op == "restart") manager_->restartUploads();
+    if (op == "watch") manager_->setDelegate(delegate_, answers_, path);
+    if (op == "unwatch") manager_->removeDelegateForFilterPath(path);
+    if (op == "advance") clock_.advance(std::chrono::seconds(request.at("seconds").get<int>()));
+    return json::object();
+  }
+
+ private:
+  static Date startOfClock(std::chrono::seconds ahead) {
+    return Date::fromMicroseconds(Clock::system().now().microsecondsSince1970() +
+                                  std::chrono::microseconds(ahead).count());
+  }
+
+  static Account account(std::uint16_t port) {
+    auto store = AccountStore::shared();
+    if (!store) throw std::runtime_error(store.error().description());
+    auto known = (*store)->accountWithName("office");
+    if (known && *known) return **known;
+    Account account;
+    account.name = "office";
+    account.userName = "ada";
+    account.hostName = "127.0.0.1";
+    account.dataClassPortNumber = port;
+    auto added = (*store)->add(account, Secret("Notes by the Translator: G"));
+    if (!added) throw std::runtime_error(added.error().description());
+    return *added;
+  }
+
+  // Calls the operation with a handler and waits for what it makes of its arguments.
+  template <typename Start>
+  static json wait(Start&& start) {
+    auto promise = std::make_shared<std::promise<json>>();
+    auto answer = promise->get_future();
+    start(promise);
+    return answer.get();
+  }
+
+  json list(const std::string& path, bool sync) {
+    return wait([&](auto promise) {
+      if (sync) manager_->_synchronousNextContentsOfDirectory();
+      manager_->contentsOfDirectoryAtPath(path, [promise](DCDocumentManagerFreshnessState state,
+                                                          std::optional<Array> contents, std::optional<Error> error) {
+        json items = json::array();
+        for (const Value& each : contents.value_or(Array())) items.push_back(describe(*each.asDictionary()));
+        promise->set_value({{"state", std::int64_t{state}}, {"items", items}, {"error", describe(error)}});
+      });
+    });
+  }
+
+  json stat(const std::string& path) {
+    return wait([&](auto promise) {
+      manager_->attributesOfItemAtPath(
+          path, [promise](DCDocumentManagerFreshnessState state, std::optional<Dictionary> attributes,
+                          std::optional<Error> error) {
+            promise->set_value({{"state", std::int64_t{state}},
+                                {"item", attributes ? describe(*attributes) : json(nullptr)},
+                                {"error", describe(error)}});
+          });
+    });
+  }
+
+  json read(const std::string& path) {
+    return wait([&](auto promise) {
+      manager_->contentsOfFileAtPath(
+          path, [promise](DCDocumentManagerFreshnessState state, std::optional<URL> url, std::optional<Error> error) {
+            promise->set_value({{"state", std::int64_t{state}},
+                                {"file", url ? json(url->path()) : json(nullptr)},
+                                {"error", describe(error)}});
+          });
+    });
+  }
+
+  json write(const std::string& path, const std::string& source) {
+    return wait([&](auto promise) {
+      manager_->writeToFileAtPath(path, URL::fileURL(source),
+                                  [promise](const std::optional<URL>&, const std::optional<Error>& error) {
+                                    promise->set_value({{"error", describe(error)}});
+                                  });
+    });
+  }
+
+  json uploads() {
+    return wait([&](auto promise) {
+      manager_->allPendingUploadsWithCompletionHandler(
+          [promise](const std::vector<std::shared_ptr<DCManagedUpload>>& all) {
+            json uploads = json::array();
+            for (const auto& upload : all) {
+              uploads.push_back({{"path", upload->path().value_or("")}, {"error", upload->error().value_or("")}});
+            }
+            promise->set_value({{"uploads", uploads}});
+          });
+    });
+  }
+
+  // A listing that is under way shows the folder as it was when it was asked for.
+  void waitForDownloads() {
+    auto queue =
+        FVFQueueManager::sharedQueueManager().queueForServiceWithUniqueIdentifier(service_->uniqueIdentifier());
+    auto downloads = DCDownloadManager::downloadManagerForService(service_);
+    queue->dispatchSynchronousBlock([] {});  // what was asked for has started
+    for (const std::string& path : std::exchange(asked_, {})) {
+      while (downloads->downloadTaskForItemAtPath(path)) std::this_thread::yield();
+    }
+    queue->dispatchSynchronousBlock([] {});  // and was taken in
+  }
+
+  // Top down, each directory long enough after its parent that it has to be asked for.
+  json settle(const std::string& path) {
+    waitForDownloads();
+    json directories = json::object(), files = json::object(), errors = json::array();
+    std::vector<std::string> open{path};
+    while (!open.empty()) {
+      const std::string directory = open.back();
+      open.pop_back();
+      clock_.advance(std::chrono::seconds(11));
+      const json listing = list(directory, true);
+      if (!listing["error"].is_null()) errors.push_back({directory, listing["error"]});
+      directories[directory] = listing;
+      for (const json& item : listing["items"]) {
+        const std::string child =
+            directory.empty() ? item["name"].get<std::string>() : directory + "/" + item["name"].get<std::string>();
+        if (item["type"] == ResourceTypeDirectory) {
+          open.push_back(child);
+        } else {
+          const json answer = read(child);
+          if (!answer["error"].is_null()) errors.push_back({child, answer["error"]});
+          files[child] = answer;
+        }
+      }
+    }
+    return {{"directories", directories}, {"files", files}, {"errors", errors}};
+  }
+
+  json known() {
+    json paths = json::object();
+    auto database = DCDatabase::databaseForService(service_);
+    if (auto root = database->documentIdentifierForPath("")) paths[""] = pu_hex(*root);
+    for (const auto& [path, identifier] : database->documentIdentifiersForPathsBelow("")) {
+      paths[path] = pu_hex(identifier);
+    }
+    json assertions = json::array();
+    for (const auto& message : log_.messages()) {
+      if (message.text.find("failed assertion") != std::string::npos) assertions.push_back(message.text);
+    }
+    return {{"service", service_->uniqueIdentifier()}, {"paths", paths}, {"assertions", assertions}};
+  }
+
+  test::RecordingSystemLog log_;
+  test::ManualClock clock_;
+  std::shared_ptr<DCService> service_;
+  DCDocumentManager::Ptr manager_;
+  std::shared_ptr<SerialQueue> answers_;
+  std::set<std::string> asked_;  // paths, and those above, whose downloads may be under way
+  std::shared_ptr<Delegate> delegate_ = std::make_shared<Delegate>();
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc != 3) return 2;
+  try {
+    // Never taken down: work of its may still run when the input ends.
+    auto& peer = *new Peer(static_cast<std::uint16_t>(std::stoi(argv[1])), std::chrono::seconds(std::stoi(argv[2])));
+    std::cout << json::object() << std::endl;
+    for (std::string line; std::getline(std::cin, line);) std::cout << peer.perform(json::parse(line)) << std::endl;
+  } catch (const std::exception& exception) {
+    std::fprintf(stderr, "client_peer: %s\n", exception.what());
+    return 1;
+  }
+  (void)std::fflush(nullptr);
+  std::_Exit(0);
+}

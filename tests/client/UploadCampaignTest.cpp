@@ -1,0 +1,256 @@
+// Pulls plugs: an application writes while it, the transfer agent, the server or the network between them are taken
+// away at random. Afterwards every write that was acknowledged is on the server, or its path says that it is a
+// conflict; nothing is there twice, and no bytes that nobody wrote. FLORVANE_CAMPAIGN_KILLS asks for a longer campaign.
+
+#include "tests/support/ChildProcess.h"
+#include "tests/support/FaultProxy.h"
+#include "tests/support/TemporaryDirectory.h"
+
+#include <array>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <random>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+#include <unistd.h>
+
+namespace {
+
+using namespace florvane::test;
+using nlohmann::json;
+namespace fs = std::filesystem;
+using std::chrono::milliseconds;
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr int kKills = 16;
+#else
+constexpr int kKills = 125;
+#endif
+constexpr int kKillsBetweenSettlings = 8;
+
+int kills() {
+  const char* asked = std::getenv("FLORVANE_CAMPAIGN_KILLS");
+  return asked ? std::atoi(asked) : kKills;
+}
+
+// The running processes whose command line holds both texts.
+std::vector<pid_t> processesOf(const std::string& program, const std::string& argument) {
+  std::vector<pid_t> found;
+  for (const auto& each : fs::directory_iterator("/proc")) {
+    const std::string name = each.path().filename();
+    if (name.find_first_not_of("0123456789") != std::string::npos) continue;
+    std::ifstream file(each.path() / "cmdline", std::ios::binary);
+    const std::string line((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    const bool isMatch = line.find(program) != std::string::npos && line.find(argument) != std::string::npos;
+    if (isMatch) found.push_back(static_cast<pid_t>(std::stoi(name)));
+  }
+  return found;
+}
+
+class Campaign {
+ public:
+  explicit Campaign(std::uint64_t seed) : random_(seed) {
+    for (const char* folder : {"files", "inbox", "sources", "container"}) fs::create_directory(work_.file(folder));
+    fs::permissions(work_.file("container"), fs::perms::owner_all);
+    writeText(work_.file("password"), "Notes by the Translator: G\n");
+    ChildProcess user({bin("florvaned"), "user", "add", "ada", "--state", work_.file("state"), "--password-file",
+                       work_.file("password")});
+    if (user.wait() != 0) throw std::runtime_error("no user");
+    startServer();
+    proxy_ = std::make_unique<FaultProxy>(serverPort_, seed);
+  }
+  ~Campaign() {
+    client_.reset();
+    killAgent();
+  }
+
+  void run(int killCount) {
+    ask({{"op", "list"}, {"path", ""}, {"sync", true}});
+    ask({{"op", "advance"}, {"seconds", 11}});
+    ask({{"op", "list"}, {"path", "Files"}, {"sync", true}});
+    ask({{"op", "list"}, {"path", "Inbox"}, {"sync", true}});
+    for (int kill = 0; kill < killCount && !::testing::Test::HasFailure(); ++kill) {
+      writeSome();
+      pullAPlug();
+      if ((kill + 1) % kKillsBetweenSettlings == 0) settle();
+    }
+    settle();
+    // A client that refuses everything would lose nothing, either.
+    int acknowledged = 0;
+    for (const auto& [path, written] : written_) acknowledged += written.acknowledged > 0 ? 1 : 0;
+    EXPECT_GT(acknowledged, static_cast<int>(written_.size()) / 2);
+  }
+
+ private:
+  static std::string bin(const std::string& name) { return std::string(FLORVANE_BIN_DIR) + "/" + name; }
+  int pick(int below) { return static_cast<int>(random_() % static_cast<std::uint64_t>(below)); }
+
+  void startServer() {
+    server_ = std::make_unique<ChildProcess>(std::vector<std::string>{
+        bin("florvaned"), "--state", work_.file("state"), "--share", "Files=" + work_.file("files"), "--share",
+        "Inbox=" + work_.file("inbox") + ":dropbox", "--listen", "127.0.0.1:" + std::to_string(serverPort_)});
+    auto line = server_->readLine();
+    if (!line) throw std::runtime_error("the server did not start");
+    serverPort_ = static_cast<std::uint16_t>(std::stoi(line->substr(line->rfind(':') + 1)));
+  }
+
+  void killAgent() {
+    for (pid_t process : processesOf("florvane-transferd", work_.file("container"))) kill(process, SIGKILL);
+  }
+
+  // Absent when the client is killed over it.
+  std::optional<json> ask(const json& request) {
+    if (!client_) {
+      client_ = std::make_unique<ChildProcess>(
+          std::vector<std::string>{bin("client_peer"), std::to_string(proxy_->port()), std::to_string(ahead_)},
+          std::vector<std::string>{"FLORVANE_CONTAINER=" + work_.file("container")});
+      if (!client_->readLine()) throw std::runtime_error("the client did not start");
+      ahead_ += 11;
+      ask({{"op", "restart"}});
+    }
+    if (!client_->writeLine(request.dump())) return std::nullopt;
+    auto line = client_->readLine();
+    return line ? std::optional(json::parse(*line)) : std::nullopt;
+  }
+
+  std::string source() {
+    const std::string path = work_.file("sources/" + std::to_string(++versions_));
+    const std::string contents = "version " + std::to_string(versions_) + "\n" +
+                                 std::string(static_cast<std::size_t>(pick(4) == 0 ? pick(2'000'000) : pick(5000)),
+                                             static_cast<char>('a' + versions_ % 26));
+    writeText(path, contents);
+    attempted_[contents] = versions_;
+    return path;
+  }
+
+  void writeSome() {
+    for (int count = 1 + pick(4); count > 0; --count) {
+      const bool isDropped = pick(6) == 0;
+      const std::string name = isDropped ? "drop " + std::to_string(versions_) : "file " + std::to_string(pick(40));
+      const std::string path = (isDropped ? "Inbox/" : "Files/") + name;
+      const std::string from = source();
+      const auto answer = ask({{"op", "write"}, {"path", path}, {"source", from}});
+      Written& written = written_[path];
+      written.last = versions_;
+      if (answer && (*answer)["error"].is_null()) written.acknowledged = versions_;
+      if (!answer) client_.reset();
+    }
+  }
+
+  void pullAPlug() {
+    // Anywhere in the work that the writes have set off.
+    std::this_thread::sleep_for(milliseconds(pick(25)));
+    const int what = pick(12);
+    if (what < 4 || what == 10) {
+      // In a third of these a write is under way.
+      if (client_ && pick(3) == 0) {
+        const std::string path = "Files/file " + std::to_string(pick(40));
+        client_->writeLine(json{{"op", "write"}, {"path", path}, {"source", source()}}.dump());
+        written_[path].last = versions_;
+        std::this_thread::sleep_for(std::chrono::microseconds(pick(4000)));
+      }
+      client_.reset();
+    }
+    if ((what >= 4 && what < 7) || what == 10) killAgent();
+    if (what == 7 || what == 11) {
+      server_->kill(SIGKILL);
+      startServer();
+    }
+    if (what >= 8 && what < 10) {
+      static constexpr std::array kFaults{FaultProxy::Fault::Refuse, FaultProxy::Fault::Reset,
+                                          FaultProxy::Fault::Silence, FaultProxy::Fault::LoseReply};
+      proxy_->setFault(kFaults[static_cast<std::size_t>(pick(kFaults.size()))]);
+      writeSome();
+      std::this_thread::sleep_for(milliseconds(pick(100)));
+      proxy_->setFault(FaultProxy::Fault::None);
+    }
+  }
+
+  void settle() {
+    ask({{"op", "restart"}});
+    json uploads;
+    // Waits are the agent's and the client's own, of a second and more.
+    for (int turns = 0; turns < 900; ++turns) {
+      const auto answer = ask({{"op", "uploads"}});
+      ASSERT_TRUE(answer);
+      uploads = (*answer)["uploads"];
+      bool allAreConflicts = true;
+      for (const json& each : uploads) allAreConflicts = allAreConflicts && isConflict(each);
+      if (allAreConflicts) break;
+      if (turns % 50 == 49) ask({{"op", "restart"}});
+      std::this_thread::sleep_for(milliseconds(50));
+    }
+    std::set<std::string> conflicts;
+    for (const json& each : uploads) {
+      EXPECT_TRUE(isConflict(each)) << "never sent: " << each;
+      conflicts.insert(each["path"].get<std::string>());
+    }
+    compare(conflicts);
+  }
+
+  static bool isConflict(const json& upload) {
+    return upload["error"].get<std::string>().find("onflict") != std::string::npos;
+  }
+
+  void compare(const std::set<std::string>& conflicts) {
+    std::map<std::string, int> onServer;  // by path: the version
+    for (const char* share : {"files", "inbox"}) {
+      for (const auto& each : fs::directory_iterator(work_.file(share))) {
+        if (!each.is_regular_file()) continue;
+        const std::string path =
+            (std::string(share) == "files" ? "Files/" : "Inbox/") + each.path().filename().string();
+        const auto found = attempted_.find(readText(each.path()));
+        ASSERT_NE(found, attempted_.end()) << path << " holds bytes that nobody wrote";
+        for (const auto& [other, version] : onServer) {
+          EXPECT_NE(version, found->second) << other << " and " << path << " are the same write";
+        }
+        onServer[path] = found->second;
+      }
+    }
+    for (const auto& [path, written] : written_) {
+      if (written.acknowledged == 0 || conflicts.contains(path)) continue;
+      const auto found = onServer.find(path);
+      ASSERT_NE(found, onServer.end()) << path << ", version " << written.acknowledged << " is not on the server";
+      EXPECT_GE(found->second, written.acknowledged) << path;
+      EXPECT_LE(found->second, written.last) << path;
+    }
+    for (const auto& [path, version] : onServer) EXPECT_TRUE(written_.contains(path)) << path << " came from nowhere";
+  }
+
+  struct Written {
+    int acknowledged = 0;  // the newest version whose write was answered with success
+    int last = 0;          // the newest that was tried
+  };
+  std::mt19937_64 random_;
+  TemporaryDirectory work_;
+  std::uint16_t serverPort_ = 0;
+  std::unique_ptr<ChildProcess> server_;
+  std::unique_ptr<FaultProxy> proxy_;
+  std::unique_ptr<ChildProcess> client_;
+  int ahead_ = 0, versions_ = 0;
+  std::map<std::string, int> attempted_;
+  std::map<std::string, Written> written_;
+};
+
+class UploadCampaignTest : public ::testing::TestWithParam<int> {};
+
+TEST_P(UploadCampaignTest, LosesNoAcknowledgedWrite) {
+  const char* asked = std::getenv("FLORVANE_CAMPAIGN_SEED");
+  const auto seed = asked ? std::strtoull(asked, nullptr, 10) : static_cast<unsigned long long>(GetParam());
+  std::printf("seed %llu, %d plugs\n", seed, kills());
+  Campaign campaign(seed);
+  campaign.run(kills());
+}
+INSTANTIATE_TEST_SUITE_P(Parts, UploadCampaignTest, ::testing::Range(1, 5));
+
+}  // namespace
