@@ -55,11 +55,11 @@ class Timings {
   Array list(const std::string& path, bool waitsForServer) {
     std::promise<Array> promise;
     if (waitsForServer) manager_->_synchronousNextContentsOfDirectory();
-    manager_->contentsOfDirectoryAtPath(
-        path, [&](DCDocumentManagerFreshnessState, std::optional<Array> contents, const std::optional<Error>& error) {
-          if (error) fail(error->description());
-          promise.set_value(contents.value_or(Array()));
-        });
+    manager_->contentsOfDirectoryAtPath(path, [&](DCDocumentManagerFreshnessState, const std::optional<Array>& contents,
+                                                  const std::optional<Error>& error) {
+      if (error) fail(error->description());
+      promise.set_value(contents.value_or(Array()));
+    });
     return promise.get_future().get();
   }
 

@@ -144,22 +144,23 @@ class Peer {
   }
 
   json list(const std::string& path, bool sync) {
-    return wait([&](auto promise) {
+    return wait([&](const auto& promise) {
       if (sync) manager_->_synchronousNextContentsOfDirectory();
-      manager_->contentsOfDirectoryAtPath(path, [promise](DCDocumentManagerFreshnessState state,
-                                                          std::optional<Array> contents, std::optional<Error> error) {
-        json items = json::array();
-        for (const Value& each : contents.value_or(Array())) items.push_back(describe(*each.asDictionary()));
-        promise->set_value({{"state", std::int64_t{state}}, {"items", items}, {"error", describe(error)}});
-      });
+      manager_->contentsOfDirectoryAtPath(
+          path, [promise](DCDocumentManagerFreshnessState state, const std::optional<Array>& contents,
+                          const std::optional<Error>& error) {
+            json items = json::array();
+            for (const Value& each : contents.value_or(Array())) items.push_back(describe(*each.asDictionary()));
+            promise->set_value({{"state", std::int64_t{state}}, {"items", items}, {"error", describe(error)}});
+          });
     });
   }
 
   json stat(const std::string& path) {
-    return wait([&](auto promise) {
+    return wait([&](const auto& promise) {
       manager_->attributesOfItemAtPath(
-          path, [promise](DCDocumentManagerFreshnessState state, std::optional<Dictionary> attributes,
-                          std::optional<Error> error) {
+          path, [promise](DCDocumentManagerFreshnessState state, const std::optional<Dictionary>& attributes,
+                          const std::optional<Error>& error) {
             promise->set_value({{"state", std::int64_t{state}},
                                 {"item", attributes ? describe(*attributes) : json(nullptr)},
                                 {"error", describe(error)}});
@@ -168,18 +169,18 @@ class Peer {
   }
 
   json read(const std::string& path) {
-    return wait([&](auto promise) {
-      manager_->contentsOfFileAtPath(
-          path, [promise](DCDocumentManagerFreshnessState state, std::optional<URL> url, std::optional<Error> error) {
-            promise->set_value({{"state", std::int64_t{state}},
-                                {"file", url ? json(url->path()) : json(nullptr)},
-                                {"error", describe(error)}});
-          });
+    return wait([&](const auto& promise) {
+      manager_->contentsOfFileAtPath(path, [promise](DCDocumentManagerFreshnessState state,
+                                                     const std::optional<URL>& url, const std::optional<Error>& error) {
+        promise->set_value({{"state", std::int64_t{state}},
+                            {"file", url ? json(url->path()) : json(nullptr)},
+                            {"error", describe(error)}});
+      });
     });
   }
 
   json write(const std::string& path, const std::string& source) {
-    return wait([&](auto promise) {
+    return wait([&](const auto& promise) {
       manager_->writeToFileAtPath(path, URL::fileURL(source),
                                   [promise](const std::optional<URL>&, const std::optional<Error>& error) {
                                     promise->set_value({{"error", describe(error)}});
@@ -188,7 +189,7 @@ class Peer {
   }
 
   json uploads() {
-    return wait([&](auto promise) {
+    return wait([&](const auto& promise) {
       manager_->allPendingUploadsWithCompletionHandler(
           [promise](const std::vector<std::shared_ptr<DCManagedUpload>>& all) {
             json uploads = json::array();
