@@ -19,47 +19,9 @@ constexpr char kSource[] = "Client/Client/DCDocumentManager";
 constexpr Date kDistantPast = Date::fromMicroseconds(-62'135'769'600'000'000);
 constexpr char kStagingFolder[] = "/upload+";
 
-// Upload records as they are carried from the old store to the new one. The names are those of their attributes.
-constexpr char kPath[] = "path", kFileURL[] = "fileURL", kDate[] = "date", kTask[] = "taskIdentifier",
-               kSession[] = "sessionIdentifier", kState[] = "state", kExpected[] = "totalBytesExpectedToSend",
-               kSent[] = "totalBytesSent", kError[] = "error", kRetries[] = "numberOfRetries",
-               kGeneration[] = "generationIdentifier", kCancelled[] = "cancelled";
-
 template <typename T>
 void setIfPresent(Dictionary& record, const char* key, const std::optional<T>& value) {
   if (value) record.set(key, *value);
-}
-
-Dictionary recordOfUpload(const DCManagedUpload& upload) {
-  Dictionary record;
-  setIfPresent(record, kPath, upload.path());
-  setIfPresent(record, kFileURL, upload.fileURL());
-  setIfPresent(record, kDate, upload.date());
-  setIfPresent(record, kTask, upload.taskIdentifier());
-  setIfPresent(record, kSession, upload.sessionIdentifier());
-  setIfPresent(record, kState, upload.state());
-  setIfPresent(record, kExpected, upload.totalBytesExpectedToSend());
-  setIfPresent(record, kSent, upload.totalBytesSent());
-  setIfPresent(record, kError, upload.error());
-  setIfPresent(record, kRetries, upload.numberOfRetries());
-  setIfPresent(record, kGeneration, upload.generationIdentifier());
-  record.set(kCancelled, upload.cancelled());
-  return record;
-}
-
-void takeRecord(DCManagedUpload& upload, const Dictionary& record) {
-  upload.setPath(record.string(kPath));
-  upload.setFileURL(record.string(kFileURL));
-  upload.setDate(record.date(kDate));
-  upload.setTaskIdentifier(record.integer(kTask));
-  upload.setSessionIdentifier(record.string(kSession));
-  upload.setState(record.integer(kState));
-  upload.setTotalBytesExpectedToSend(record.integer(kExpected));
-  upload.setTotalBytesSent(record.integer(kSent));
-  upload.setError(record.string(kError));
-  upload.setNumberOfRetries(record.integer(kRetries));
-  upload.setGenerationIdentifier(record.data(kGeneration));
-  upload.setCancelled(record.boolean(kCancelled).value_or(false));
 }
 
 // Everything of one entity, cancelled uploads included.
@@ -78,12 +40,12 @@ Array recordsOfUploads(DCDatabase& database, const Array& interrupted) {
   Array records;
   std::set<std::string> known;
   auto keyOf = [](const Dictionary& record) {
-    return record.string(kPath).value_or(
-        format("/%@ %@", record.string(kSession).value_or(""), record.integer(kTask).value_or(0)));
+    return record.string("path").value_or(format("/%@ %@", record.string("sessionIdentifier").value_or(""),
+                                                 record.integer("taskIdentifier").value_or(0)));
   };
   forEachRecord<DCManagedUpload>(database, DCEntityIndexUpload, [&](const DCManagedUpload& upload) {
     if (!upload.path() && !upload.taskIdentifier()) return;
-    Dictionary record = recordOfUpload(upload);
+    Dictionary record = upload.dictionaryRepresentation();
     known.insert(keyOf(record));
     records.append(record);
   });
@@ -101,7 +63,8 @@ Result<void> storeUploads(DCDatabase& database, const Array& records) {
       auto record = each.asDictionary();
       if (!record) continue;
       auto upload = std::static_pointer_cast<DCManagedUpload>(context->insert(DCEntityIndexUpload));
-      takeRecord(*upload, *record);
+      upload->setValuesFromDictionary(*record);
+      upload->setCancelled(upload->cancelled());  // one without a word would be neither pending nor cancelled
     }
   });
 }

@@ -48,6 +48,23 @@ std::optional<URL> DCManagedUpload::temporaryUploadFileURLForItemAtPath(
   return URL::fileURL(*folder + "/" + name);
 }
 
+Dictionary DCManagedUpload::dictionaryRepresentation() const {
+  Dictionary dictionary;
+  const auto all = attributes();
+  for (std::size_t i = 0; i < all.size(); ++i) {
+    if (Value each = value(i); !each.isNull()) dictionary.set(all[i].name, each);
+  }
+  return dictionary;
+}
+
+void DCManagedUpload::setValuesFromDictionary(const Dictionary& dictionary) {
+  const auto all = attributes();
+  for (std::size_t i = 0; i < all.size(); ++i) {
+    const Value* each = dictionary.find(all[i].name);
+    setValue(i, each && each->kind() == all[i].kind ? *each : Value());
+  }
+}
+
 void DCManagedUpload::resetAndIncrementNumberOfRetries() {
   setTaskIdentifier({});
   setSessionIdentifier({});

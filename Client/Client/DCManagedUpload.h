@@ -51,6 +51,10 @@ class DCManagedUpload : public ManagedObject {
   static std::optional<URL> temporaryUploadFileURLForItemAtPath(const std::optional<std::string>& path,
                                                                 const std::optional<Data>& generationIdentifier);
 
+  // All attributes that have a value, by their names in the store, and the way back: absent ones are cleared.
+  Dictionary dictionaryRepresentation() const;
+  void setValuesFromDictionary(const Dictionary& dictionary);
+
   // Ready for another attempt: no task, session, state or progress. A failure before counts as a retry, unless its text
   // contains "401".
   void resetAndIncrementNumberOfRetries();
