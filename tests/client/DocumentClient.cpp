@@ -1,10 +1,12 @@
 #include "tests/client/DocumentClient.h"
 
+#include "Client/Client/DCLog.h"
 #include "platform/AccountStore.h"
 #include "platform/FileSystem.h"
 #include "platform/ResourceValues.h"
 
 #include <algorithm>
+#include <atomic>
 #include <functional>
 #include <future>
 #include <stdexcept>
@@ -44,6 +46,8 @@ DocumentClient::DocumentClient(std::uint16_t port, const std::string& user, cons
       service(makeService(port, user, password, clock)),
       manager(DCDocumentManager::documentManagerForService(service)) {
   manager->setCompletionHandlerQueue(queue);
+  // What is downloaded is told at this level.
+  dc_log_set_level(dc_log_default_category(), DCLogLevelInfo);
 }
 
 Answer<Array> DocumentClient::list(const std::string& path) {
@@ -105,9 +109,18 @@ void DocumentClient::settle(const std::string& path) {
   queue->sync([] {});
 }
 
+std::vector<SystemLogMessage> DocumentClient::messages() const {
+  static std::atomic<int> number = 0;
+  const std::string mark = "mark " + std::to_string(++number);
+  DCLogError("%s", mark);
+  (void)log.waitFor(mark);
+  return log.messages();
+}
+
 std::vector<std::string> DocumentClient::assertions(const std::vector<std::string>& expected) const {
   std::vector<std::string> texts;
-  for (const auto& message : log.messages()) {
+  const auto logged = messages();
+  for (const auto& message : logged) {
     const bool isExpected = std::any_of(expected.begin(), expected.end(), [&](const std::string& part) {
       return message.text.find(part) != std::string::npos;
     });
@@ -118,7 +131,8 @@ std::vector<std::string> DocumentClient::assertions(const std::vector<std::strin
 
 std::size_t DocumentClient::countOf(std::string_view part) const {
   std::size_t count = 0;
-  for (const auto& message : log.messages()) count += message.text.find(part) != std::string::npos ? 1 : 0;
+  const auto logged = messages();
+  for (const auto& message : logged) count += message.text.find(part) != std::string::npos ? 1 : 0;
   return count;
 }
 

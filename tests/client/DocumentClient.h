@@ -47,6 +47,8 @@ class DocumentClient {
   static std::optional<Dictionary> entry(const Answer<Array>& answer, const std::string& name);
   // Everything that is on its way has ended when this returns: refreshes that were started, and their delegates' calls.
   void settle(const std::string& path);
+  // What was logged until now; messages take a turn of the log's queue to arrive.
+  std::vector<SystemLogMessage> messages() const;
   // Soft assertions that were logged, with those of the texts left out.
   std::vector<std::string> assertions(const std::vector<std::string>& expected = {}) const;
   std::size_t countOf(std::string_view part) const;
