@@ -76,7 +76,7 @@ std::optional<std::string> readLine(int& signal) {
 
 // One line from the terminal, its echo off while it is typed, and on again when a signal ends the program meanwhile.
 CommandResult<Secret> promptForPassword(const std::string& userName, const std::string& host) {
-  std::fprintf(stderr, "Password of %s at %s: ", printable(userName).c_str(), printable(host).c_str());
+  std::fprintf(console(), "Password of %s at %s: ", printable(userName).c_str(), printable(host).c_str());
   if (::pipe2(signalPipe, O_CLOEXEC) != 0) return tl::unexpected(failureForError(Error::posix(errno), "", ""));
   termios before{};
   tcgetattr(STDIN_FILENO, &before);
@@ -88,7 +88,7 @@ CommandResult<Secret> promptForPassword(const std::string& userName, const std::
   auto line = readLine(signal);
   tcsetattr(STDIN_FILENO, TCSAFLUSH, &before);
   for (int each : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) (void)std::signal(each, SIG_DFL);
-  std::fputc('\n', stderr);
+  std::fputc('\n', console());
   if (!line) (void)::kill(::getpid(), signal);  // ends this process as it would have without us
   if (!line || line->empty()) return tl::unexpected(usage("No password was typed."));
   return Secret(*line);

@@ -1,5 +1,7 @@
 #include "tools/CachedTree.h"
 
+#include "Client/Client/DCBackgroundSessionIdentifier.h"
+
 #include <algorithm>
 #include <thread>
 
@@ -16,6 +18,19 @@ constexpr std::int64_t kNoSuchItem = 11, kMistmatchedType = 6;
 void prepare(DCDocumentManager& manager) {
   static const auto queue = SerialQueue::create("florvane");
   manager.setCompletionHandlerQueue(queue);
+}
+
+constexpr Duration kProgressInterval = std::chrono::milliseconds(100);
+
+// Nobody is told what a drop box holds.
+bool isDropBox(const CachedTree::Item& folder) {
+  return folder.attributes.boolean(ResourceIsWritableKey).value_or(false) &&
+         !folder.attributes.boolean(ResourceIsReadableKey).value_or(true);
+}
+
+// A directory that was never listed has no count.
+bool isListed(const CachedTree::Item& folder) {
+  return folder.isDirectory() && (isDropBox(folder) || folder.attributes.contains(DCFileDirectoryItemsCountKey));
 }
 
 CommandFailure isADirectory(const std::string& what) {
@@ -78,6 +93,7 @@ CommandResult<CachedTree> CachedTree::open(const std::string& accountName, const
 CachedTree::CachedTree(std::shared_ptr<DCService> service, Duration timeout, Freshness freshness)
     : service_(std::move(service)), freshness_(freshness), deadline_(std::chrono::steady_clock::now() + timeout) {
   DCDocumentManager::setPurposeIdentifier(kPurposeIdentifier);
+  DCSetMainBundleIdentifier(kPurposeIdentifier);
   manager_ = DCDocumentManager::documentManagerForService(service_);
   prepare(*manager_);
 }
@@ -108,8 +124,17 @@ CommandFailure CachedTree::noSuchItem(const std::string& path) const {
 template <typename T>
 std::optional<T> CachedTree::wait(std::future<T>& answer) const {
   auto end = offline_ ? std::max(deadline_, std::chrono::steady_clock::now() + kCachePatience) : deadline_;
+  while (progress_ && fetching_ && std::chrono::steady_clock::now() + kProgressInterval < end) {
+    if (answer.wait_for(kProgressInterval) == std::future_status::ready) return answer.get();
+    tellProgress();
+  }
   if (answer.wait_until(end) == std::future_status::timeout) return std::nullopt;
   return answer.get();
+}
+
+void CachedTree::tellProgress() const {
+  const auto request = manager_->downloadTaskForItemAtPath(fetching_->first);
+  if (request) progress_(request->totalBytesReceived(), fetching_->second);
 }
 
 CommandResult<void> CachedTree::refresh(const std::string& path) {
@@ -218,11 +243,45 @@ CommandResult<CachedTree::Listing> CachedTree::list(const std::string& path) {
   return described;
 }
 
+CommandResult<CachedTree::Item> CachedTree::folder(const std::string& path) {
+  if (auto found = folders_.find(path); found != folders_.end()) return found->second;
+  auto described = describe(path);
+  if (!described || !isListed(described->item)) {
+    const std::string parent = parentOf(path);
+    if (!path.empty()) {
+      if (auto above = folder(parent); !above) {
+        return tl::unexpected(above.error().status == ExitStatus::NoSuchItem ? noSuchItem(path) : above.error());
+      }
+      described = describe(path);
+      if (!described && described.error().status == ExitStatus::NoSuchItem) {
+        if (auto refreshed = refresh(parent); !refreshed) return tl::unexpected(refreshed.error());
+        described = describe(path);
+      }
+    }
+    if (described && described->item.isDirectory() && !isListed(described->item)) {
+      if (auto refreshed = refresh(path); !refreshed) return tl::unexpected(refreshed.error());
+      described = describe(path);
+    }
+  }
+  if (!described) return tl::unexpected(described.error());
+  if (!described->item.isDirectory()) {
+    return tl::unexpected(CommandFailure{ExitStatus::Failed, path + ": Not a folder.", std::nullopt});
+  }
+  if (offline_ && !isListed(described->item)) return tl::unexpected(*offline_);
+  return folders_.emplace(path, described->item).first->second;
+}
+
+std::optional<CachedTree::Item> CachedTree::known(const std::string& path) {
+  auto described = describe(path);
+  return described ? std::optional(described->item) : std::nullopt;
+}
+
 CommandResult<CachedTree::File> CachedTree::file(const ItemReference& reference) {
   const std::string& path = reference.path;
   auto described = item(path);
   if (!described) return tl::unexpected(described.error());
   if (described->item.isDirectory()) return tl::unexpected(isADirectory(reference.text()));
+  fetching_ = {path, described->item.attributes.integer(ResourceFileSizeKey).value_or(0)};
   if (auto refreshed = refresh(path); !refreshed) return tl::unexpected(refreshed.error());
   if (offline_) {
     // Asked for on a thread of its own: a request that got no answer may still keep the service's queue.

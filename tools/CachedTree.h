@@ -2,8 +2,10 @@
 
 #include "tools/Output.h"
 
+#include <cstdint>
 #include <functional>
 #include <future>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -63,6 +65,14 @@ class CachedTree {
   CommandResult<Listing> item(const std::string& path);
   CommandResult<Listing> list(const std::string& path);
   CommandResult<File> file(const ItemReference& reference);
+  // A folder to write into, its own listing known. The server is asked only for what the cache does not know, so that
+  // what is replaced is what was last seen there.
+  CommandResult<Item> folder(const std::string& path);
+  // What stands in such a folder; absent where nothing does.
+  std::optional<Item> known(const std::string& path);
+  // Called from file() while its bytes come, several times a second. The total is 0 while it is not known.
+  using Progress = std::function<void(std::int64_t received, std::int64_t total)>;
+  void setProgress(Progress progress) { progress_ = std::move(progress); }
   // Asks the server for the root alone.
   CommandResult<void> reach();
 
@@ -86,12 +96,16 @@ class CachedTree {
   CommandFailure failure(const Error& error, const std::string& path) const;
   template <typename T>
   std::optional<T> wait(std::future<T>& answer) const;
+  void tellProgress() const;
 
   std::shared_ptr<DCService> service_;
   DCDocumentManager::Ptr manager_;
   Freshness freshness_;
   MonotonicTime deadline_;
   std::optional<CommandFailure> offline_;
+  Progress progress_;
+  std::optional<std::pair<std::string, std::int64_t>> fetching_;  // path and size of the file whose bytes come
+  std::map<std::string, Item> folders_;
 };
 
 }  // namespace florvane::tools

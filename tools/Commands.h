@@ -30,6 +30,18 @@ struct GetOptions : ItemOptions {
   std::optional<std::string> local;
 };
 
+struct PutOptions {
+  std::vector<std::string> arguments;  // LOCAL... NAME:PATH
+  bool wait = false;
+};
+
+struct UploadsOptions {
+  std::optional<std::string> account;  // absent for all
+  bool wait = false;
+  bool retry = false;
+  std::optional<std::string> session;  // whose events the transfer agent has started this program for
+};
+
 struct WatchOptions {
   std::vector<std::string> references;
   std::optional<std::size_t> count;  // ends after so many events
@@ -47,6 +59,8 @@ ExitStatus listItems(const Output& output, const ListOptions& options);
 ExitStatus statItem(const Output& output, const ItemOptions& options);
 ExitStatus catFile(const Output& output, const ItemOptions& options);
 ExitStatus getFile(const Output& output, const GetOptions& options);
+ExitStatus putFiles(const Output& output, const PutOptions& options);
+ExitStatus showUploads(const Output& output, const UploadsOptions& options);
 ExitStatus watchItems(const Output& output, const WatchOptions& options);
 // One account, or all without a name.
 ExitStatus showStatus(const Output& output, const std::optional<std::string>& accountName);

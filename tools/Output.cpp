@@ -60,6 +60,16 @@ std::string sentenceForSignIn(const Error& error, const std::string& server) {
 
 }  // namespace
 
+std::FILE* console() {
+  static std::FILE* const original = stderr;
+  return original;
+}
+
+void silenceLibrary() {
+  (void)console();
+  if (std::FILE* nowhere = std::fopen("/dev/null", "we")) stderr = nowhere;
+}
+
 CommandFailure failureForError(const Error& error, const std::string& server, const std::string& what) {
   std::string prefix = what.empty() ? "" : what + ": ";
   if (isTransportFailure(error) || error.is(DCErrorDomain, 2)) {
@@ -102,7 +112,7 @@ void Output::object(const nlohmann::ordered_json& object) const {
 }
 
 void Output::note(const std::string& text) const {
-  if (!options_.quiet) std::fprintf(stderr, "%s\n", printable(text).c_str());
+  if (!options_.quiet) std::fprintf(console(), "%s\n", printable(text).c_str());
 }
 
 ExitStatus Output::fail(const CommandFailure& failure) const {
@@ -115,7 +125,7 @@ ExitStatus Output::fail(const CommandFailure& failure) const {
     error["message"] = failure.sentence;
     object({{"error", error}});
   } else {
-    std::fprintf(stderr, "florvane: %s\n", printable(failure.sentence).c_str());
+    std::fprintf(console(), "florvane: %s\n", printable(failure.sentence).c_str());
   }
   return failure.status;
 }
@@ -129,7 +139,7 @@ ExitStatus Output::finish(ExitStatus status) const {
   if (flush()) return status;
   if (writeFailure_ != EPIPE) {
     std::string reason = std::generic_category().message(writeFailure_);
-    std::fprintf(stderr, "florvane: Could not write to standard output: %s\n", reason.c_str());
+    std::fprintf(console(), "florvane: Could not write to standard output: %s\n", reason.c_str());
   }
   return status == ExitStatus::Done ? ExitStatus::Failed : status;
 }

@@ -2,6 +2,7 @@
 
 #include "Client/Client/Florvane.h"
 
+#include <cstdio>
 #include <optional>
 #include <string>
 
@@ -19,6 +20,11 @@ enum class ExitStatus : int {
   Offline = 5,
   Conflict = 6,
 };
+
+// Where people are spoken to: the standard error that the program was started with.
+std::FILE* console();
+// The library writes requests to standard error as it sends files; from now on nobody sees them. Descriptor 2 stays.
+void silenceLibrary();
 
 // Options that stand before every command.
 struct CommonOptions {

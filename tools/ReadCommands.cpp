@@ -1,5 +1,6 @@
 #include "tools/CachedTree.h"
 #include "tools/Commands.h"
+#include "tools/ProgressBar.h"
 
 #include <cerrno>
 #include <filesystem>
@@ -103,7 +104,12 @@ ExitStatus getFile(const Output& output, const GetOptions& options) {
   ItemReference reference = ItemReference::parse(options.reference);
   auto tree = CachedTree::open(reference.account, output.options(), options.freshness);
   if (!tree) return output.fail(tree.error());
+  ProgressBar bar(output);
+  if (bar.isShown()) {
+    tree->setProgress([&](std::int64_t received, std::int64_t total) { bar.show(reference.text(), received, total); });
+  }
   auto file = tree->file(reference);
+  bar.clear();
   if (!file) return output.fail(file.error());
   tree->tellWhetherCached(output);
   std::filesystem::path destination = options.local.value_or(file->item.name);

@@ -40,6 +40,7 @@ class CommandLine {
     app_.fallthrough();
     addAccount();
     addItems();
+    addWriting();
     addWatch();
     addMaintenance();
   }
@@ -60,7 +61,11 @@ class CommandLine {
       common_.timeout = std::chrono::duration_cast<Duration>(std::chrono::duration<double>(*timeoutSeconds_));
     }
     if (container_) Container::setDirectory(*container_);
-    if (debug_) DCLogEnableDebug(true);
+    if (debug_) {
+      DCLogEnableDebug(true);
+    } else {
+      silenceLibrary();
+    }
     Output output(common_);
     try {
       return output.finish(run_(output));
@@ -118,6 +123,22 @@ class CommandLine {
     get->callback([this] { run_ = [this](const Output& output) { return getFile(output, get_); }; });
   }
 
+  void addWriting() {
+    auto* put = app_.add_subcommand("put", "Write files; a folder's files go onto the folders of the server");
+    put->add_option("LOCAL... NAME:PATH", put_.arguments, "Files and folders, - for standard input; where they go")
+        ->required()
+        ->expected(2, -1);
+    put->add_flag("--wait", put_.wait, "Until the server has them");
+    put->callback([this] { run_ = [this](const Output& output) { return putFiles(output, put_); }; });
+    auto* uploads = app_.add_subcommand("uploads", "Show what is still to reach the servers, and why it waits");
+    uploads->add_option("NAME", uploads_.account);
+    uploads->add_flag("--wait", uploads_.wait, "Until nothing is on its way");
+    uploads->add_flag("--retry", uploads_.retry, "Try again what failed or waits");
+    // For the transfer agent only.
+    uploads->add_option("--resume", uploads_.session)->group("");
+    uploads->callback([this] { run_ = [this](const Output& output) { return showUploads(output, uploads_); }; });
+  }
+
   void addMaintenance() {
     auto* status = app_.add_subcommand("status", "Show what is kept of an account, or of all");
     status->add_option("NAME", accountName_);
@@ -150,6 +171,8 @@ class CommandLine {
   AccountAddOptions add_;
   ListOptions list_;
   GetOptions get_;
+  PutOptions put_;
+  UploadsOptions uploads_;
   WatchOptions watch_;
   ItemOptions item_;
   ResetOptions reset_;
@@ -167,7 +190,7 @@ int main(int argc, char** argv) {
     CommandLine commandLine;
     status = commandLine.parseAndRun(argc, argv);
   } catch (const std::exception& exception) {
-    std::fprintf(stderr, "florvane: %s\n", exception.what());
+    std::fprintf(console(), "florvane: %s\n", exception.what());
   }
   // A request that was given up on may still run on its thread: nothing that it uses is taken down under it.
   (void)std::fflush(nullptr);

@@ -275,6 +275,7 @@ void DCServerRequest::didWriteData(SessionRef session, TaskRef downloadTask, std
               {"bytesWritten", bytesWritten},
               {"totalBytesWritten", totalBytesWritten},
               {"totalBytesExpectedToWrite", totalBytesExpectedToWrite}});
+  totalBytesReceived_ = totalBytesWritten;
   connectivityTracker_->didWriteData(session, downloadTask, bytesWritten, totalBytesWritten, totalBytesExpectedToWrite);
 }
 

@@ -6,6 +6,8 @@
 #include "platform/CompletionHandler.h"
 #include "platform/URLSession.h"
 
+#include <atomic>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -57,6 +59,8 @@ class DCServerRequest : public URLSessionDelegate, public std::enable_shared_fro
   // The one that was started; null before, after its end, and when none could be started.
   URLSessionTaskPtr task();
 
+  // Bytes of the answer's body that a download has received so far. Any thread.
+  std::int64_t totalBytesReceived() const { return totalBytesReceived_; }
   // Cancels the task; the handler hears of it. Nothing happens before a start and after the end. Thread-safe.
   void cancel();
   std::string description() const;
@@ -111,6 +115,7 @@ class DCServerRequest : public URLSessionDelegate, public std::enable_shared_fro
   void dropSession();
 
   bool usingBackgroundSession_ = false;
+  std::atomic<std::int64_t> totalBytesReceived_ = 0;
   std::optional<MonotonicTime> lastProgressTime_;
   std::shared_ptr<DCService> service_;
   std::shared_ptr<HTTPSASLClientSessionManager> sessionManager_;
