@@ -57,7 +57,7 @@ HTTPSASLClientSessionManager::Ptr HTTPSASLClientSessionManager::HTTPSASLClientSe
     const std::shared_ptr<DCService>& service) {
   DCLogTrace("+[HTTPSASLClientSessionManager HTTPSASLClientSessionManagerForService:]", {{"service", service}});
   auto manager = registry().objectForKey(service->uniqueIdentifier(), [&] {
-    auto made = std::make_shared<HTTPSASLClientSessionManager>(service);
+    auto made = std::make_shared<HTTPSASLClientSessionManager>(service, service->clock());
     made->subscribe();
     return made;
   });

@@ -1,5 +1,6 @@
 #include "tests/client/UploadClient.h"
 
+#include "Client/Client/DCLog.h"
 #include "common/FVFQueueManager.h"
 #include "platform/FileSystem.h"
 
@@ -37,9 +38,8 @@ class Courier : public URLSessionDelegate {
   void didReceiveData(SessionRef /*session*/, TaskRef /*dataTask*/, const Data& data) override {
     delivery_.body.append(data.view());
   }
-  void didCompleteWithError(SessionRef session, TaskRef /*task*/, const std::optional<Error>& /*error*/) override {
+  void didCompleteWithError(SessionRef /*session*/, TaskRef /*task*/, const std::optional<Error>& /*error*/) override {
     delivered.set_value(delivery_);
-    session->invalidateAndCancel();
   }
 
  private:
@@ -61,6 +61,15 @@ std::string FaultyServer::refusal(int status, const std::string& sentence) {
 FaultyServer::FaultyServer(TestServer& server) : server_(server), certificate_(makeCertificate()) {
   relay_ = std::make_unique<ScriptedServer>([this](ScriptedServer::Connection& connection) { serve(connection); },
                                             certificate_);
+}
+
+FaultyServer::~FaultyServer() {
+  {
+    std::lock_guard lock(mutex_);
+    isEnding_ = true;
+    for (const auto& session : passing_) session->invalidateAndCancel();
+  }
+  relay_.reset();
 }
 
 void FaultyServer::setFault(const std::string& command, Fault fault) {
@@ -109,8 +118,19 @@ std::string FaultyServer::passOn(const ScriptedServer::Request& request) {
   if (request.method == "POST") passed.body = Data::fromString(request.body);
   auto courier = std::make_shared<Courier>();
   auto future = courier->delivered.get_future();
-  URLSession::create(URLSessionConfiguration::defaultConfiguration(), courier)->dataTask(passed)->resume();
+  auto session = URLSession::create(URLSessionConfiguration::defaultConfiguration(), courier);
+  {
+    std::lock_guard lock(mutex_);
+    if (isEnding_) return refusal(502, "");
+    passing_.insert(session);
+    session->dataTask(passed)->resume();
+  }
   auto delivery = future.get();
+  session->invalidateAndCancel();
+  {
+    std::lock_guard lock(mutex_);
+    passing_.erase(session);
+  }
   if (!delivery.response) return refusal(502, "The server behind is gone.");
   std::string text = "HTTP/1.1 " + std::to_string(delivery.response->statusCode()) + " Passed\r\n";
   for (const auto& [name, value] : delivery.response->headers().fields()) {
@@ -121,11 +141,13 @@ std::string FaultyServer::passOn(const ScriptedServer::Request& request) {
 }
 
 UploadClient::UploadClient(TestServer& server) : DocumentClient((Environment(), server.port())) {
+  dc_log_set_level(dc_log_default_category(), DCLogLevelInfo);
   listFresh("");
   listFresh("Files");
 }
 
 UploadClient::UploadClient(TestServer& server, FaultyServer& faulty) : DocumentClient((Environment(), faulty.port())) {
+  dc_log_set_level(dc_log_default_category(), DCLogLevelInfo);
   auto stored = DCPreferences::preferences()->setAuthCookie(server.makeCookie(), faulty.certificate().der(), service);
   if (!stored) throw std::runtime_error(stored.error().description());
   listFresh("");

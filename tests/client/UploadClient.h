@@ -10,6 +10,7 @@
 #include <functional>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -27,6 +28,8 @@ class FaultyServer {
   static std::string refusal(int status, const std::string& sentence);
 
   explicit FaultyServer(TestServer& server);
+  // What is being passed on is given up.
+  ~FaultyServer();
   // Of the requests of that command.
   void setFault(const std::string& command, Fault fault);
   std::size_t requestsOf(const std::string& command);
@@ -39,7 +42,9 @@ class FaultyServer {
 
   TestServer& server_;
   const Certificate certificate_;
-  std::mutex mutex_;  // guards the two
+  std::mutex mutex_;  // guards what follows, up to the relay
+  bool isEnding_ = false;
+  std::set<URLSessionPtr> passing_;
   std::map<std::string, Fault> faults_;
   std::map<std::string, std::size_t> counts_;
   std::unique_ptr<ScriptedServer> relay_;

@@ -1,0 +1,396 @@
+#include "Client/Client/DCUploadManager.h"
+#include "common/FVFMetadataUtils.h"
+#include "platform/BackgroundURLSession.h"
+#include "tests/client/UploadClient.h"
+
+#include <atomic>
+#include <filesystem>
+#include <future>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace florvane::test {
+namespace {
+
+namespace fs = std::filesystem;
+using std::chrono::seconds;
+using testing::AllOf;
+using testing::Contains;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+// Counts notifications; they arrive on a thread of their own.
+class NotificationCounter {
+ public:
+  explicit NotificationCounter(const char* name)
+      : observation_(NotificationCenter::shared().addObserver(name, [this](const Notification&) { ++count_; })) {}
+  // Everything that was posted before has been counted.
+  int count() {
+    Signal arrived;
+    auto marker =
+        NotificationCenter::shared().addObserver("upload-test-marker", [&](const Notification&) { arrived.raise(); });
+    NotificationCenter::shared().post("upload-test-marker");
+    EXPECT_TRUE(arrived.wait());
+    return count_;
+  }
+
+ private:
+  std::atomic<int> count_ = 0;
+  std::unique_ptr<NotificationCenter::Observation> observation_;
+};
+
+std::size_t filesIn(const std::string& folder) {
+  std::size_t files = 0;
+  for (const auto& entry : fs::directory_iterator(folder)) files += entry.is_regular_file() ? 1 : 0;
+  return files;
+}
+
+TEST(Upload, ARefusalIsTriedThreeTimesAndThenGivenUpOnce) {
+  TestServer server;
+  FaultyServer faulty(server);
+  UploadClient client(server, faulty);
+  NotificationCounter failures(FlorvaneUploadDidFailNotification);
+  auto delegate = std::make_shared<RecordingDelegate>();
+  client.manager->setDelegate(delegate, client.queue, "Files");
+  struct Case {
+    int status;
+    const char* sentence;
+    const char* text;
+  };
+  int given = 0;
+  // A sentence that speaks of 401 is no refused login.
+  for (const Case& each : {Case{500, "Something broke.", "Something broke."}, Case{413, "", ""},
+                           Case{507, "Disk 401 is full.", "Disk 401 is full."}, Case{403, "Not here.", "Not here."}}) {
+    const std::string path = "Files/refused-" + std::to_string(each.status);
+    const std::size_t before = faulty.requestsOf("write");
+    faulty.setFault("write", [&](const auto&) { return FaultyServer::refusal(each.status, each.sentence); });
+    ASSERT_FALSE(client.write(path, "bytes").error);
+    delegate->waitFor("failed " + path + " " + std::to_string(each.status));
+    EXPECT_EQ(faulty.requestsOf("write") - before, 3U) << each.status;
+    auto upload = client.record(path);
+    ASSERT_TRUE(upload);
+    EXPECT_EQ(upload->numberOfRetries(), 3);
+    EXPECT_FALSE(upload->taskIdentifier());
+    if (*each.text) {
+      EXPECT_EQ(upload->error(), each.text);
+    }
+    EXPECT_EQ(failures.count(), ++given);
+    // What gave up stays as it is when uploads are started again, and a fresh write begins anew.
+    client.manager->restartUploads();
+    client.onQueue([] {});
+    EXPECT_EQ(faulty.requestsOf("write") - before, 3U);
+    faulty.setFault("write", {});
+    ASSERT_FALSE(client.write(path, "other bytes").error);
+    ASSERT_TRUE(client.sent(path));
+    EXPECT_EQ(textOf(server.files() + "/refused-" + std::to_string(each.status)), "other bytes");
+  }
+  auto events = delegate->take();
+  EXPECT_EQ(
+      std::count_if(events.begin(), events.end(), [](const std::string& event) { return event.starts_with("failed"); }),
+      4);
+  EXPECT_THAT(client.assertions(), IsEmpty());
+}
+
+TEST(Upload, ARefusalThatPassesCountsAndTheFirstHandlerHearsTheFirstFailure) {
+  TestServer server;
+  FaultyServer faulty(server);
+  UploadClient client(server, faulty);
+  std::atomic<int> refusals = 0;
+  Signal mayAnswer;
+  faulty.setFault("write", [&](const auto&) -> std::optional<std::string> {
+    mayAnswer.wait();
+    return ++refusals <= 2 ? std::optional(FaultyServer::refusal(500, "Broken.")) : std::nullopt;
+  });
+  ASSERT_FALSE(client.write("Files/a", "bytes").error);
+  std::promise<std::optional<Error>> first, second;
+  client.manager->startUploadingItemAtPath("Files/a", [&](const auto&, const auto& error) { first.set_value(error); });
+  client.manager->startUploadingItemAtPath("Files/a", [&](const auto&, const auto& error) { second.set_value(error); });
+  client.onQueue([] {});
+  mayAnswer.raise();
+  auto error = first.get_future().get();
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->code(), 500);
+  EXPECT_TRUE(second.get_future().get());
+  ASSERT_TRUE(client.sent("Files/a"));
+  EXPECT_EQ(faulty.requestsOf("write"), 3U);
+  EXPECT_EQ(client.countOf("failed with error Broken.. Retry #1"), 1U);
+  EXPECT_EQ(client.countOf("Retry #2"), 1U);
+  EXPECT_EQ(textOf(server.files() + "/a"), "bytes");
+  EXPECT_THAT(client.assertions(), IsEmpty());
+}
+
+TEST(Upload, ALostReplyIsFoundInTheListingAndNotSentTwice) {
+  TestServer server;
+  writeText(server.files() + "/old", "old");
+  FaultyServer faulty(server);
+  UploadClient client(server, faulty);
+  std::atomic<int> writes = 0;
+  auto loseFirst = [&](const auto&) -> std::optional<std::string> {
+    return ++writes == 1 ? std::optional<std::string>(FaultyServer::loseTheReply) : std::nullopt;
+  };
+  faulty.setFault("write", loseFirst);
+  ASSERT_FALSE(client.write("Files/new", "new bytes").error);
+  ASSERT_TRUE(client.sent("Files/new"));
+  EXPECT_EQ(faulty.requestsOf("write"), 1U);
+  EXPECT_EQ(textOf(server.files() + "/new"), "new bytes");
+  writes = 0;
+  faulty.setFault("replace", loseFirst);
+  ASSERT_FALSE(client.write("Files/old", "newer").error);
+  ASSERT_TRUE(client.sent("Files/old"));
+  EXPECT_EQ(faulty.requestsOf("replace"), 1U);
+  EXPECT_EQ(textOf(server.files() + "/old"), "newer");
+  EXPECT_EQ(client.text(client.read("Files/old")), "newer");
+  EXPECT_EQ(filesIn(server.files()), 2U);
+  EXPECT_THAT(client.assertions(), IsEmpty());
+}
+
+TEST(Upload, ALostRequestIsSentAgainWithoutUsingUpRetriesAndWithPauses) {
+  TestServer server;
+  FaultyServer faulty(server);
+  UploadClient client(server, faulty);
+  Signal lost;
+  std::atomic<int> writes = 0;
+  faulty.setFault("write", [&](const auto&) -> std::optional<std::string> {
+    if (++writes > 4) return std::nullopt;
+    lost.raise();
+    return FaultyServer::loseTheRequest;
+  });
+  ASSERT_FALSE(client.write("Files/a", "bytes").error);
+  // The first time at once, then after pauses by the clock.
+  while (writes <= 4) {
+    (void)client.upload("Files/a");
+    client.clock.advance(seconds(61));
+  }
+  ASSERT_TRUE(client.sent("Files/a"));
+  EXPECT_EQ(writes, 5);
+  EXPECT_EQ(textOf(server.files() + "/a"), "bytes");
+  EXPECT_THAT(client.assertions(), IsEmpty());
+}
+
+TEST(Upload, SomebodyElsesFileOfTheNameIsAConflictInWhichNobodyLoses) {
+  TestServer server;
+  writeText(server.files() + "/both", "base");
+  FaultyServer faulty(server);
+  UploadClient client(server, faulty);
+  // Nothing tells of changes on the server.
+  faulty.setFault("watch", [](const auto&) { return FaultyServer::refusal(500, ""); });
+  auto delegate = std::make_shared<RecordingDelegate>();
+  client.manager->setDelegate(delegate, client.queue, "Files");
+  EXPECT_EQ(client.text(client.read("Files/both")), "base");
+  // Behind this client's back, after its last listing.
+  writeText(server.files() + "/both", "theirs, longer");
+  auto conflictOf = [&](const std::string& path, const std::string& mine) {
+    ASSERT_FALSE(client.write(path, mine).error);
+    delegate->waitFor("failed " + path + " 3");
+    auto upload = client.record(path);
+    ASSERT_TRUE(upload);
+    EXPECT_TRUE(upload->isConflict());
+    EXPECT_FALSE(upload->taskIdentifier());
+    EXPECT_EQ(client.text(client.read(path)), mine);
+  };
+  conflictOf("Files/both", "mine");
+  EXPECT_EQ(textOf(server.files() + "/both"), "theirs, longer");
+  writeText(server.files() + "/name", "theirs");
+  conflictOf("Files/name", "my own words");
+  EXPECT_EQ(textOf(server.files() + "/name"), "theirs");
+  const std::size_t sentBefore = faulty.requestsOf("replace") + faulty.requestsOf("write");
+  // The server's versions are fetched beside.
+  client.refresh("Files");
+  for (const auto& [path, theirs] : {std::pair("Files/both", "theirs, longer"), std::pair("Files/name", "theirs")}) {
+    auto upload = client.record(path);
+    for (int turn = 0; turn < 1000 && !upload->conflictingVersionURL(); ++turn) client.refresh("Files");
+    ASSERT_TRUE(upload->conflictingVersionURL()) << path;
+    EXPECT_EQ(textOf(upload->conflictingVersionURL()->path()), theirs);
+  }
+  // Nothing is sent until somebody decides.
+  client.manager->restartUploads();
+  client.onQueue([] {});
+  EXPECT_EQ(faulty.requestsOf("replace") + faulty.requestsOf("write"), sentBefore);
+  const std::string beside = client.record("Files/both")->conflictingVersionURL()->path();
+  (void)client.upload("Files/both");
+  EXPECT_TRUE(client.sent("Files/both"));
+  EXPECT_EQ(textOf(server.files() + "/both"), "mine");
+  EXPECT_FALSE(fs::exists(beside));
+  ASSERT_FALSE(client.write("Files/name", "written over it").error);
+  EXPECT_TRUE(client.sent("Files/name"));
+  EXPECT_EQ(textOf(server.files() + "/name"), "written over it");
+  EXPECT_THAT(client.assertions(), IsEmpty());
+}
+
+TEST(Upload, AConflictWithAnEarlierAttemptOfOneOwnIsNone) {
+  TestServer server;
+  FaultyServer faulty(server);
+  UploadClient client(server, faulty);
+  Signal arrived, mayGo;
+  std::atomic<int> writes = 0;
+  // The first attempt is stored, but its answer is held until it has been replaced by a newer write.
+  faulty.setFault("write", [&](const auto&) -> std::optional<std::string> {
+    if (++writes > 1) return std::nullopt;
+    arrived.raise();
+    return std::nullopt;
+  });
+  ASSERT_FALSE(client.write("Files/a", "first").error);
+  ASSERT_TRUE(arrived.wait());
+  ASSERT_FALSE(client.write("Files/a", "second, and newer").error);
+  ASSERT_TRUE(client.sent("Files/a"));
+  EXPECT_EQ(textOf(server.files() + "/a"), "second, and newer");
+  EXPECT_EQ(filesIn(server.files()), 1U);
+  EXPECT_EQ(client.text(client.read("Files/a")), "second, and newer");
+  EXPECT_THAT(client.assertions(), IsEmpty());
+}
+
+TEST(Upload, AFileThatIsRewrittenWhileItIsSentEndsWithTheNewerBytes) {
+  TestServer server;
+  writeText(server.files() + "/a", "base");
+  FaultyServer faulty(server);
+  UploadClient client(server, faulty);
+  client.read("Files/a");
+  for (int round = 0; round < 5; ++round) {
+    Signal arrived, mayGo;
+    std::atomic<bool> isFirst = true;
+    faulty.setFault("replace", [&](const auto&) -> std::optional<std::string> {
+      if (!isFirst.exchange(false)) return std::nullopt;
+      arrived.raise();
+      mayGo.wait();
+      return std::nullopt;
+    });
+    ASSERT_FALSE(client.write("Files/a", "older").error);
+    ASSERT_TRUE(arrived.wait());
+    const std::string newer = "newer " + std::to_string(round);
+    if (round % 2 == 0) {
+      ASSERT_FALSE(client.write("Files/a", newer).error);
+    } else {
+      // In place, without a word; whoever starts the upload finds it.
+      writeText(client.read("Files/a").value->path(), newer);
+    }
+    mayGo.raise();
+    ASSERT_TRUE(client.sent("Files/a")) << client.record("Files/a")->error().value_or("");
+    (void)client.upload("Files/a");
+    ASSERT_TRUE(client.sent("Files/a"));
+    EXPECT_EQ(textOf(server.files() + "/a"), newer);
+    EXPECT_EQ(client.text(client.read("Files/a")), newer);
+  }
+  EXPECT_THAT(client.assertions(), IsEmpty());
+}
+
+TEST(Upload, RefusedLoginsAreRenewedWithoutLimitAndThenWithPauses) {
+  TestServer server;
+  UploadClient client(server);
+  // A cookie that the server has forgotten: 401, sign in, send.
+  ASSERT_TRUE(server->revokeAllSessions());
+  ASSERT_FALSE(client.write("Files/a", "bytes").error);
+  ASSERT_TRUE(client.sent("Files/a"));
+  EXPECT_EQ(textOf(server.files() + "/a"), "bytes");
+  EXPECT_EQ(client.countOf("Got an authentication error. Retrying upload of file at"), 1U);
+  EXPECT_THAT(client.assertions(), IsEmpty());
+}
+
+TEST(Upload, ManyIntoOneFolderAllArriveAndTheListingHasThem) {
+  TestServer server;
+  UploadClient client(server);
+  std::vector<std::string> paths;
+  for (int i = 0; i < 60; ++i) {
+    paths.push_back("Files/many-" + std::to_string(i));
+    ASSERT_FALSE(client.write(paths.back(), "bytes " + std::to_string(i)).error);
+  }
+  for (const auto& path : paths) ASSERT_TRUE(client.sent(path)) << path;
+  EXPECT_FALSE(client.manager->hasPendingUploads());
+  for (int i = 0; i < 60; ++i) {
+    EXPECT_EQ(textOf(server.files() + "/many-" + std::to_string(i)), "bytes " + std::to_string(i));
+    EXPECT_EQ(client.text(client.read(paths[static_cast<std::size_t>(i)])), "bytes " + std::to_string(i));
+  }
+  EXPECT_EQ(client.names(client.list("Files")).size(), 60U);
+  EXPECT_EQ(filesIn(server.files()), 60U);
+  EXPECT_THAT(client.assertions(), IsEmpty());
+}
+
+TEST(Upload, ARecordWithoutTaskAndATaskWithoutRecordAreTakenUpByTheNextStart) {
+  TestServer server;
+  FaultyServer faulty(server);
+  UploadClient client(server, faulty);
+  // Killed between the write and the task.
+  auto staged = client.manager->fileURLOfItemAtPath("Files/queued");
+  ASSERT_TRUE(staged);
+  writeText(staged->path(), "queued bytes");
+  ASSERT_TRUE(client.database().saveUploadFileURL(*staged, "Files/queued"));
+  // A record whose task nobody knows: its connection was lost.
+  auto other = client.manager->fileURLOfItemAtPath("Files/orphan");
+  ASSERT_TRUE(other);
+  writeText(other->path(), "orphan bytes");
+  ASSERT_TRUE(client.database().saveUploadFileURL(*other, "Files/orphan"));
+  ASSERT_TRUE(client.database().saveUploadFileURL(*other, std::nullopt, 123456, "Files/orphan"));
+  client.record("Files/orphan")->setNumberOfRetries(3);
+  ASSERT_TRUE(client.database().save());
+  // One whose file is gone.
+  ASSERT_TRUE(client.database().saveUploadFileURL(URL::fileURL(client.container.file("gone")), "Files/gone"));
+  client.manager->restartUploads();
+  for (const char* path : {"Files/queued", "Files/orphan", "Files/gone"}) {
+    for (int turn = 0; turn < 1000 && client.record(path); ++turn) client.refresh("Files");
+    EXPECT_FALSE(client.record(path)) << path;
+  }
+  EXPECT_EQ(textOf(server.files() + "/queued"), "queued bytes");
+  EXPECT_EQ(textOf(server.files() + "/orphan"), "orphan bytes");
+  EXPECT_EQ(filesIn(server.files()), 2U);
+  EXPECT_EQ(faulty.requestsOf("write"), 2U);
+  EXPECT_THAT(client.assertions(), IsEmpty());
+}
+
+TEST(Upload, ASourceThatVanishedTakesItsRecordAlong) {
+  TestServer server;
+  FaultyServer faulty(server);
+  UploadClient client(server, faulty);
+  NotificationCounter failures(FlorvaneUploadDidFailNotification);
+  auto staged = client.manager->fileURLOfItemAtPath("Files/vanished");
+  ASSERT_TRUE(staged);
+  writeText(staged->path(), "x");
+  ASSERT_TRUE(client.database().saveUploadFileURL(*staged, "Files/vanished"));
+  fs::remove(staged->path());
+  auto answer = client.upload("Files/vanished");
+  EXPECT_FALSE(client.record("Files/vanished"));
+  EXPECT_EQ(faulty.requestsOf("write"), 0U);
+  EXPECT_EQ(failures.count(), 0);
+}
+
+TEST(Upload, WithoutAServerTheRecordWaitsAndGoesWhenItIsBack) {
+  TestServer server;
+  UploadClient client(server);
+  server.stop();
+  ASSERT_FALSE(client.write("Files/a", "written offline").error);
+  auto upload = client.record("Files/a");
+  ASSERT_TRUE(upload);
+  EXPECT_TRUE(upload->taskIdentifier());
+  server.restart();
+  for (int turn = 0; turn < 2000 && client.record("Files/a"); ++turn) {
+    client.clock.advance(seconds(1));
+    client.refresh("Files");
+  }
+  EXPECT_FALSE(client.record("Files/a"));
+  EXPECT_EQ(textOf(server.files() + "/a"), "written offline");
+  EXPECT_THAT(client.assertions(), IsEmpty());
+}
+
+TEST(Upload, WithoutALoginAndWithoutAServerTheWriteIsAnsweredAndWaits) {
+  TestServer server;
+  UploadClient client(server);
+  server.stop();
+  DCPreferences::preferences()->clearAllAuthCookiesAndTrustedCertData();
+  auto answer = client.write("Files/a", "written signed out");
+  ASSERT_FALSE(answer.error);
+  auto upload = client.record("Files/a");
+  ASSERT_TRUE(upload);
+  EXPECT_FALSE(upload->taskIdentifier());
+  EXPECT_EQ(upload->numberOfRetries().value_or(0), 0);
+  server.restart();
+  for (int turn = 0; turn < 2000 && client.record("Files/a"); ++turn) {
+    client.clock.advance(seconds(61));
+    client.onQueue([] {});
+    client.refresh("Files");
+  }
+  EXPECT_FALSE(client.record("Files/a"));
+  EXPECT_EQ(textOf(server.files() + "/a"), "written signed out");
+  EXPECT_THAT(client.assertions(), IsEmpty());
+}
+
+}  // namespace
+}  // namespace florvane::test
