@@ -176,10 +176,15 @@ class WatchFixture : public testing::Test {
   TestContainer container;
   RecordingSystemLog log;
   TestServer server;
-  ManualClock& clock = *new ManualClock(Date::now());  // outlives what is kept for the life of the process
+  ManualClock& clock = makeClock();
   std::shared_ptr<SerialQueue> queue = SerialQueue::create("test");
 
  private:
+  // Outlives what is kept for the life of the process.
+  static ManualClock& makeClock() {
+    static auto& clocks = *new std::vector<std::unique_ptr<ManualClock>>;
+    return *clocks.emplace_back(std::make_unique<ManualClock>(Date::now()));
+  }
   std::shared_ptr<DCService> service_;
   DCDocumentManager::Ptr manager_;
 };
