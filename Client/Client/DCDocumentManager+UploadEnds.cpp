@@ -237,6 +237,13 @@ void DCDocumentManager::_takeInUploadAnswers(const std::string& directoryPath) {
     return dateOfListing(a.container->metadata()) < dateOfListing(b.container->metadata());
   });
   auto directory = newest->file->parent();
+  if (!directory || directory->hasBeenRemoved()) {
+    for (const UploadAnswer& answer : answers) {
+      const std::string name = answer.file->relativePath()->lastPathComponent();
+      _completeUpload(answer, entryNamed(contentsOf(*answer.container), name), false);
+    }
+    return;
+  }
   const auto known = directory->remoteMetadata();
   const auto newestDate = dateOfListing(newest->container->metadata()), knownDate = dateOfListing(known);
   const bool isKnown = versionOf(known) == versionOf(newest->container->metadata());

@@ -37,6 +37,13 @@ void DCUploadManager::recoverTasks(std::function<void(const std::optional<Error>
       if (auto session = upload->sessionIdentifier()) sessions.insert(*session);
     }
   }
+  if (recovery->records.empty()) {
+    // A record is there before its task is.
+    queue_->dispatchAsynchronousBlock([recovery] {
+      if (recovery->continuation) recovery->continuation(std::nullopt);
+    });
+    return;
+  }
   recovery->sessionsToAsk = sessions.size();
   auto manager = backgroundSessionManager();
   for (const std::string& session : sessions) {

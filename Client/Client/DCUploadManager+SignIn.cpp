@@ -113,7 +113,7 @@ void DCUploadManager::didUpdateConnectionStatus(const std::shared_ptr<DCConnecti
   {
     std::lock_guard lock(mutex_);
     restart = restartHandler_;
-    if (!restart && waitingForSignIn_.empty() && uploadTasks_.empty()) return;
+    if (database().numberOfPendingUploads() == 0) return;
     if (!waitingForSignIn_.empty() && !isSigningIn_ && refusals_ < kRefusalsBeforeWaiting) {
       signInTimer_.reset();
       signIn();

@@ -1,5 +1,6 @@
 #include "Client/Client/DCUploadManager.h"
 
+#include "Client/Client/DCBackgroundSessionManager.h"
 #include "Client/Client/DCLog.h"
 #include "Client/Client/DCServiceRegistry.h"
 #include "common/FVFQueueManager.h"
@@ -78,7 +79,7 @@ bool DCUploadManager::_isUploadingFileAtPath(const std::string& path) const {
   if (auto handlers = uploadingFiles_.find(path); handlers != uploadingFiles_.end() && !handlers->second.empty()) {
     return true;
   }
-  auto upload = database().uploadForPath(path);
+  auto upload = database().knownUploadForPath(path);
   return upload && upload->taskIdentifier() && upload->sessionIdentifier();
 }
 
@@ -93,6 +94,18 @@ void DCUploadManager::cancelAllUploadTasks() {
   const Error cancelled(URLErrorDomain, URLErrorCancelled);
   for (auto& [path, transfer] : uploadTasks_) {
     if (transfer.task) transfer.task->cancel();
+  }
+  // Those of earlier processes that this one has not taken on.
+  for (const auto& upload : database().allUploads()) {
+    const auto task = upload->taskIdentifier();
+    const auto session = upload->sessionIdentifier();
+    if (!task || !session || pathsByTask_.contains(taskKey(static_cast<std::uint64_t>(*task), *session))) continue;
+    backgroundSessionManager()->tasksOfSession(*session, [identifier = static_cast<std::uint64_t>(*task)](
+                                                             const Result<std::vector<URLSessionTaskPtr>>& tasks) {
+      for (const auto& each : tasks ? *tasks : std::vector<URLSessionTaskPtr>()) {
+        if (each->taskIdentifier() == identifier) each->cancel();
+      }
+    });
   }
   uploadTasks_.clear();
   pathsByTask_.clear();

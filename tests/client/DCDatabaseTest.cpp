@@ -506,5 +506,44 @@ TEST_F(DCDatabaseTest, ServesManyThreads) {
   EXPECT_EQ(sql("SELECT count(*) FROM Path\nSELECT lastUploadDate FROM OtherMetadata"), "80\n19\n");
 }
 
+TEST_F(DCDatabaseTest, AStoreOfTheFirstVersionKeepsItsUploadsAndTakesWhatIsKeptOfThemNow) {
+  {
+    auto database = open();
+    ASSERT_TRUE(database->saveUploadFileURL(URL::fileURL("/old/file"), "Files/old"));
+  }
+  // As the first version wrote it.
+  for (const char* column :
+       {"baseVersionIdentifier", "attempts", "conflictingVersionIdentifier", "conflictingFileURL"}) {
+    sql(std::string("ALTER TABLE Upload DROP COLUMN ") + column);
+  }
+  sql("PRAGMA user_version = 1");
+  {
+    auto database = open();
+    auto upload = database->uploadForPath("Files/old");
+    ASSERT_TRUE(upload);
+    EXPECT_EQ(upload->fileURL(), "/old/file");
+    EXPECT_FALSE(upload->baseVersionIdentifier());
+    EXPECT_THAT(upload->attempts(), IsEmpty());
+    EXPECT_FALSE(upload->isConflict());
+    upload->setBaseVersionIdentifier(bytes("base"));
+    for (int i = 0; i < 20; ++i) upload->addAttempt({i, Date::fromMicroseconds(1'600'000'000'000'001 + i)});
+    upload->addAttempt({18, Date::fromMicroseconds(1'600'000'000'000'019)});
+    upload->setConflictingVersionIdentifier(bytes("theirs"));
+    ASSERT_TRUE(database->save());
+  }
+  auto database = open();
+  auto upload = database->uploadForPath("Files/old");
+  ASSERT_TRUE(upload);
+  EXPECT_EQ(upload->baseVersionIdentifier(), bytes("base"));
+  auto attempts = upload->attempts();
+  ASSERT_EQ(attempts.size(), 16U);
+  EXPECT_EQ(attempts.back(), (DCUploadAttempt{18, Date::fromMicroseconds(1'600'000'000'000'019)}));
+  EXPECT_EQ(attempts.front().size, 4);
+  upload->resolveConflict();
+  EXPECT_FALSE(upload->isConflict());
+  EXPECT_EQ(upload->baseVersionIdentifier(), bytes("theirs"));
+  EXPECT_THAT(upload->attempts(), IsEmpty());
+}
+
 }  // namespace
 }  // namespace florvane

@@ -286,6 +286,45 @@ TEST(Upload, RefusedLoginsAreRenewedWithoutLimitAndThenWithPauses) {
   EXPECT_THAT(client.assertions(), IsEmpty());
 }
 
+TEST(Upload, AServerThatRefusesEveryLoginIsNotHammered) {
+  TestServer server;
+  FaultyServer faulty(server);
+  UploadClient client(server, faulty);
+  // Signing in works, by the real server's account of the cookie; the upload is refused each time.
+  std::atomic<int> refusals = 0;
+  Signal refusedTwice;
+  faulty.setFault("write", [&](const auto&) -> std::optional<std::string> {
+    if (++refusals > 6) return std::nullopt;
+    if (refusals == 2) refusedTwice.raise();
+    return FaultyServer::refusal(401, "");
+  });
+  auto signIn = [&] {
+    ASSERT_TRUE(
+        DCPreferences::preferences()->setAuthCookie(server.makeCookie(), faulty.certificate().der(), client.service));
+  };
+  ASSERT_FALSE(client.write("Files/a", "bytes").error);
+  while (refusals < 2) {
+    signIn();
+    (void)client.upload("Files/a");
+  }
+  ASSERT_TRUE(refusedTwice.wait());
+  // Nobody signs in by himself now before the pause is over, and no retry has been counted.
+  const int before = refusals;
+  client.onQueue([] {});
+  client.onQueue([] {});
+  EXPECT_EQ(refusals, before);
+  EXPECT_EQ(client.record("Files/a")->numberOfRetries().value_or(0), 0);
+  for (int turn = 0; turn < 1000 && client.record("Files/a"); ++turn) {
+    signIn();
+    client.clock.advance(seconds(61));
+    client.onQueue([] {});
+    client.refresh("Files");
+  }
+  EXPECT_FALSE(client.record("Files/a"));
+  EXPECT_EQ(refusals, 7);
+  EXPECT_EQ(textOf(server.files() + "/a"), "bytes");
+}
+
 TEST(Upload, ManyIntoOneFolderAllArriveAndTheListingHasThem) {
   TestServer server;
   UploadClient client(server);

@@ -1,0 +1,191 @@
+#include "Client/Client/DCBackgroundSessionIdentifier.h"
+#include "Client/Client/DCUploadManager.h"
+#include "platform/Encoding.h"
+#include "tests/client/UploadClient.h"
+
+#include <atomic>
+#include <future>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace florvane::test {
+namespace {
+
+using Manager = DCBackgroundSessionManager;
+using testing::IsEmpty;
+
+// Waits for an answer of cancelUpload.
+bool cancelled(UploadClient& client, std::uint64_t task, const std::string& session) {
+  auto promise = std::make_shared<std::promise<bool>>();
+  Manager::backgroundSessionManagerForService(client.service, DCMainBundleIdentifier())
+      ->cancelUpload(task, session, [promise](bool didCancel) { promise->set_value(didCancel); });
+  return promise->get_future().get();
+}
+
+// An upload that the server holds until the test lets it go.
+struct HeldUpload {
+  HeldUpload(UploadClient& client, FaultyServer& faulty, const std::string& path) {
+    faulty.setFault("write", [this](const auto&) -> std::optional<std::string> {
+      arrived.raise();
+      mayGo.wait();
+      return std::nullopt;
+    });
+    EXPECT_FALSE(client.write(path, "held bytes").error);
+    EXPECT_TRUE(arrived.wait());
+    auto upload = client.record(path);
+    task = static_cast<std::uint64_t>(upload->taskIdentifier().value_or(0));
+    session = upload->sessionIdentifier().value_or("");
+  }
+  ~HeldUpload() { mayGo.raise(); }
+  Signal arrived, mayGo;
+  std::uint64_t task = 0;
+  std::string session;
+};
+
+TEST(BackgroundSessionManager, IdentifiersAreTakenApartAtTheFirstAndTheLastTilde) {
+  TestContainer container;
+  auto service = DCService::serviceWithHostName("host", "service");
+  const std::string identifier = Manager::sessionIdentifierForService(*service, "quorl~odd.bundle");
+  EXPECT_EQ(identifier, "service~quorl~odd.bundle");
+  EXPECT_EQ(Manager::serviceIdentifierFromBackgroundSessionIdentifier(identifier), "service");
+  EXPECT_EQ(Manager::bundleIdentifierFromBackgroundSessionIdentifier(identifier), "odd.bundle");
+  EXPECT_FALSE(Manager::bundleIdentifierFromBackgroundSessionIdentifier("none"));
+  RecordingSystemLog log;
+  EXPECT_FALSE(Manager::backgroundSessionManagerForService(nullptr, "bundle"));
+  EXPECT_FALSE(Manager::backgroundSessionManagerForService(service, std::nullopt));
+}
+
+TEST(BackgroundSessionManager, CancellingEndsTheTaskAndItsRecordWhicheverApplicationMadeIt) {
+  TestServer server;
+  FaultyServer faulty(server);
+  UploadClient client(server, faulty);
+  HeldUpload held(client, faulty, "Files/a");
+  // Not this service's, not this session's, not this task.
+  auto manager = Manager::backgroundSessionManagerForService(client.service, DCMainBundleIdentifier());
+  std::atomic<bool> wasAsked = false;
+  manager->cancelUpload(held.task, "other~quorl.Florvane", [&](bool) { wasAsked = true; });
+  EXPECT_FALSE(cancelled(client, held.task, client.service->uniqueIdentifier() + "~other.bundle"));
+  EXPECT_FALSE(cancelled(client, held.task + 1, held.session));
+  EXPECT_FALSE(wasAsked);
+  EXPECT_TRUE(client.record("Files/a"));
+  // From a manager of another application.
+  auto promise = std::make_shared<std::promise<bool>>();
+  Manager::backgroundSessionManagerForService(client.service, "other.bundle")
+      ->cancelUpload(held.task, held.session, [promise](bool didCancel) { promise->set_value(didCancel); });
+  EXPECT_TRUE(promise->get_future().get());
+  EXPECT_FALSE(client.record("Files/a"));
+  client.onQueue([] {});
+  EXPECT_FALSE(client.manager->hasPendingUploads());
+}
+
+TEST(BackgroundSessionManager, ANotificationCancelsAndOneThatSaysTooLittleDoesNot) {
+  TestServer server;
+  FaultyServer faulty(server);
+  UploadClient client(server, faulty);
+  HeldUpload held(client, faulty, "Files/a");
+  auto& center = NotificationCenter::shared();
+  center.post(DCBackgroundSessionManagerShouldCancelUploadNotification, std::nullopt,
+              {{DCBackgroundSessionManagerTaskIdentifierKey, static_cast<std::int64_t>(held.task)}});
+  center.post(DCBackgroundSessionManagerShouldCancelUploadNotification, std::nullopt,
+              {{DCBackgroundSessionManagerTaskIdentifierKey, static_cast<std::int64_t>(held.task)},
+               {DCBackgroundSessionManagerSessionIdentifierKey, "other~quorl.Florvane"}});
+  Signal removed;
+  auto observation =
+      center.addObserver(FlorvaneDidAddOrRemoveUploadsNotification, [&](const Notification&) { removed.raise(); });
+  center.post(DCBackgroundSessionManagerShouldCancelUploadNotification, std::nullopt,
+              {{DCBackgroundSessionManagerTaskIdentifierKey, static_cast<std::int64_t>(held.task)},
+               {DCBackgroundSessionManagerSessionIdentifierKey, held.session}});
+  EXPECT_TRUE(removed.wait());
+  EXPECT_FALSE(client.record("Files/a"));
+}
+
+TEST(BackgroundSessionManager, ATaskWhoseRecordIsMarkedIsCancelledAtItsNextCallback) {
+  TestServer server;
+  FaultyServer faulty(server);
+  UploadClient client(server, faulty);
+  Signal removed;
+  std::unique_ptr<NotificationCenter::Observation> observation;
+  {
+    HeldUpload held(client, faulty, "Files/a");
+    // As another process marks it, which has queued nothing in its place.
+    auto upload = client.record("Files/a");
+    upload->markAsCancelled();
+    ASSERT_TRUE(client.database().save());
+    observation = NotificationCenter::shared().addObserver(FlorvaneDidAddOrRemoveUploadsNotification,
+                                                           [&](const Notification&) { removed.raise(); });
+  }
+  ASSERT_TRUE(removed.wait());
+  client.onQueue([] {});
+  EXPECT_EQ(client.countOf("Cancelling cancelled task with identifier"), 1U);
+  EXPECT_FALSE(client.manager->hasPendingUploads());
+  // Its answer was not taken in.
+  EXPECT_FALSE(client.entry(client.list("Files"), "a"));
+}
+
+TEST(BackgroundSessionManager, ThatEventsAreFinishedIsToldOnceAndRememberedForALateHandler) {
+  TestServer server;
+  UploadClient client(server);
+  auto manager = Manager::backgroundSessionManagerForService(client.service, "relaunched.bundle");
+  Signal posted;
+  std::atomic<int> posts = 0;
+  auto observation = NotificationCenter::shared().addObserver(
+      DCBackgroundSessionManagerShouldCallBackgroundEventsCompletionHandler, [&](const Notification&) {
+        ++posts;
+        posted.raise();
+      });
+  client.onQueue([&] { manager->didFinishEventsForBackgroundURLSession(manager->backgroundSession()); });
+  ASSERT_TRUE(posted.wait());
+  // The handler comes late.
+  int calls = 0;
+  manager->setBackgroundEventsCompletionHandler([&] { ++calls; });
+  EXPECT_EQ(calls, 1);
+  // The handler is there: it is called, and nothing is posted.
+  manager->setBackgroundEventsCompletionHandler([&] { ++calls; });
+  EXPECT_EQ(calls, 1);
+  client.onQueue([&] { manager->didFinishEventsForBackgroundURLSession(manager->backgroundSession()); });
+  EXPECT_EQ(calls, 2);
+  // Another process says so.
+  Signal called;
+  manager->setBackgroundEventsCompletionHandler([&] { called.raise(); });
+  NotificationCenter::shared().post(DCBackgroundSessionManagerShouldCallBackgroundEventsCompletionHandler);
+  EXPECT_TRUE(called.wait());
+}
+
+TEST(BackgroundSessionManager, ATaskOfAKilledProcessIsAdoptedByPathAndGeneration) {
+  TestServer server;
+  FaultyServer faulty(server);
+  UploadClient client(server, faulty);
+  // A write whose task was made and never entered in the record.
+  auto staged = client.manager->fileURLOfItemAtPath("Files/a");
+  ASSERT_TRUE(staged);
+  writeText(staged->path(), "adopted bytes");
+  ASSERT_TRUE(client.database().saveUploadFileURL(*staged, "Files/a"));
+  auto manager = Manager::backgroundSessionManagerForService(client.service, DCMainBundleIdentifier());
+  auto file =
+      DCCachedItemManager::fileAtRelativePath(DCRelativePath::relativePathWithString("Files/a", client.service));
+  Result<URLSessionTaskPtr> task = Failure(Error(URLErrorDomain, 0));
+  client.onQueue([&] {
+    // The request itself is the one that the upload manager would make.
+    auto parent = file->parent()->documentIdentifier();
+    URLRequest post(*client.service->url().resolving("/fv/v1/write"));
+    post.method = "POST";
+    std::string hex = hexEncode(*parent);
+    post.url = post.url.withQueryItems({{"n", "a"}, {"D", hex}, {"s", hex}});
+    (void)HTTPSASLClientSessionManager::HTTPSASLClientSessionManagerForService(client.service)
+        ->clientSession()
+        ->addAuthenticationToRequest(post);
+    task = manager->backgroundSession()->uploadTask(post, *staged,
+                                                    {"Files/a", file->_localGenerationIdentifier(), std::nullopt});
+  });
+  ASSERT_TRUE(task);
+  client.manager->restartUploads();
+  for (int turn = 0; turn < 1000 && client.record("Files/a"); ++turn) client.refresh("Files");
+  EXPECT_FALSE(client.record("Files/a"));
+  EXPECT_EQ(textOf(server.files() + "/a"), "adopted bytes");
+  EXPECT_EQ(faulty.requestsOf("write"), 1U);
+  EXPECT_EQ(client.text(client.read("Files/a")), "adopted bytes");
+}
+
+}  // namespace
+}  // namespace florvane::test
