@@ -83,7 +83,7 @@ TEST(DocumentManagerProcesses, LeftoversOfKilledProcessesAreSweptAfterAnHour) {
   // A stable copy that is being sent, another name of the same file, and what is not ours.
   const std::vector<std::string> others = {"RmlsZXMvYQ==-0a1b", "RmlsZXMvYg==-0a1b", "somebody-elses"};
   for (const auto& names : {litter, others}) {
-    for (const auto& name : names) writeText(tmp + "/" + name, "left");
+    for (const auto& name : names) writeText(std::string(tmp).append("/").append(name), "left");
   }
   ASSERT_EQ(unlink((tmp + "/" + others[1]).c_str()), 0);
   ASSERT_EQ(link((tmp + "/" + others[0]).c_str(), (tmp + "/" + others[1]).c_str()), 0);
