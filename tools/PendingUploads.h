@@ -31,8 +31,8 @@ struct PendingUpload {
   std::int64_t percentSent() const;
 };
 
-// {"account", "path", "state", "sent", "size", "percent"}, where there is one "reason", and of a conflict "localFile" and
-// "serversFile".
+// {"account", "path", "state", "sent", "size", "percent"}, where there is one "reason", and of a conflict "localFile"
+// and "serversFile".
 nlohmann::ordered_json uploadObject(const PendingUpload& upload, const std::string& account);
 // "office:Files/report.pdf  42% of 1.2 MiB  sending", columns apart by tabs.
 std::string uploadLine(const PendingUpload& upload, const std::string& account);

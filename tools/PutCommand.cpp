@@ -213,6 +213,7 @@ class Put {
   void waitUntilSent() {
     std::map<std::string, PendingUpload> ended;
     std::set<std::string> left = written_;
+    (void)output_.flush();  // what is safe is known to who reads along
     const bool isInTime = waitForUploads(output_, [&] {
       std::vector<PendingUpload> pending;
       left.clear();
