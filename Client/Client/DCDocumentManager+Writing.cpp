@@ -212,7 +212,7 @@ void DCDocumentManager::_uploadItem(const DCCachedItem::Ptr& item, ErrorHandler 
       self->_uploadItem(item, *handler ? std::move(*handler) : ErrorHandler());
       return;
     }
-    if (*handler) (*handler)(*error);
+    if (*handler) (*handler)(error);
     // What the server could not be asked for keeps nobody's bytes from being sent.
     auto due = std::dynamic_pointer_cast<DCCachedFile>(item);
     if (due && self->database()->uploadForPath(due->relativePath()->string())) self->_restartUpload(due);

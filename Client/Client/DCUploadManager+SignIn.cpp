@@ -90,8 +90,8 @@ void DCUploadManager::signInAfter(Duration pause) {
 void DCUploadManager::startWaiting() {
   signInTimer_.reset();
   auto waiting = std::exchange(waitingForSignIn_, {});
-  for (const auto& [waitingPath, order] : waiting) {
-    queue_->dispatchAsynchronousBlock([weak = weak_from_this(), order = order] {
+  for (const auto& [waitingPath, waitingOrder] : waiting) {
+    queue_->dispatchAsynchronousBlock([weak = weak_from_this(), order = waitingOrder] {
       auto self = weak.lock();
       if (!self) return;
       std::lock_guard lock(self->mutex_);

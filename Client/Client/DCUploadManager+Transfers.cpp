@@ -237,14 +237,14 @@ void DCUploadManager::send(const Order& order, const URL& source, const Data& ge
                *documentIdentifier);
     request = order.remoteFileManager->writeToFileWithDocumentIdentifier(
         *documentIdentifier, versionToReplace(*file, *upload), parentDocumentIdentifier, parentVersionIdentifier,
-        order.activityInfo, source, *attributes, transfer, std::move(ended));
+        order.activityInfo, source, attributes, transfer, std::move(ended));
   } else {
     DCLogDebug("%s: Attempting upload of file at '%@' with parentDocumentIdentifier = %@",
                "-[DCUploadManager uploadFile:usingRemoteFileManager:activityInfo:completionHandler:]", path,
                parentDocumentIdentifier);
     request = order.remoteFileManager->writeToFileWithName(
         file->relativePath()->lastPathComponent(), parentDocumentIdentifier, parentVersionIdentifier,
-        order.activityInfo, source, *attributes, transfer, std::move(ended));
+        order.activityInfo, source, attributes, transfer, std::move(ended));
   }
   auto task = request ? request->task() : nullptr;
   if (!task) return;

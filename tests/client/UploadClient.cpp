@@ -135,7 +135,7 @@ std::string FaultyServer::passOn(const ScriptedServer::Request& request) {
   std::string text = "HTTP/1.1 " + std::to_string(delivery.response->statusCode()) + " Passed\r\n";
   for (const auto& [name, value] : delivery.response->headers().fields()) {
     const bool isOfConnection = equalIgnoringCase(name, "content-length") || equalIgnoringCase(name, "connection");
-    if (!isOfConnection) text += name + ": " + value + "\r\n";
+    if (!isOfConnection) text.append(name).append(": ").append(value).append("\r\n");
   }
   return text + "Content-Length: " + std::to_string(delivery.body.size()) + "\r\n\r\n" + delivery.body;
 }
