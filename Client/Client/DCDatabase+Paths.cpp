@@ -2,6 +2,9 @@
 #include "Client/Client/DCDatabase.h"
 #include "Client/Client/DCLog.h"
 
+#include <algorithm>
+#include <cstddef>
+#include <ranges>
 #include <unordered_set>
 
 #include <unistd.h>
@@ -11,6 +14,9 @@ namespace florvane {
 namespace {
 
 using PathPtr = std::shared_ptr<DCManagedPath>;
+
+// A huge folder's records are not all in memory at once: recording them again after a kill does no harm.
+constexpr std::ptrdiff_t kPathsOfASave = 10'000;
 
 std::string folderPrefix(const std::string& directoryPath) {
   return directoryPath.empty() ? directoryPath : directoryPath + "/";
@@ -83,22 +89,26 @@ Result<void> DCDatabase::setDocumentIdentifiers(
     const std::vector<std::pair<std::string, Data>>& documentIdentifiersByPath, const std::string& directoryPath) {
   DCLogTrace("-[DCDatabase setDocumentIdentifiers:forPathsBelow:]",
              {{"count", documentIdentifiersByPath.size()}, {"directoryPath", directoryPath}});
-  return change(Durability::Full, [&](ManagedObjectContext& context) {
-    std::unordered_map<std::string, PathPtr> records;
-    for (const auto& object : context.fetch(below(DCEntityIndexPath, DCManagedPath::Path, directoryPath, true))) {
-      auto record = std::static_pointer_cast<DCManagedPath>(object);
-      if (auto path = record->path()) records.emplace(std::move(*path), std::move(record));
-    }
-    for (const auto& [path, documentIdentifier] : documentIdentifiersByPath) {
-      PathPtr& record = records[path];
-      if (!record) {
-        record = std::static_pointer_cast<DCManagedPath>(context.insert(DCEntityIndexPath));
-        record->setPath(path);
+  const auto recorded = documentIdentifiers(directoryPath, true);
+  auto next = documentIdentifiersByPath.begin();
+  while (next != documentIdentifiersByPath.end()) {
+    const auto end = next + std::min(kPathsOfASave, documentIdentifiersByPath.end() - next);
+    auto saved = change(Durability::Full, [&](ManagedObjectContext& context) {
+      for (const auto& [path, documentIdentifier] : std::ranges::subrange(next, end)) {
+        PathPtr record;
+        if (recorded.contains(path)) record = first<DCManagedPath>(DCEntityIndexPath, {{DCManagedPath::Path, path}});
+        if (!record) {
+          record = std::static_pointer_cast<DCManagedPath>(context.insert(DCEntityIndexPath));
+          record->setPath(path);
+        }
+        record->setDocumentIdentifier(documentIdentifier);
+        rememberIdentifier(path, documentIdentifier);
       }
-      record->setDocumentIdentifier(documentIdentifier);
-      rememberIdentifier(path, documentIdentifier);
-    }
-  });
+    });
+    if (!saved) return saved;
+    next = end;
+  }
+  return {};
 }
 
 std::optional<Data> DCDatabase::documentIdentifierForPath(const std::string& path) {

@@ -57,7 +57,7 @@ class DCDatabase {
   Result<void> performBatch(const std::function<void()>& work, bool rollbackOnFailure = false);
 
   Result<void> setDocumentIdentifier(const Data& documentIdentifier, const std::string& path);
-  // Those of a listing: every path is a child of the directory. One query and one transaction for all.
+  // Those of a listing: every path is a child of the directory. One query and few transactions for all.
   Result<void> setDocumentIdentifiers(const std::vector<std::pair<std::string, Data>>& documentIdentifiersByPath,
                                       const std::string& directoryPath);
   std::optional<Data> documentIdentifierForPath(const std::string& path);
