@@ -226,7 +226,7 @@ bool DCCachedFile::undoInterruptedWrite() {
 // Ends of uploads.
 
 bool DCCachedFile::holdsNewerThan(const DCManagedUpload& upload) const {
-  auto sent = upload.generationIdentifier();
+  auto sent = upload.sentGenerationIdentifier();
   auto present = _localGenerationIdentifier();
   return sent && present && *sent != *present;
 }

@@ -110,11 +110,12 @@ std::vector<DCUploadAttempt> DCManagedUpload::attempts() const {
   const auto list = bytes ? readPropertyList(*bytes) : Result<Value>(Value());
   const auto flat = list ? list->asArray() : std::nullopt;
   if (!flat) return attempts;
-  attempts.reserve(flat->size() / 2);
-  for (std::size_t i = 0; i + 1 < flat->size(); i += 2) {
+  attempts.reserve(flat->size() / 3);
+  for (std::size_t i = 0; i + 2 < flat->size(); i += 3) {
     const auto size = (*flat)[i].asInteger();
     const auto date = (*flat)[i + 1].asDate();
-    if (size && date) attempts.push_back({*size, *date});
+    const auto generation = (*flat)[i + 2].asData();
+    if (size && date && generation) attempts.push_back({*size, *date, *generation});
   }
   return attempts;
 }
@@ -127,8 +128,14 @@ void DCManagedUpload::addAttempt(const DCUploadAttempt& attempt) {
   for (std::size_t i = list.size() > kMostAttempts ? list.size() - kMostAttempts : 0; i < list.size(); ++i) {
     flat.append(list[i].size);
     flat.append(list[i].date);
+    flat.append(list[i].generationIdentifier);
   }
   if (auto bytes = writePropertyList(flat, PropertyListFormat::Binary)) setValue(Attempts, *bytes);
+}
+
+std::optional<Data> DCManagedUpload::sentGenerationIdentifier() const {
+  const auto list = attempts();
+  return list.empty() ? generationIdentifier() : std::optional(list.back().generationIdentifier);
 }
 
 void DCManagedUpload::removeAttempts() { setValue(Attempts, {}); }

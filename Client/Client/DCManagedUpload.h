@@ -12,10 +12,12 @@
 namespace florvane {
 
 // One sending of a file as the server would store it: by size (bytes) and content modification date its entry in a
-// listing is recognised when the answer was lost.
+// listing is recognised when the answer was lost. The generation is that of the contents that were sent: whether those
+// are still the file's is a question for it alone, since the record's own becomes that of newer ones at their write.
 struct DCUploadAttempt {
   std::int64_t size = 0;
   Date date;
+  Data generationIdentifier;
   bool operator==(const DCUploadAttempt&) const = default;
 };
 
@@ -102,6 +104,8 @@ class DCManagedUpload : public ManagedObject {
   // What was sent under this name and may have been stored although no answer came, the latest last; at most 16.
   std::vector<DCUploadAttempt> attempts() const;
   void addAttempt(const DCUploadAttempt& attempt);
+  // The generation of the contents that the latest attempt sent; the record's own while nothing was sent.
+  std::optional<Data> sentGenerationIdentifier() const;
   void removeAttempts();
   // The server holds what somebody else stored, of this version: nothing is sent until somebody decides. Empty data
   // where the server's entry has no version.

@@ -167,7 +167,8 @@ std::optional<Data> DCUploadManager::versionToReplace(const DCCachedFile& file, 
 }
 
 // What is sent is in the record before the task exists, so that its entry is recognised whatever is lost.
-std::optional<Dictionary> DCUploadManager::prepareRecord(const Order& order, const URL& source) {
+std::optional<Dictionary> DCUploadManager::prepareRecord(const Order& order, const URL& source,
+                                                         const Data& generationIdentifier) {
   const std::string path = order.file->relativePath()->string();
   Dictionary attributes;
   if (auto local = order.file->localMetadata()) {
@@ -190,7 +191,7 @@ std::optional<Dictionary> DCUploadManager::prepareRecord(const Order& order, con
     if (!upload) return;
     upload->resetAndIncrementNumberOfRetries();
     upload->setBaseVersionIdentifier(versionToReplace(*order.file, *upload).value_or(Data()));
-    if (size && date) upload->addAttempt({*size, *date});
+    if (size && date) upload->addAttempt({*size, *date, generationIdentifier});
   });
   if (!saved) return std::nullopt;
   return attributes;
@@ -211,7 +212,7 @@ void DCUploadManager::send(const Order& order, const URL& source, const Data& ge
       DCAssertionFailed(kSource, __LINE__, "file.remoteMetadata.count == 0");
     if (file->parentContentsMetadata()) DCAssertionFailed(kSource, __LINE__, "!file.parentContentsMetadata");
   }
-  const auto attributes = prepareRecord(order, source);
+  const auto attributes = prepareRecord(order, source, generationIdentifier);
   auto upload = uploadForItemAtPath(path);
   if (!attributes || !upload) {
     failLater(file, Error(QuilbarErrorDomain, FileWriteUnknownError));

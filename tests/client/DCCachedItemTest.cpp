@@ -258,6 +258,17 @@ TEST_F(DCCachedItemTest, UploadsThatEndLeaveNewerBytesAlone) {
   EXPECT_EQ(item->relativeAge(), DCCachedItemOrderSame);
   EXPECT_FALSE(item->needsUpload());
 
+  // Written anew after the reply was lost, before it is known that the bytes of before were stored.
+  ASSERT_TRUE(item->updateFileFromURL(URL::fileURL(source("third"))));
+  auto upload = database_->uploadForPath("a");
+  upload->addAttempt({5, date(-10), *item->_localGenerationIdentifier()});
+  ASSERT_TRUE(item->updateFileFromURL(URL::fileURL(source("fourth"))));
+  item->updateUploadedFileFromRemoteMetadata(entry("a", "A", date(-10), false, "4"));
+  EXPECT_TRUE(database_->uploadForPath("a") && item->needsUpload());
+  upload->addAttempt({6, date(-9), *item->_localGenerationIdentifier()});
+  item->updateUploadedFileFromRemoteMetadata(entry("a", "A", date(-9), false, "5"));
+  EXPECT_FALSE(database_->uploadForPath("a"));
+
   // A new file gets its identifier by its upload; one for a drop box leaves nothing.
   auto made = file("new");
   ASSERT_TRUE(made->updateFileFromURL(URL::fileURL(source("new"))));

@@ -16,6 +16,7 @@
 #include <memory>
 #include <random>
 #include <set>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -49,8 +50,11 @@ std::vector<pid_t> processesOf(const std::string& program, const std::string& ar
   for (const auto& each : fs::directory_iterator("/proc")) {
     const std::string name = each.path().filename();
     if (name.find_first_not_of("0123456789") != std::string::npos) continue;
+    // One that ends meanwhile fails to be read, which a stream iterator would throw.
     std::ifstream file(each.path() / "cmdline", std::ios::binary);
-    const std::string line((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    std::ostringstream text;
+    text << file.rdbuf();
+    const std::string line = text.str();
     const bool isMatch = line.find(program) != std::string::npos && line.find(argument) != std::string::npos;
     if (isMatch) found.push_back(static_cast<pid_t>(std::stoi(name)));
   }
