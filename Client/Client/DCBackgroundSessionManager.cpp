@@ -341,11 +341,37 @@ void DCBackgroundSessionManager::callBackgroundEventsCompletionHandler() {
 
 // Callbacks
 
+bool DCBackgroundSessionManager::hasEnded(std::uint64_t taskIdentifier) const {
+  std::lock_guard lock(mutex_);
+  return endedTasks_.contains(taskIdentifier);
+}
+
+// A process was killed when it had made the task and before it could note that in the record: the record still says
+// what it was about to send. Otherwise the task's end would be told to nobody.
+void DCBackgroundSessionManager::adoptRecord(const URLSessionTaskPtr& task) {
+  const auto* transfer = task->backgroundTransfer();
+  if (!transfer || task->state() == URLSessionTaskState::Canceling) return;
+  {
+    std::lock_guard lock(mutex_);
+    if (currentTasks_.contains(task->taskIdentifier()) || endedTasks_.contains(task->taskIdentifier())) return;
+  }
+  auto upload = database()->uploadForPath(transfer->path);
+  const auto source = upload ? upload->fileURL() : std::nullopt;
+  if (!source || upload->cancelled() || upload->isConflict() || upload->taskIdentifier()) return;
+  if (upload->attempts().empty() || upload->sentGenerationIdentifier() != transfer->generationIdentifier) return;
+  (void)database()->performBatch([&] {
+    upload->setTaskIdentifier(static_cast<std::int64_t>(task->taskIdentifier()));
+    upload->setSessionIdentifier(sessionIdentifier_);
+    upload->setGenerationIdentifier(transfer->generationIdentifier);
+  });
+}
+
 template <typename... Args>
 DCServerRequest::Ptr DCBackgroundSessionManager::requestForCallback(SessionRef session, TaskRef task, const char* text,
                                                                     const Args&... arguments) {
   if (cancelTaskIfNecessary(task) || session != backgroundSession_) return nullptr;
   if (text) DCLogInfo(text, arguments...);
+  adoptRecord(task);
   return serverRequestForTaskIdentifier(task->taskIdentifier());
 }
 
@@ -451,6 +477,10 @@ void DCBackgroundSessionManager::didCompleteWithError(SessionRef session, TaskRe
                                                       const std::optional<Error>& error) {
   auto request =
       requestForCallback(session, task, "Background session task %@ did complete with error: %@", task, error);
+  if (session == backgroundSession_) {
+    std::lock_guard lock(mutex_);
+    endedTasks_.insert(task->taskIdentifier());
+  }
   if (!request) return;
   if (!request->hasResponseHandler()) {
     request->continueUploadForBackgroundURLSessionWithService(service_, backgroundSession_,

@@ -13,6 +13,7 @@
 #include <optional>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 namespace florvane {
@@ -88,6 +89,8 @@ class DCBackgroundSessionManager : public URLSessionDelegate,
   // The tasks of any session of the service; on the service's queue.
   void tasksOfSession(const std::string& sessionIdentifier,
                       std::function<void(const Result<std::vector<URLSessionTaskPtr>>& tasks)> handler);
+  // Whether this process was told of the end of that task of its own session.
+  bool hasEnded(std::uint64_t taskIdentifier) const;
   // A new login is what unsent tasks go with from now on.
   void useNewAuthentication();
 
@@ -115,6 +118,7 @@ class DCBackgroundSessionManager : public URLSessionDelegate,
   // The request to forward a callback to; null when it is not to be forwarded.
   template <typename... Args>
   DCServerRequest::Ptr requestForCallback(SessionRef session, TaskRef task, const char* text, const Args&... arguments);
+  void adoptRecord(const URLSessionTaskPtr& task);
   bool cancelTaskIfNecessary(const URLSessionTaskPtr& task);
   void cancelUpload(const Notification& notification);
   void callBackgroundEventsCompletionHandler();
@@ -127,8 +131,9 @@ class DCBackgroundSessionManager : public URLSessionDelegate,
   BackgroundURLSessionPtr backgroundSession_;  // set before anybody else sees the manager
   std::unique_ptr<NotificationCenter::Observation> cancelObservation_, eventsObservation_, loginObservation_;
 
-  std::mutex mutex_;  // guards what follows
+  mutable std::mutex mutex_;  // guards what follows
   std::unordered_map<std::uint64_t, DCServerRequest::Ptr> currentTasks_;
+  std::unordered_set<std::uint64_t> endedTasks_;  // what this process was told; the agent may still list them
   ServerRequestResponseHandler serverRequestResponseHandler_;
   std::function<void()> backgroundEventsCompletionHandler_;
   bool eventsAreFinished_ = false;  // before anybody set a handler

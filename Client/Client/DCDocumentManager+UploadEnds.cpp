@@ -119,13 +119,15 @@ void DCDocumentManager::_uploadDidFail(const DCCachedFile::Ptr& file, const Erro
   }
   upload->setTaskIdentifier({});
   upload->setSessionIdentifier({});
-  upload->setError(DCUploadOutcome::textOfError(error));
+  // What the listing is still to decide is no failure yet: a kill meanwhile must not make it count as one.
+  const bool isUndecided = DCUploadOutcome::isLostReply(error) || error.is(URLErrorDomain, kConflict);
+  upload->setError(isUndecided ? std::nullopt : std::optional(DCUploadOutcome::textOfError(error)));
   (void)database->save();
   if (error.is(URLErrorDomain, kUnauthorized)) {
     DCLogInfo("Got an authentication error. Retrying upload of file at '%@'", file->relativePath());
     answer();
     _restartUpload(file);
-  } else if (DCUploadOutcome::isLostReply(error) || error.is(URLErrorDomain, kConflict)) {
+  } else if (isUndecided) {
     _reconcileUpload(file, error, settled);
   } else if (isSourceMissing) {
     answer();
@@ -140,6 +142,8 @@ void DCDocumentManager::_countFailureOfUpload(const DCCachedFile::Ptr& file, con
   auto upload = database()->uploadForPath(file->relativePath()->string());
   if (!upload) return;
   uploadLosses_.erase(file->relativePath()->string());
+  upload->setError(DCUploadOutcome::textOfError(error));
+  (void)database()->save();
   const std::int64_t retries = upload->numberOfRetries().value_or(0);
   if (retries >= DCFileUploadMaxNumberOfRetries) {
     _giveUpUpload(file, *upload, error);

@@ -89,8 +89,10 @@ void DCDocumentManager::_restartUploadOfRecord(const DCManagedUpload& upload, st
     gone.push_back(*path);
     return;
   }
-  if (!file->existsOnDisk() || _uploadManager()->isUploadingFile(*file) || upload.isConflict() ||
-      upload.numberOfRetries().value_or(0) >= DCFileUploadMaxNumberOfRetries) {
+  // At the limit, but not failed: sent a last time, and a kill came before its end was known.
+  const bool isUndecided = !upload.error() && !upload.attempts().empty();
+  const bool hasGivenUp = upload.numberOfRetries().value_or(0) >= DCFileUploadMaxNumberOfRetries && !isUndecided;
+  if (!file->existsOnDisk() || _uploadManager()->isUploadingFile(*file) || upload.isConflict() || hasGivenUp) {
     return;
   }
   _startUploadingFile(file, nullptr);

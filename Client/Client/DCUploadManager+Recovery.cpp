@@ -87,6 +87,8 @@ void DCUploadManager::recover(const Recovery& recovery, const std::string& sessi
     }
     auto task = byPath.find(record.path);
     if (task == byPath.end() || task->second->state() == URLSessionTaskState::Canceling) continue;
+    // Its end was told while the agent was asked, so that nothing more will be heard of it.
+    if (backgroundSessionManager()->hasEnded(task->second->taskIdentifier())) continue;
     const auto& generation = task->second->backgroundTransfer()->generationIdentifier;
     if (!generation || generation != file->_localGenerationIdentifier()) continue;
     const auto source = upload->fileURL();

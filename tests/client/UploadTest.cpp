@@ -361,17 +361,25 @@ TEST(Upload, ARecordWithoutTaskAndATaskWithoutRecordAreTakenUpByTheNextStart) {
   ASSERT_TRUE(client.database().saveUploadFileURL(*other, std::nullopt, 123456, "Files/orphan"));
   client.record("Files/orphan")->setNumberOfRetries(3);
   ASSERT_TRUE(client.database().save());
+  // Killed when the last attempt had been sent, and nobody had said yet that it failed.
+  auto last = client.manager->fileURLOfItemAtPath("Files/last");
+  ASSERT_TRUE(last);
+  writeText(last->path(), "last bytes");
+  ASSERT_TRUE(client.database().saveUploadFileURL(*last, "Files/last"));
+  client.record("Files/last")->setNumberOfRetries(2);
+  client.record("Files/last")->addAttempt({10, Date::now(), Data::fromString("generation")});
   // One whose file is gone.
   ASSERT_TRUE(client.database().saveUploadFileURL(URL::fileURL(client.container.file("gone")), "Files/gone"));
   client.manager->restartUploads();
-  for (const char* path : {"Files/queued", "Files/orphan", "Files/gone"}) {
+  for (const char* path : {"Files/queued", "Files/orphan", "Files/last", "Files/gone"}) {
     for (int turn = 0; turn < 1000 && client.record(path); ++turn) client.refresh("Files");
     EXPECT_FALSE(client.record(path)) << path;
   }
   EXPECT_EQ(textOf(server.files() + "/queued"), "queued bytes");
   EXPECT_EQ(textOf(server.files() + "/orphan"), "orphan bytes");
-  EXPECT_EQ(filesIn(server.files()), 2U);
-  EXPECT_EQ(faulty.requestsOf("write"), 2U);
+  EXPECT_EQ(textOf(server.files() + "/last"), "last bytes");
+  EXPECT_EQ(filesIn(server.files()), 3U);
+  EXPECT_EQ(faulty.requestsOf("write"), 3U);
   EXPECT_THAT(client.assertions(), IsEmpty());
 }
 
