@@ -8,6 +8,7 @@
 #include "Client/Client/DCRemoteDocumentManager.h"
 #include "Client/Client/DCServiceRegistry.h"
 #include "Client/Client/DCUploadAnswer.h"
+#include "common/FVFGenerationIdentifierUtils.h"
 #include "common/FVFQueueManager.h"
 #include "platform/Format.h"
 
@@ -359,6 +360,9 @@ void DCBackgroundSessionManager::adoptRecord(const URLSessionTaskPtr& task) {
   const auto source = upload ? upload->fileURL() : std::nullopt;
   if (!source || upload->cancelled() || upload->isConflict() || upload->taskIdentifier()) return;
   if (upload->attempts().empty() || upload->sentGenerationIdentifier() != transfer->generationIdentifier) return;
+  // A record that took the place of the task's is one of newer contents.
+  auto present = FVFGenerationIdentifierUtils::versionIdentifierForFileWithURL(URL::fileURL(*source));
+  if (!present || *present != transfer->generationIdentifier) return;
   (void)database()->performBatch([&] {
     upload->setTaskIdentifier(static_cast<std::int64_t>(task->taskIdentifier()));
     upload->setSessionIdentifier(sessionIdentifier_);

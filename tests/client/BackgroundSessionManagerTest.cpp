@@ -13,7 +13,6 @@ namespace florvane::test {
 namespace {
 
 using Manager = DCBackgroundSessionManager;
-using testing::IsEmpty;
 
 // Waits for an answer of cancelUpload.
 bool cancelled(UploadClient& client, std::uint64_t task, const std::string& session) {
@@ -156,28 +155,30 @@ TEST(BackgroundSessionManager, ATaskOfAKilledProcessIsAdoptedByPathAndGeneration
   TestServer server;
   FaultyServer faulty(server);
   UploadClient client(server, faulty);
-  // A write whose task was made and never entered in the record.
+  // Two writes whose tasks were made and never entered in the records.
   auto staged = client.manager->fileURLOfItemAtPath("Files/a");
   ASSERT_TRUE(staged);
   writeText(staged->path(), "adopted bytes");
   ASSERT_TRUE(client.database().saveUploadFileURL(*staged, "Files/a"));
   auto manager = Manager::backgroundSessionManagerForService(client.service, DCMainBundleIdentifier());
-  auto file =
-      DCCachedItemManager::fileAtRelativePath(DCRelativePath::relativePathWithString("Files/a", client.service));
-  Result<URLSessionTaskPtr> task = Failure(Error(URLErrorDomain, 0));
-  client.onQueue([&] {
+  auto makeTask = [&](const std::string& name, const URL& source) {
+    auto file = DCCachedItemManager::fileAtRelativePath(
+        DCRelativePath::relativePathWithString("Files/" + name, client.service));
     // The request itself is the one that the upload manager would make.
     auto parent = file->parent()->documentIdentifier();
     URLRequest post(*client.service->url().resolving("/fv/v1/write"));
     post.method = "POST";
     std::string hex = hexEncode(*parent);
-    post.url = post.url.withQueryItems({{"n", "a"}, {"D", hex}, {"s", hex}});
+    post.url = post.url.withQueryItems({{"n", name}, {"D", hex}, {"s", hex}});
     (void)HTTPSASLClientSessionManager::HTTPSASLClientSessionManagerForService(client.service)
         ->clientSession()
         ->addAuthenticationToRequest(post);
-    task = manager->backgroundSession()->uploadTask(post, *staged,
-                                                    {"Files/a", file->_localGenerationIdentifier(), std::nullopt});
-  });
+    const auto generation = file->_localGenerationIdentifier();
+    client.record("Files/" + name)->addAttempt({13, Date::now(), *generation});
+    return manager->backgroundSession()->uploadTask(post, source, {"Files/" + name, generation, std::nullopt});
+  };
+  Result<URLSessionTaskPtr> task = Failure(Error(URLErrorDomain, 0));
+  client.onQueue([&] { task = makeTask("a", *staged); });
   ASSERT_TRUE(task);
   client.manager->restartUploads();
   for (int turn = 0; turn < 1000 && client.record("Files/a"); ++turn) client.refresh("Files");
@@ -185,6 +186,19 @@ TEST(BackgroundSessionManager, ATaskOfAKilledProcessIsAdoptedByPathAndGeneration
   EXPECT_EQ(textOf(server.files() + "/a"), "adopted bytes");
   EXPECT_EQ(faulty.requestsOf("write"), 1U);
   EXPECT_EQ(client.text(client.read("Files/a")), "adopted bytes");
+
+  // This one has ended before anybody asks for tasks.
+  staged = client.manager->fileURLOfItemAtPath("Files/b");
+  ASSERT_TRUE(staged);
+  writeText(staged->path(), "and its end, too");
+  ASSERT_TRUE(client.database().saveUploadFileURL(*staged, "Files/b"));
+  client.onQueue([&] { task = makeTask("b", *staged); });
+  ASSERT_TRUE(task);
+  (*task)->resume();
+  for (int turn = 0; turn < 1000 && client.record("Files/b"); ++turn) client.refresh("Files");
+  EXPECT_FALSE(client.record("Files/b"));
+  EXPECT_EQ(textOf(server.files() + "/b"), "and its end, too");
+  EXPECT_EQ(faulty.requestsOf("write"), 2U);
 }
 
 }  // namespace
