@@ -17,7 +17,7 @@ namespace florvane {
 struct DCUploadAttempt {
   std::int64_t size = 0;
   Date date;
-  Data generationIdentifier;
+  Data generationIdentifier = {};
   bool operator==(const DCUploadAttempt&) const = default;
 };
 
