@@ -29,7 +29,8 @@ struct Location {
 };
 
 Location& location() {
-  static Location instance;
+  // Never destroyed: threads may ask while the process ends.
+  static auto& instance = *new Location;
   return instance;
 }
 
