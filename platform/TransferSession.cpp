@@ -290,8 +290,11 @@ void TransferSession::tellOutcome(URLSessionDelegate& delegate, const Dictionary
               [weak = weak_from_this(), this, identifier] {
                 auto self = weak.lock();
                 if (!self) return;
-                std::lock_guard lock(mutex_);
-                told_.erase(identifier);
+                // Behind what was said again before the acknowledgement came.
+                delegateQueue_->async([self, this, identifier] {
+                  std::lock_guard lock(mutex_);
+                  told_.erase(identifier);
+                });
               });
 }
 
