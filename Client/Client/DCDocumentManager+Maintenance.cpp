@@ -182,7 +182,6 @@ void DCDocumentManager::deleteAllLocalData() {
 void DCDocumentManager::_forgetItems() {
   updates_.clear();
   processedListings_.clear();
-  processedListings_.clear();
   DCCachedItemManager::removeCachedItemManagerForService(service_);
   (void)cachedItemManager();
   std::lock_guard lock(mutex_);
