@@ -199,7 +199,7 @@ class Put {
         [promise](const std::optional<URL>&, const std::optional<Error>& error) { promise->set_value(error); });
     const auto error = future.get();
     if (error && pc_isDCErrorWithCode(*error, kMistmatchedType)) {
-      fail({ExitStatus::Failed, text(path) + ": A folder of that name is there.", *error});
+      fail({ExitStatus::Failed, text(path) + ": A folder of that name is there.", error});
     } else if (error) {
       fail(*error, text(path));
     } else {
