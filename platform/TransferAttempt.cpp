@@ -111,14 +111,20 @@ void TransferAttempt::didCompleteWithError(SessionRef, TaskRef, const std::optio
   running_.reset();
   TransferOutcome outcome;
   outcome.response = response_;
-  outcome.error = error ? error : failure_;
+  outcome.error = error;
   if (bodyFile_.valid()) {
     // The row that names the file must not outlive its bytes.
-    if (fsync(bodyFile_.get()) != 0 && !outcome.error) outcome.error = Error::fileWrite(errno, bodyPath_);
+    if (fsync(bodyFile_.get()) != 0 && !failure_) failure_ = Error::fileWrite(errno, bodyPath_);
     bodyFile_.close();
     outcome.bodyFile = bodyPath_;
   } else {
     outcome.body = Data::fromString(body_);
+  }
+  // The server has done its part. What is missing is its answer, as if that had been lost on the way.
+  if (failure_ && !outcome.error) {
+    outcome.error = makeURLError(URLErrorCannotParseResponse, task_.request.url,
+                                 "The answer cannot be stored: " + failure_->localizedDescription())
+                        .withUnderlyingError(*failure_);
   }
   if (auto client = client_.lock()) client->attemptDidEnd(*this, std::move(outcome));
 }

@@ -3,6 +3,7 @@
 #include "platform/Crypto.h"
 #include "platform/Exceptions.h"
 #include "platform/Format.h"
+#include "platform/HTTPErrors.h"
 #include "platform/SoftAssertion.h"
 #include "platform/SystemLog.h"
 #include "platform/TransferProtocol.h"
@@ -278,7 +279,10 @@ void TransferSession::tellOutcome(URLSessionDelegate& delegate, const Dictionary
     if (task->response()) {
       delegate.didReceiveResponse(shared_from_this(), task, *task->response());
       auto failure = tellBody(delegate, task, frame);
-      if (!error) error = failure;
+      if (failure && !error) {
+        error = makeURLError(URLErrorCannotParseResponse, task->originalRequest().url,
+                             "The answer cannot be read: " + failure->localizedDescription());
+      }
     }
     task->complete();
     delegate.didCompleteWithError(shared_from_this(), task, error);

@@ -32,12 +32,15 @@ void DCDocumentManager::_reconcileUpload(const DCCachedFile::Ptr& file, const Er
     }
     return;
   }
-  auto listed = [self = shared_from_this(), file, parent, error, settled](const FVFResponseContainer::Ptr& container,
-                                                                          const OptionalError& failure) {
+  const std::string path = file->relativePath()->string();
+  undecidedUploads_.insert(path);
+  auto listed = [self = shared_from_this(), file, path, parent, error, settled](
+                    const FVFResponseContainer::Ptr& container, const OptionalError& failure) {
     std::optional<Dictionary> entry;
     OptionalError failed = failure;
     if (container) failed = self->_updateFreshlyDownloadedDirectory(parent, container, file, &entry);
     if (!failed) {
+      self->undecidedUploads_.erase(path);
       self->_decideUpload(file, error, entry, settled);
       return;
     }
@@ -46,17 +49,18 @@ void DCDocumentManager::_reconcileUpload(const DCCachedFile::Ptr& file, const Er
     DCLogInfo("Could not find out what became of the upload of '%@': %@", file->relativePath(), *failed);
     if (*settled) (*settled)(error);
     if (isRefusal) {
+      self->undecidedUploads_.erase(path);
       self->_countFailureOfUpload(file, error);
       return;
     }
-    const std::string path = file->relativePath()->string();
     if (auto upload = self->database()->uploadForPath(path)) {
       upload->setError({});
       (void)self->database()->save();
     }
     (void)self->uploadLosses_[path];  // not at once: the server has just not answered
-    self->_afterPause(path, [self, file, error] {
-      auto upload = self->database()->uploadForPath(file->relativePath()->string());
+    self->_afterPause(path, [self, file, path, error] {
+      self->undecidedUploads_.erase(path);
+      auto upload = self->database()->uploadForPath(path);
       if (!upload || upload->taskIdentifier() || self->_uploadManager()->isUploadingFile(*file)) return;
       self->_reconcileUpload(file, error, std::make_shared<ErrorHandler>());
     });

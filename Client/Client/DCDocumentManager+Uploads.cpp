@@ -92,9 +92,8 @@ void DCDocumentManager::_restartUploadOfRecord(const DCManagedUpload& upload, st
   // At the limit, but not failed: sent a last time, and a kill came before its end was known.
   const bool isUndecided = !upload.error() && !upload.attempts().empty();
   const bool hasGivenUp = upload.numberOfRetries().value_or(0) >= DCFileUploadMaxNumberOfRetries && !isUndecided;
-  if (!file->existsOnDisk() || _uploadManager()->isUploadingFile(*file) || upload.isConflict() || hasGivenUp) {
-    return;
-  }
+  const bool isUnderWay = _uploadManager()->isUploadingFile(*file) || undecidedUploads_.contains(*path);
+  if (!file->existsOnDisk() || isUnderWay || upload.isConflict() || hasGivenUp) return;
   _startUploadingFile(file, nullptr);
 }
 

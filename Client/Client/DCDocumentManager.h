@@ -358,6 +358,8 @@ class DCDocumentManager : public DCConnectivityTrackerDelegate, public std::enab
     std::function<void()> work;
   };
   std::unordered_map<std::string, Loss> uploadLosses_;
+  // Paths of uploads of which only the server's listing can tell what became of them; they are not sent before.
+  std::unordered_set<std::string> undecidedUploads_;
 
   mutable std::recursive_mutex mutex_;  // guards what follows; changed on callers' threads
   std::shared_ptr<SerialQueue> completionHandlerQueue_;

@@ -21,6 +21,7 @@ namespace {
 
 constexpr Duration kTimeout = std::chrono::seconds(30);
 constexpr Duration kNoTimeout = std::chrono::seconds(4294967295);
+constexpr int kFirstFailureStatus = 400;
 
 // For trace lines.
 Dictionary described(const HTTPHeaders& headers) {
@@ -336,6 +337,10 @@ void DCServerRequest::didCompleteWithError(SessionRef session, TaskRef task, con
     clearAuthCookieAndTrustedCertData();
     outcome = Error(URLErrorDomain, 401);
   }
+  auto body = storeResponseData();
+  // An answer that cannot be kept is one that did not come; a refusal says enough without its words.
+  const bool isRefusal = httpResponse_ && httpResponse_->statusCode() >= kFirstFailureStatus;
+  if (!body && !outcome && !isRefusal) outcome = body.error();
   if (task->kind() == URLSessionTaskKind::Upload) updateUploadCompletion(*task, outcome);
   // Also when the handler throws: a session that is not dropped would keep this request for ever.
   struct SessionDropper {
@@ -343,7 +348,7 @@ void DCServerRequest::didCompleteWithError(SessionRef session, TaskRef task, con
     ~SessionDropper() { request.dropSession(); }
   } dropper{*this};
   if (auto handler = std::move(responseHandler_)) {
-    handler(task->taskIdentifier(), httpResponse_, storeResponseData(), outcome);
+    handler(task->taskIdentifier(), httpResponse_, body.value_or(std::nullopt), outcome);
   }
 }
 
@@ -363,7 +368,7 @@ void DCServerRequest::clearAuthCookieAndTrustedCertData() {
   URLSession::retireConnections(connectionPool());
 }
 
-std::optional<URL> DCServerRequest::storeResponseData() const {
+Result<std::optional<URL>> DCServerRequest::storeResponseData() const {
   if (!responseData_) return std::nullopt;
   std::string path = DUTemporaryDirectory().value_or("/tmp") + "/upload-response-XXXXXXXXX";
   FileDescriptor file(mkostemp(path.data(), O_CLOEXEC));
@@ -371,7 +376,9 @@ std::optional<URL> DCServerRequest::storeResponseData() const {
                              : Result<void>(Failure(Error::fileWrite(errno, path)));
   if (stored) return URL::fileURL(path);
   DCLogError("Could not store response data: %@", stored.error());
-  return std::nullopt;
+  if (file.valid()) (void)removeItem(path);
+  return Failure(Error(URLErrorDomain, URLErrorCannotParseResponse, stored.error().localizedDescription())
+                     .withUnderlyingError(stored.error()));
 }
 
 void DCServerRequest::dropSession() {

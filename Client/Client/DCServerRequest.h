@@ -110,7 +110,8 @@ class DCServerRequest : public URLSessionDelegate, public std::enable_shared_fro
   void updateUploadProgress(const URLSessionTask& task, std::int64_t totalBytesSent,
                             std::int64_t totalBytesExpectedToSend);
   void updateUploadCompletion(const URLSessionTask& task, const std::optional<Error>& error);
-  std::optional<URL> storeResponseData() const;
+  // Absent when no body came; an error (URLErrorCannotParseResponse) when it cannot be written.
+  Result<std::optional<URL>> storeResponseData() const;
   void handleUnexpectedException(const std::exception& exception, const URL& location) const;
   void dropSession();
 

@@ -35,6 +35,7 @@ void DCUploadManager::waitForSignIn(const Order& order) {
   if (refusals_ < kRefusalsBeforeWaiting) {
     signIn();
   } else {
+    DCLogInfo("Uploads wait before they sign in again, since the server refused the last logins");
     signInAfter(signInBackOff_.next());
   }
 }

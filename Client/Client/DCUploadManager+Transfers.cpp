@@ -144,6 +144,11 @@ void DCUploadManager::cancelTransferOfRecord(const std::shared_ptr<DCManagedUplo
 void DCUploadManager::start(const Order& order) {
   const std::string path = order.file->relativePath()->string();
   if (!isSignedIn()) {
+    // A start like any other: the failure before it is counted, or a refused password would be tried for ever.
+    if (auto upload = uploadForItemAtPath(path); upload && upload->error()) {
+      upload->resetAndIncrementNumberOfRetries();
+      (void)database().save();
+    }
     waitForSignIn(order);
     return;
   }
@@ -167,8 +172,8 @@ std::optional<Data> DCUploadManager::versionToReplace(const DCCachedFile& file, 
 }
 
 // What is sent is in the record before the task exists, so that its entry is recognised whatever is lost.
-std::optional<Dictionary> DCUploadManager::prepareRecord(const Order& order, const URL& source,
-                                                         const Data& generationIdentifier) {
+Result<Dictionary> DCUploadManager::prepareRecord(const Order& order, const URL& source,
+                                                  const Data& generationIdentifier) {
   const std::string path = order.file->relativePath()->string();
   Dictionary attributes;
   if (auto local = order.file->localMetadata()) {
@@ -193,7 +198,7 @@ std::optional<Dictionary> DCUploadManager::prepareRecord(const Order& order, con
     upload->setBaseVersionIdentifier(versionToReplace(*order.file, *upload).value_or(Data()));
     if (size && date) upload->addAttempt({*size, *date, generationIdentifier});
   });
-  if (!saved) return std::nullopt;
+  if (!saved) return Failure(saved.error());
   return attributes;
 }
 
@@ -215,7 +220,7 @@ void DCUploadManager::send(const Order& order, const URL& source, const Data& ge
   const auto attributes = prepareRecord(order, source, generationIdentifier);
   auto upload = uploadForItemAtPath(path);
   if (!attributes || !upload) {
-    failLater(file, Error(QuilbarErrorDomain, FileWriteUnknownError));
+    failLater(file, attributes ? Error(QuilbarErrorDomain, FileWriteUnknownError) : attributes.error());
     return;
   }
   const BackgroundTransfer transfer{path, generationIdentifier, std::nullopt};
@@ -238,14 +243,14 @@ void DCUploadManager::send(const Order& order, const URL& source, const Data& ge
                *documentIdentifier);
     request = order.remoteFileManager->writeToFileWithDocumentIdentifier(
         *documentIdentifier, versionToReplace(*file, *upload), parentDocumentIdentifier, parentVersionIdentifier,
-        order.activityInfo, source, attributes, transfer, std::move(ended));
+        order.activityInfo, source, *attributes, transfer, std::move(ended));
   } else {
     DCLogDebug("%s: Attempting upload of file at '%@' with parentDocumentIdentifier = %@",
                "-[DCUploadManager uploadFile:usingRemoteFileManager:activityInfo:completionHandler:]", path,
                parentDocumentIdentifier);
     request = order.remoteFileManager->writeToFileWithName(
         file->relativePath()->lastPathComponent(), parentDocumentIdentifier, parentVersionIdentifier,
-        order.activityInfo, source, attributes, transfer, std::move(ended));
+        order.activityInfo, source, *attributes, transfer, std::move(ended));
   }
   auto task = request ? request->task() : nullptr;
   if (!task) return;

@@ -115,8 +115,8 @@ class DCUploadManager : public DCConnectivityTrackerDelegate, public std::enable
   bool replacesRunningUpload(const DCCachedFile::Ptr& file, const std::string& path);
   void start(const Order& order);
   void send(const Order& order, const URL& source, const Data& generationIdentifier);
-  // The attributes that are sent; absent when the record could not be written.
-  std::optional<Dictionary> prepareRecord(const Order& order, const URL& source, const Data& generationIdentifier);
+  // The attributes that are sent; the store's error when the record could not be written.
+  Result<Dictionary> prepareRecord(const Order& order, const URL& source, const Data& generationIdentifier);
   static std::optional<Data> versionToReplace(const DCCachedFile& file, const DCManagedUpload& upload);
   void _cancelExistingUpload(const std::shared_ptr<DCManagedUpload>& upload, const DCCachedFile::Ptr& file);
   void cancelTransferOfRecord(const std::shared_ptr<DCManagedUpload>& upload, const std::string& path);

@@ -58,7 +58,9 @@ std::string FaultyServer::refusal(int status, const std::string& sentence) {
          "\r\n\r\n" + sentence;
 }
 
-FaultyServer::FaultyServer(TestServer& server) : server_(server), certificate_(makeCertificate()) {
+FaultyServer::FaultyServer(TestServer& server)
+    : server_(server),
+      certificate_(readCertificate(server.stateFolder() + "/certificate.pem", server.stateFolder() + "/key.pem")) {
   relay_ = std::make_unique<ScriptedServer>([this](ScriptedServer::Connection& connection) { serve(connection); },
                                             certificate_);
 }
@@ -82,27 +84,44 @@ std::size_t FaultyServer::requestsOf(const std::string& command) {
   return counts_[command];
 }
 
+void FaultyServer::cutRequestsOf(const std::string& command, int count) {
+  std::lock_guard lock(mutex_);
+  cuts_[command] = count;
+}
+
 void FaultyServer::serve(ScriptedServer::Connection& connection) {
-  while (auto request = connection.read()) {
+  while (auto request = connection.readHead()) {
     Fault fault;
+    bool isCut = false;
     {
       std::lock_guard lock(mutex_);
       const std::string command = commandOf(request->target);
       ++counts_[command];
       if (auto found = faults_.find(command); found != faults_.end()) fault = found->second;
+      if (auto cut = cuts_.find(command); cut != cuts_.end() && cut->second > 0) {
+        --cut->second;
+        isCut = true;
+      }
     }
-    auto answer = fault ? fault(*request) : std::nullopt;
-    if (answer == loseTheRequest) {
+    if (!isCut) connection.readBody(*request);
+    auto answer = fault && !isCut ? fault(*request) : std::nullopt;
+    if (isCut || answer == loseTheRequest) {
       connection.cut(true);
       return;
     }
-    if (answer && answer != loseTheReply) {
+    const bool isPassedOn = !answer || answer == loseTheReply || answer == cutTheReply;
+    if (!isPassedOn) {
       connection.send(*answer);
       continue;
     }
     const std::string passed = passOn(*request);
     if (answer == loseTheReply) {
       connection.cut(true);
+      return;
+    }
+    if (answer == cutTheReply) {
+      connection.send(passed.substr(0, passed.size() - 1));
+      connection.cut();
       return;
     }
     connection.send(passed);

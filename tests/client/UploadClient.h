@@ -16,7 +16,8 @@
 
 namespace florvane::test {
 
-// A server that passes requests on to a real one, and does with them, or with the answers, what a test says.
+// A server that passes requests on to a real one, whose certificate it shows, so that clients may sign in through it;
+// and does with them, or with the answers, what a test says.
 class FaultyServer {
  public:
   // Said for each request: an answer to be sent instead, or nothing.
@@ -25,13 +26,17 @@ class FaultyServer {
   static constexpr char loseTheReply[] = "lose";
   // As an answer: the connection is reset before the request is passed on.
   static constexpr char loseTheRequest[] = "drop";
+  // As an answer: the request is passed on, and of what comes back the last bytes are missing.
+  static constexpr char cutTheReply[] = "cut";
   static std::string refusal(int status, const std::string& sentence);
 
   explicit FaultyServer(TestServer& server);
   // What is being passed on is given up.
   ~FaultyServer();
-  // Of the requests of that command.
+  // Of the requests of that command ("/sasl" for the messages of signing in).
   void setFault(const std::string& command, Fault fault);
+  // The next requests of the command are reset when their head has come.
+  void cutRequestsOf(const std::string& command, int count);
   std::size_t requestsOf(const std::string& command);
   std::uint16_t port() const { return relay_->port(); }
   const Certificate& certificate() const { return certificate_; }
@@ -47,6 +52,7 @@ class FaultyServer {
   std::set<URLSessionPtr> passing_;
   std::map<std::string, Fault> faults_;
   std::map<std::string, std::size_t> counts_;
+  std::map<std::string, int> cuts_;
   std::unique_ptr<ScriptedServer> relay_;
 };
 

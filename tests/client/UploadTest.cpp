@@ -1,6 +1,7 @@
 #include "Client/Client/DCUploadManager.h"
 #include "common/FVFMetadataUtils.h"
 #include "platform/BackgroundURLSession.h"
+#include "tests/client/NotificationCounter.h"
 #include "tests/client/UploadClient.h"
 
 #include <atomic>
@@ -19,26 +20,6 @@ using testing::AllOf;
 using testing::Contains;
 using testing::HasSubstr;
 using testing::IsEmpty;
-
-// Counts notifications; they arrive on a thread of their own.
-class NotificationCounter {
- public:
-  explicit NotificationCounter(const char* name)
-      : observation_(NotificationCenter::shared().addObserver(name, [this](const Notification&) { ++count_; })) {}
-  // Everything that was posted before has been counted.
-  int count() {
-    Signal arrived;
-    auto marker =
-        NotificationCenter::shared().addObserver("upload-test-marker", [&](const Notification&) { arrived.raise(); });
-    NotificationCenter::shared().post("upload-test-marker");
-    EXPECT_TRUE(arrived.wait());
-    return count_;
-  }
-
- private:
-  std::atomic<int> count_ = 0;
-  std::unique_ptr<NotificationCenter::Observation> observation_;
-};
 
 std::size_t filesIn(const std::string& folder) {
   std::size_t files = 0;
@@ -290,40 +271,42 @@ TEST(Upload, AServerThatRefusesEveryLoginIsNotHammered) {
   TestServer server;
   FaultyServer faulty(server);
   UploadClient client(server, faulty);
-  // Signing in works, by the real server's account of the cookie; the upload is refused each time.
-  std::atomic<int> refusals = 0;
-  Signal refusedTwice;
+  // Signing in works each time, and the upload is refused all the same.
+  constexpr std::size_t kRefusals = 6;
+  std::atomic<std::size_t> writes = 0;
   faulty.setFault("write", [&](const auto&) -> std::optional<std::string> {
-    if (++refusals > 6) return std::nullopt;
-    if (refusals == 2) refusedTwice.raise();
-    return FaultyServer::refusal(401, "");
+    return ++writes <= kRefusals ? std::optional(FaultyServer::refusal(401, "")) : std::nullopt;
   });
-  auto signIn = [&] {
-    ASSERT_TRUE(
-        DCPreferences::preferences()->setAuthCookie(server.makeCookie(), faulty.certificate().der(), client.service));
+  auto untilPausesAre = [&](std::size_t pauses) {
+    while (client.countOf("Uploads wait before they sign in again") < pauses) client.onQueue([] {});
+    client.onQueue([] {});  // the pause has begun
   };
   ASSERT_FALSE(client.write("Files/a", "bytes").error);
-  while (refusals < 2) {
-    signIn();
-    (void)client.upload("Files/a");
-  }
-  ASSERT_TRUE(refusedTwice.wait());
-  // Nobody signs in by himself now before the pause is over, and no retry has been counted.
-  const int before = refusals;
-  client.onQueue([] {});
-  client.onQueue([] {});
-  // But for an attempt that had its cookie already.
-  EXPECT_LE(refusals, before + 1);
-  EXPECT_EQ(client.record("Files/a")->numberOfRetries().value_or(0), 0);
-  for (int turn = 0; turn < 1000 && client.record("Files/a"); ++turn) {
-    signIn();
-    client.clock.advance(seconds(61));
+  // The first refused login may have been an old one: the next is asked for at once.
+  untilPausesAre(1);
+  EXPECT_EQ(writes, 2U);
+  const std::size_t messages = faulty.requestsOf("/sasl");
+  EXPECT_GT(messages, 0U);
+  Duration pause = seconds(1);
+  for (std::size_t attempts = 3; attempts <= kRefusals + 1; ++attempts) {
+    EXPECT_EQ(client.record("Files/a")->numberOfRetries().value_or(0), 0);
+    // Nobody signs in before the pause is over, which is up to a quarter shorter.
+    client.clock.advance(pause * 3 / 4 - Duration(1));
     client.onQueue([] {});
-    client.refresh("Files");
+    EXPECT_EQ(faulty.requestsOf("/sasl"), (attempts - 2) * messages);
+    EXPECT_EQ(writes, attempts - 1);
+    client.clock.advance(pause / 4 + Duration(1));
+    if (attempts <= kRefusals) {
+      untilPausesAre(attempts - 1);
+    } else {
+      while (client.record("Files/a")) client.onQueue([] {});
+    }
+    EXPECT_EQ(writes, attempts);
+    EXPECT_EQ(faulty.requestsOf("/sasl"), (attempts - 1) * messages);
+    pause *= 2;
   }
-  EXPECT_FALSE(client.record("Files/a"));
-  EXPECT_EQ(refusals, 7);
   EXPECT_EQ(textOf(server.files() + "/a"), "bytes");
+  EXPECT_THAT(client.assertions(), IsEmpty());
 }
 
 TEST(Upload, ManyIntoOneFolderAllArriveAndTheListingHasThem) {

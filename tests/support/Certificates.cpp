@@ -63,4 +63,15 @@ Certificate makeCertificate(const CertificateOptions& options) {
   return made;
 }
 
+Certificate readCertificate(const std::string& certificatePath, const std::string& keyPath) {
+  using File = std::unique_ptr<BIO, decltype(&BIO_free)>;
+  const File certificate(BIO_new_file(certificatePath.c_str(), "r"), &BIO_free);
+  const File key(BIO_new_file(keyPath.c_str(), "r"), &BIO_free);
+  require(certificate && key);
+  Certificate read{{PEM_read_bio_PrivateKey(key.get(), nullptr, nullptr, nullptr), &EVP_PKEY_free},
+                   {PEM_read_bio_X509(certificate.get(), nullptr, nullptr, nullptr), &X509_free}};
+  require(read.key && read.certificate);
+  return read;
+}
+
 }  // namespace florvane::test

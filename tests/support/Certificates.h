@@ -31,5 +31,7 @@ struct CertificateOptions {
 };
 
 Certificate makeCertificate(const CertificateOptions& options = {});
+// Of files that hold them as PEM.
+Certificate readCertificate(const std::string& certificatePath, const std::string& keyPath);
 
 }  // namespace florvane::test
