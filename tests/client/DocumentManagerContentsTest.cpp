@@ -277,6 +277,9 @@ TEST(DocumentManagerDelegates, HearOfTheirPathAndItsChildrenOnTheirOwnQueue) {
   client.manager->setDelegate(onFile, client.queue, "Files/a/b/c");
   client.manager->setDelegate(above, client.queue, "Files/a");
   client.read("Files/a/b/c");
+  // Delegates hear of the file after its reader. All are offered it in one turn, whose end a listing waits for.
+  onDirectory->waitFor("file Files/a/b/c");
+  client.list("");
   client.queue->sync([] {});
   EXPECT_THAT(onDirectory->take(), Contains("file Files/a/b/c"));
   auto heard = onFile->take();

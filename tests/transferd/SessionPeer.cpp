@@ -1,5 +1,6 @@
 // A program with a background session, for the agent's tests.
 //   upload CONTAINER SESSION URL FILE...   starts a task for each file, prints its identifier, waits to be killed
+//   hold CONTAINER SESSION URL FILE...     the same, but never returns from being told of an ended task
 //   stuck CONTAINER SESSION -              prints "told" when it is told of an ended task, and never returns from that
 //   attach CONTAINER SESSION FILE          appends to the file what it is told, and ends with "finished"
 
@@ -34,16 +35,20 @@ int main(int argc, char** argv) {
   std::vector<std::string> arguments(argv + 1, argv + argc);
   if (arguments.size() < 4) return 2;
   auto recorder = std::make_shared<test::TransferRecorder>();
+  auto waitToBeKilled = [] {
+    while (std::getchar() != EOF) {
+    }
+  };
+  if (arguments[0] == "hold") recorder->onCompletion = waitToBeKilled;
   if (arguments[0] == "stuck") {
-    recorder->onCompletion = [] {
+    recorder->onCompletion = [&] {
       std::puts("told");
       std::fflush(stdout);
-      while (std::getchar() != EOF) {
-      }
+      waitToBeKilled();
     };
   }
   auto session = makeSession(arguments[1], arguments[2], recorder);
-  if (arguments[0] == "upload") {
+  if (arguments[0] == "upload" || arguments[0] == "hold") {
     auto url = URL::fromString(arguments[3]);
     for (std::size_t i = 4; i < arguments.size(); ++i) {
       URLRequest request(*url);
@@ -54,8 +59,7 @@ int main(int argc, char** argv) {
       std::printf("%lu\n", static_cast<unsigned long>((*task)->taskIdentifier()));
       std::fflush(stdout);
     }
-    while (std::getchar() != EOF) {
-    }
+    waitToBeKilled();
     return 0;
   }
   for (std::size_t count = 1;; ++count) {

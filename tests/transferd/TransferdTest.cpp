@@ -165,7 +165,8 @@ TEST_F(TransferdTest, OutlivesItsClientAndTellsTheNextOneOnce) {
       connection.respond("received " + request->body);
     }
   });
-  Peer client({"upload", container_, kSession, server.url("/write"), file_, file_, directory_.file("missing")});
+  // The third ends at once: its maker must not have acknowledged that before it is killed.
+  Peer client({"hold", container_, kSession, server.url("/write"), file_, file_, directory_.file("missing")});
   std::string first = client.line(), second = client.line(), third = client.line();
   client.killNow();
   mayAnswer.raise();
