@@ -1,6 +1,7 @@
 // A client process of the container (named by the environment), driven line by line: each line of standard input is a
 // JSON object with "op", each line of standard output its answer.
-//   client_peer PORT SECONDS   signs in to that port of the loopback; its clock is ahead of the machine's by so much
+//   client_peer PORT SECONDS [BUNDLE]
+//                              signs in to that port of the loopback; its clock is ahead of the machine's by so much
 //   {"op": "list", "path", "sync"}      {"state", "items": [{"name", "type", "size", "modified"}], "error"}
 //   {"op": "stat", "path"}              {"state", "error"}
 //   {"op": "read", "path"}              {"state", "file": local path or null, "error"}
@@ -11,8 +12,10 @@
 //   {"op": "advance", "seconds"}        {}
 //   {"op": "write", "path", "source"}   {"error"}
 //   {"op": "restart"}                   starts the uploads that are due again: {}
-//   {"op": "uploads"}                   those that are due: {"uploads": [{"path", "error"}]}
+//   {"op": "uploads"}                   those that are due: {"uploads": [{"path", "error", "task"}]}
+//   {"op": "events"}                    takes what it missed: {"ended": [tasks, in order]} when that is all
 
+#include "Client/Client/DCBackgroundSessionIdentifier.h"
 #include "Client/Client/DCDocumentManager.h"
 #include "Client/Client/Florvane.h"
 #include "common/PUAdditions.h"
@@ -106,6 +109,7 @@ class Peer {
     if (op == "known") return known();
     if (op == "write") return write(path, request.at("source"));
     if (op == "uploads") return uploads();
+    if (op == "events") return events();
     if (op == "restart") manager_->restartUploads();
     if (op == "watch") manager_->setDelegate(delegate_, answers_, path);
     if (op == "unwatch") manager_->removeDelegateForFilterPath(path);
@@ -194,11 +198,29 @@ class Peer {
           [promise](const std::vector<std::shared_ptr<DCManagedUpload>>& all) {
             json uploads = json::array();
             for (const auto& upload : all) {
-              uploads.push_back({{"path", upload->path().value_or("")}, {"error", upload->error().value_or("")}});
+              uploads.push_back({{"path", upload->path().value_or("")},
+                                 {"error", upload->error().value_or("")},
+                                 {"task", upload->taskIdentifier().value_or(0)}});
             }
             promise->set_value({{"uploads", uploads}});
           });
     });
+  }
+
+  json events() {
+    static constexpr std::string_view kEnded = "Handling completion of background upload for task: ";
+    dc_log_set_level(dc_log_default_category(), DCLogLevelInfo);
+    auto finished = std::make_shared<std::promise<void>>();
+    manager_->handleEventsForBackgroundURLSession(DCBackgroundSessionIdentifier(*service_, DCMainBundleIdentifier()),
+                                                  [finished] { finished->set_value(); });
+    finished->get_future().wait();
+    DCLogError("%s", "events are finished");
+    (void)log_.waitFor("events are finished");
+    json ended = json::array();
+    for (const auto& message : log_.messages()) {
+      if (message.text.starts_with(kEnded)) ended.push_back(std::stoull(message.text.substr(kEnded.size())));
+    }
+    return {{"ended", ended}};
   }
 
   // A listing that is under way shows the folder as it was when it was asked for.
@@ -266,8 +288,9 @@ class Peer {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 3) return 2;
+  if (argc != 3 && argc != 4) return 2;
   try {
+    if (argc == 4) DCSetMainBundleIdentifier(argv[3]);
     // Never taken down: work of its may still run when the input ends.
     auto& peer = *new Peer(static_cast<std::uint16_t>(std::stoi(argv[1])), std::chrono::seconds(std::stoi(argv[2])));
     std::cout << json::object() << std::endl;
