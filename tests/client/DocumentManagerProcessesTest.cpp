@@ -50,10 +50,14 @@ TEST(DocumentManagerProcesses, AListingThatAnotherProcessBroughtIsTakenInWithIts
   fs::rename(server.files() + "/b", server.files() + "/a");
   fs::rename(server.files() + "/x", server.files() + "/b");
   fs::remove(server.files() + "/gone");
-  client.clock.advance(seconds(5));
   ASSERT_EQ(peer("ls", "Files"), "4 a b");
-  // The other process dates its look by the machine's clock, however long it took.
-  client.clock.advance(std::max(Date::now() - client.clock.now(), Duration::zero()));
+  DCDatabase::databaseForService(client.service)->refresh();
+  // It is the very moment at which the other process looked, by the machine's clock.
+  const auto directory =
+      DCCachedItemManager::directoryAtRelativePath(DCRelativePath::relativePathWithString("Files", client.service));
+  ASSERT_TRUE(directory && directory->lastDownloadDate());
+  ASSERT_GT(*directory->lastDownloadDate(), client.clock.now());
+  client.clock.advance(*directory->lastDownloadDate() - client.clock.now());
 
   // No request of this process: the other one's look is recent, and the copies are where it has moved them.
   const auto listings = client.countOf("Starting download of directory");
