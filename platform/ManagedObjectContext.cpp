@@ -191,8 +191,11 @@ std::vector<ManagedObjectContext::Row> ManagedObjectContext::rows(const ManagedO
   if (fetch.below) text += " AND " + below(entity, *fetch.below, bound);
   if (fetch.joined) {
     const ManagedEntity& other = model_.entities[fetch.joined->entity];
-    text += " AND " + quoted(entity.attributes[fetch.joined->attribute].name) + " IN (SELECT " +
-            quoted(other.attributes[fetch.joined->entityAttribute].name) + " FROM " + quoted(other.name) + " WHERE " +
+    const std::string name = quoted(entity.name), otherName = quoted(other.name);
+    // The other entity's records lead, each to one look into this one's index: no set of all of them is built first.
+    text += " AND identifier IN (SELECT " + name + ".identifier FROM " + otherName + " CROSS JOIN " + name + " WHERE " +
+            name + "." + quoted(entity.attributes[fetch.joined->attribute].name) + " = " + otherName + "." +
+            quoted(other.attributes[fetch.joined->entityAttribute].name) + " AND " +
             below(other, fetch.joined->below, bound) + ")";
   }
   if (fetch.newestFirstBy && columns != "count(*)") {

@@ -67,6 +67,8 @@ class ManagedObjectContext : public std::enable_shared_from_this<ManagedObjectCo
   // Closes the store and drops what is not saved; every object counts as deleted from then on.
   void removePersistentStore();
 
+  // Runs the work on the queue, and nobody waits for it.
+  void perform(WorkItem work) { queue_->async(std::move(work)); }
   // Runs the work on the queue and returns when it has ended, passing on what it returns or throws.
   template <typename Work>
   std::invoke_result_t<Work> performAndWait(Work&& work) {

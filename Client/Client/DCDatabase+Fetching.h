@@ -32,6 +32,9 @@ struct DCDatabase::Memory {
   std::optional<std::unordered_map<Data, std::shared_ptr<DCManagedStoredLocalMetadata>, DataHash>> storedLocalMetadata;
   std::optional<std::map<std::string, UploadPtr, std::less<>>> uploads;
   std::unordered_set<std::string> prefetched;
+  // What the last look at a directory's children brought, for whoever asks for them next.
+  std::string lastDirectory;
+  std::optional<std::unordered_map<std::string, Data>> lastChildren;
 
   std::atomic<std::uint64_t> changes{1};
 
@@ -43,6 +46,15 @@ struct DCDatabase::Memory {
   // Clears answers that do not hold any more.
   void validate(const ManagedObjectContext& current);
 };
+
+// What the look finds in answers that still hold; absent when it finds none.
+template <typename Answer>
+std::optional<Answer> DCDatabase::known(const std::function<std::optional<Answer>(Memory& memory)>& look) {
+  auto context = managedObjectContext();
+  std::lock_guard lock(memory_->mutex);
+  memory_->validate(*context);
+  return look(*memory_);
+}
 
 template <typename T>
 std::shared_ptr<T> DCDatabase::first(std::size_t entity, std::vector<std::pair<std::size_t, Value>> equals) {

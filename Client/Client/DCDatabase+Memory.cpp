@@ -56,6 +56,7 @@ void DCDatabase::Memory::clear() {
   storedLocalMetadata.reset();
   uploads.reset();
   prefetched.clear();
+  lastChildren.reset();
 }
 
 void DCDatabase::Memory::validate(const ManagedObjectContext& current) {
@@ -78,6 +79,7 @@ void DCDatabase::forgetAnswers() {
 void DCDatabase::rememberIdentifier(const std::string& path, const std::optional<Data>& documentIdentifier) {
   std::lock_guard lock(memory_->mutex);
   memory_->identifiers.insert_or_assign(path, documentIdentifier);
+  memory_->lastChildren.reset();
 }
 
 void DCDatabase::rememberOtherMetadata(const Data& documentIdentifier,
@@ -99,15 +101,6 @@ void DCDatabase::rememberUpload(const std::string& path, const UploadPtr& upload
 void DCDatabase::forgetStoredLocalMetadata() {
   std::lock_guard lock(memory_->mutex);
   memory_->storedLocalMetadata.reset();
-}
-
-// What the look finds in answers that still hold; absent when it finds none.
-template <typename Answer>
-std::optional<Answer> DCDatabase::known(const std::function<std::optional<Answer>(Memory& memory)>& look) {
-  auto context = managedObjectContext();
-  std::lock_guard lock(memory_->mutex);
-  memory_->validate(*context);
-  return look(*memory_);
 }
 
 std::optional<Data> DCDatabase::knownDocumentIdentifierForPath(const std::string& path) {
@@ -230,15 +223,24 @@ std::vector<std::pair<std::string, DCDatabase::UploadPtr>> DCDatabase::knownUplo
   return std::move(*answer);
 }
 
+bool DCDatabase::hasPrefetchedChildrenOf(const std::string& directoryPath) {
+  return known<bool>([&](Memory& memory) { return std::optional(memory.prefetched.contains(directoryPath)); }).value();
+}
+
+void DCDatabase::beginPrefetchingChildrenOf(const std::string& directoryPath) {
+  if (hasPrefetchedChildrenOf(directoryPath)) return;
+  managedObjectContext()->perform(
+      [self = shared_from_this(), directoryPath] { self->prefetchChildrenOf(directoryPath); });
+}
+
 void DCDatabase::prefetchChildrenOf(const std::string& directoryPath) {
   DCLogTrace("-[DCDatabase prefetchChildrenOf:]", {{"directoryPath", directoryPath}});
-  auto done = known<bool>([&](Memory& memory) -> std::optional<bool> {
-    return memory.prefetched.contains(directoryPath) ? std::optional(true) : std::nullopt;
-  });
-  if (done) return;
+  if (hasPrefetchedChildrenOf(directoryPath)) return;
   auto context = managedObjectContext();
   context->performAndWait([&] {
-    auto identifiers = documentIdentifiersForChildrenOf(directoryPath);
+    // Begun ahead, and come to its end by now.
+    if (hasPrefetchedChildrenOf(directoryPath)) return;
+    auto identifiers = documentIdentifiers(directoryPath, true);
     ManagedObjectFetch fetch;
     fetch.entity = DCEntityIndexOtherMetadata;
     fetch.joined = {DCManagedOtherMetadata::DocumentIdentifier,
@@ -252,12 +254,14 @@ void DCDatabase::prefetchChildrenOf(const std::string& directoryPath) {
     }
     std::lock_guard lock(memory_->mutex);
     memory_->validate(*context);
-    for (auto& [path, identifier] : identifiers) {
+    for (const auto& [path, identifier] : identifiers) {
       auto record = found.find(identifier);
       memory_->otherMetadata.insert_or_assign(identifier, record == found.end() ? nullptr : record->second);
       memory_->identifiers.insert_or_assign(path, identifier);
     }
     memory_->prefetched.insert(directoryPath);
+    memory_->lastDirectory = directoryPath;
+    memory_->lastChildren = std::move(identifiers);
   });
 }
 

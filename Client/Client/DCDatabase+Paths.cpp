@@ -17,6 +17,7 @@ using PathPtr = std::shared_ptr<DCManagedPath>;
 
 // A huge folder's records are not all in memory at once: recording them again after a kill does no harm.
 constexpr std::ptrdiff_t kPathsOfASave = 10'000;
+constexpr std::size_t kFewPaths = 16;
 
 std::string folderPrefix(const std::string& directoryPath) {
   return directoryPath.empty() ? directoryPath : directoryPath + "/";
@@ -108,6 +109,11 @@ Result<void> DCDatabase::setDocumentIdentifiers(
     if (!saved) return saved;
     next = end;
   }
+  if (documentIdentifiersByPath.size() > kFewPaths) {
+    // What is known of that many newcomers is asked for at once, not one by one.
+    std::lock_guard lock(memory_->mutex);
+    memory_->prefetched.erase(directoryPath);
+  }
   return {};
 }
 
@@ -136,7 +142,12 @@ std::unordered_map<std::string, Data> DCDatabase::documentIdentifiersForPathsBel
 
 std::unordered_map<std::string, Data> DCDatabase::documentIdentifiersForChildrenOf(const std::string& directoryPath) {
   DCLogTrace("-[DCDatabase documentIdentifiersForChildrenOf:]", {{"directoryPath", directoryPath}});
-  return documentIdentifiers(directoryPath, true);
+  refresh();
+  using Children = std::unordered_map<std::string, Data>;
+  auto children = known<Children>([&](Memory& memory) {
+    return memory.lastDirectory == directoryPath ? std::exchange(memory.lastChildren, std::nullopt) : std::nullopt;
+  });
+  return children ? std::move(*children) : documentIdentifiers(directoryPath, true);
 }
 
 std::vector<std::string> DCDatabase::pathsForDocumentIdentifier(const Data& documentIdentifier) {

@@ -33,7 +33,7 @@ inline constexpr char FlorvaneDidAddOrRemoveUploadsNotification[] = "FlorvaneDid
 // Changes are saved on return, each in a transaction of its own; the error of one that could not be saved is logged and
 // returned, and the change stays in memory for the next save. Everything runs on the context's queue with the caller
 // waiting; any thread may call, but none while it holds a lock that the work of a performBatch takes.
-class DCDatabase {
+class DCDatabase : public std::enable_shared_from_this<DCDatabase> {
  public:
   using UploadPtr = std::shared_ptr<DCManagedUpload>;
 
@@ -113,6 +113,8 @@ class DCDatabase {
   std::vector<std::pair<std::string, UploadPtr>> knownUploadsBelow(const std::string& directoryPath, bool onlyChildren);
   // Makes the answers about all children of a directory known, with two queries.
   void prefetchChildrenOf(const std::string& directoryPath);
+  // The same on the context's queue while the caller goes on.
+  void beginPrefetchingChildrenOf(const std::string& directoryPath);
   // Whether other processes have changed the store: once at the beginning of an operation. Two looks at files while
   // nothing happens.
   void refresh();
@@ -138,6 +140,7 @@ class DCDatabase {
   void rememberOtherMetadata(const Data& documentIdentifier, const std::shared_ptr<DCManagedOtherMetadata>& metadata);
   void rememberUpload(const std::string& path, const UploadPtr& upload);
   void forgetStoredLocalMetadata();
+  bool hasPrefetchedChildrenOf(const std::string& directoryPath);
   template <typename Answer>
   std::optional<Answer> known(const std::function<std::optional<Answer>(Memory& memory)>& look);
   template <typename T>

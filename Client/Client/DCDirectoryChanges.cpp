@@ -118,11 +118,11 @@ bool DCDirectoryChanges::isKnownElsewhere(const Data& documentIdentifier) const 
 void DCDirectoryChanges::processFetchingForChild(const DCCachedFile::Ptr& child,
                                                  std::optional<Dictionary>* remoteMetadata) {
   if (remoteMetadata) remoteMetadata->reset();
+  manager_->prefetchChildrenOf(*directory_);
   pathsByIdentifier_ = manager_->childrenByDocumentIdentifier(*directory_);
   for (const auto& [identifier, paths] : pathsByIdentifier_) {
     for (const auto& path : paths) identifiersByPath_.emplace(path, identifier);
   }
-  manager_->prefetchChildrenOf(*directory_);
   const auto wanted = child ? std::optional(child->relativePath()->string()) : std::nullopt;
   const auto wantedIdentifier = child ? child->documentIdentifier() : std::nullopt;
 

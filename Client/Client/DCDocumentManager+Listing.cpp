@@ -99,10 +99,13 @@ void DCDocumentManager::_contentsOfDirectoryAtPath(const std::string& path, bool
 DCDocumentManager::Listing DCDocumentManager::_listingOfDirectory(const DCCachedDirectory::Ptr& directory) {
   queue_->checkIsCurrent(kSource, __LINE__);
   Listing listing;
-  _processListingOfOthers(directory);
   auto database = this->database();
-  auto contents = directory->needsInitialDownload() ? nullptr : directory->directoryContents();
   const std::string path = directory->relativePath()->string();
+  const bool isListed = !directory->needsInitialDownload();
+  // Read from the store while this thread reads the listing.
+  if (isListed) database->beginPrefetchingChildrenOf(path);
+  _processListingOfOthers(directory);
+  auto contents = isListed ? directory->directoryContents() : nullptr;
   auto localItems =
       directory->isDropBox() ? std::map<std::string, DCCachedFile::Ptr>() : _localItemsInDirectory(*directory);
   if (contents) database->prefetchChildrenOf(path);

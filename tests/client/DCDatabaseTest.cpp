@@ -458,6 +458,33 @@ TEST_F(DCDatabaseTest, DeletesOnlyItsOwnFiles) {
   EXPECT_EQ(other->documentIdentifierForPath("p"), bytes("x"));
 }
 
+// Answers that were read ahead hold until somebody changes what they tell, in this process or in another.
+TEST_F(DCDatabaseTest, ForgetsChildrenReadAheadWhenTheyChange) {
+  using Children = std::unordered_map<std::string, Data>;
+  auto database = open(), other = open();
+  ASSERT_TRUE(database->setDocumentIdentifier(bytes("1"), "d/a"));
+  database->beginPrefetchingChildrenOf("d");
+  ASSERT_TRUE(database->setDocumentIdentifier(bytes("2"), "d/b"));
+  EXPECT_EQ(database->documentIdentifiersForChildrenOf("d"), (Children{{"d/a", bytes("1")}, {"d/b", bytes("2")}}));
+
+  ASSERT_TRUE(database->setDocumentIdentifier(bytes("1"), "e/a"));
+  database->prefetchChildrenOf("e");
+  ASSERT_TRUE(other->setDocumentIdentifier(bytes("3"), "e/a"));
+  EXPECT_EQ(database->documentIdentifiersForChildrenOf("e"), (Children{{"e/a", bytes("3")}}));
+
+  // Newcomers whose metadata another process has stored, together with more than are asked for one by one.
+  database->prefetchChildrenOf("d");
+  ASSERT_TRUE(other->saveOtherMetadata({{DCFileLastDownloadDateKey, Date::fromMicroseconds(7)}}, bytes("n5")));
+  std::vector<std::pair<std::string, Data>> newcomers;
+  for (int i = 0; i < 40; ++i) newcomers.emplace_back("d/n" + std::to_string(i), bytes("n" + std::to_string(i)));
+  ASSERT_TRUE(database->setDocumentIdentifiers(newcomers, "d"));
+  database->prefetchChildrenOf("d");
+  auto known = database->knownOtherMetadataForDocumentIdentifier(bytes("n5"));
+  ASSERT_TRUE(known);
+  EXPECT_EQ(known->lastDownloadedDate(), Date::fromMicroseconds(7));
+  EXPECT_FALSE(database->knownOtherMetadataForDocumentIdentifier(bytes("n6")));
+}
+
 TEST_F(DCDatabaseTest, AnswersFromAHundredThousandRecords) {
   constexpr int kDirectories = 100, kChildren = 1000;
   {
