@@ -231,7 +231,8 @@ Result<void> DCCachedItem::_replaceFileAtURL(const URL& url, const Data& data) c
 
 // Contents.
 
-Result<bool> DCCachedItem::_replaceFileWithURL(const URL& url, Replacement replacement) {
+Result<bool> DCCachedItem::_replaceFileWithURL(const URL& url, Replacement replacement,
+                                               const std::optional<Date>& downloadDate) {
   DCLogTrace("-[DCCachedItem _replaceFileWithURL:error:]", {{"url", url}});
   auto locked = lock();
   if (!documentIdentifier()) {
@@ -272,7 +273,11 @@ Result<bool> DCCachedItem::_replaceFileWithURL(const URL& url, Replacement repla
       return Failure(moved.error());
     }
   }
-  if (replacement == Replacement::WithServers) _saveLastUpdateGenerationIdentifier();
+  if (replacement == Replacement::WithServers) {
+    Dictionary values;
+    if (downloadDate) values.set(DCFileLastDownloadDateKey, *downloadDate);
+    _saveLastUpdateGenerationIdentifier(std::move(values));
+  }
   return true;
 }
 

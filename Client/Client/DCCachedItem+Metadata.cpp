@@ -93,10 +93,12 @@ void DCCachedItem::saveOtherMetadata(const Dictionary& values) {
 void DCCachedItem::setOtherMetadataDate(std::string_view key, const std::optional<Date>& date) {
   auto locked = lock();
   if (hasBeenRemoved_) return;
-  if (date) return saveOtherMetadata({{Key(key), *date}});
   auto managed = managedOtherMetadata();
-  if (!managed) return;
-  if (key == DCFileLastDownloadDateKey) {
+  const bool isDownload = key == DCFileLastDownloadDateKey;
+  auto present = !managed ? std::nullopt : isDownload ? managed->lastDownloadedDate() : managed->lastUploadDate();
+  if (present == date) return;
+  if (date) return saveOtherMetadata({{Key(key), *date}});
+  if (isDownload) {
     managed->setLastDownloadedDate(std::nullopt);
   } else {
     managed->setLastUploadDate(std::nullopt);
@@ -161,14 +163,15 @@ bool DCCachedItem::isKnownGeneration(const std::optional<Data>& generationIdenti
   return !size || (stamp && stamp->size == *size);
 }
 
-void DCCachedItem::_saveLastUpdateGenerationIdentifier() {
-  auto path = _localGenerationIdentifierFullPath();
-  if (!path) return;
-  auto full = fullPathIfKnown();
-  DCAssert(full && path->string() == full->string(), kSource);
-  if (auto generation = _localGenerationIdentifier()) {
-    saveOtherMetadata({{DCFileLastUpdateGenerationIdentifierKey, *generation}});
+void DCCachedItem::_saveLastUpdateGenerationIdentifier(Dictionary values) {
+  if (auto path = _localGenerationIdentifierFullPath()) {
+    auto full = fullPathIfKnown();
+    DCAssert(full && path->string() == full->string(), kSource);
+    if (auto generation = _localGenerationIdentifier()) {
+      values.set(DCFileLastUpdateGenerationIdentifierKey, *generation);
+    }
   }
+  if (!values.empty()) saveOtherMetadata(values);
 }
 
 // As that of the last update, so that it stays known when the others change: a kill may have left it in one of those
@@ -389,7 +392,7 @@ bool DCCachedItem::_storeResponse(const FVFResponseContainer& responseContainer,
     if (generation && *generation) values.set(DCFileLastDownloadGenerationIdentifierKey, **generation);
   }
   _setRemoteMetadataWithoutNeedingLocking(response.metadata, std::move(values));
-  auto replaced = _replaceFileWithURL(url, Replacement::WithServers);
+  auto replaced = _replaceFileWithURL(url, Replacement::WithServers, response.downloadDate);
   if (!replaced) DCAssertionFailed(kSource, __LINE__, "!error");
   if (replaced && !*replaced && keepsGenerations()) {
     // Somebody wrote the file at the last moment. What he wrote is based on what was there before.

@@ -173,6 +173,8 @@ class DCCachedItem : public std::enable_shared_from_this<DCCachedItem> {
     std::optional<Data> previousVersionIdentifier;
     // To go back to when unsent contents turn up meanwhile.
     std::optional<Data> previousBaseVersionIdentifier;
+    // To be recorded with the new contents' generation, in one step; absent for none.
+    std::optional<Date> downloadDate;
   };
   enum class Replacement : std::uint8_t {
     WithServers,  // never of unsent contents; the new generation is recorded
@@ -195,7 +197,8 @@ class DCCachedItem : public std::enable_shared_from_this<DCCachedItem> {
   // Disk (DCCachedItem+Disk.cpp).
   std::optional<Data> _contents() const;
   // False when nothing was replaced.
-  Result<bool> _replaceFileWithURL(const URL& url, Replacement replacement);
+  Result<bool> _replaceFileWithURL(const URL& url, Replacement replacement,
+                                   const std::optional<Date>& downloadDate = std::nullopt);
   Result<void> _replaceFileAtURL(const URL& url, const Data& data) const;
   void _saveRootDocumentIdentifierOnDisk(const Data& documentIdentifier) const;
   std::optional<Dictionary> _readDictionaryFromPath(const std::string& path) const;
@@ -215,7 +218,8 @@ class DCCachedItem : public std::enable_shared_from_this<DCCachedItem> {
   void setOtherMetadataDate(std::string_view key, const std::optional<Date>& date);
   // With other bookkeeping values to be saved in the same step.
   void _setRemoteMetadataWithoutNeedingLocking(const Dictionary& remoteMetadata, Dictionary values = {});
-  void _saveLastUpdateGenerationIdentifier();
+  // With other bookkeeping values to be saved in the same step.
+  void _saveLastUpdateGenerationIdentifier(Dictionary values = {});
   // Whether the generation is one that was recorded at an exchange with the server.
   bool isKnownGeneration(const std::optional<Data>& generationIdentifier) const;
   Dictionary presentGenerationIfKnown() const;

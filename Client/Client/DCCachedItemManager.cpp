@@ -350,11 +350,13 @@ void DCCachedItemManager::evictItem(const DCCachedItem::Ptr& /*item*/) {
   DCAssertionFailed(kSource, __LINE__, "0");
 }
 
-bool DCCachedItemManager::updateItem(const DCCachedItem::Ptr& item, const FVFResponseContainer& responseContainer) {
+bool DCCachedItemManager::updateItem(const DCCachedItem::Ptr& item, const FVFResponseContainer& responseContainer,
+                                     const std::optional<Date>& downloadDate) {
   DCLogTrace("-[DCCachedItemManager updateItemFromResponseContainer:]", {{"item", item->description()}});
   auto prepared = item->_prepareForResponse(responseContainer);
   auto path = prepared ? item->contentsPath() : std::nullopt;
   if (!path) return false;
+  prepared->downloadDate = downloadDate;
   bool stored = false;
   auto coordinated =
       coordinateWritingItemAtURL(URL::fileURL(*path), FileCoordinatorWritingOptions::ForReplacing,

@@ -99,8 +99,10 @@ class DCCachedItemManager : public FilePresenter, public std::enable_shared_from
   // Not supported: a soft assertion.
   void evictItem(const DCCachedItem::Ptr& item);
   // Stores what the server answered for the item (DCCachedItem::updateItemFromResponseContainer), readers and writers
-  // in other processes kept out meanwhile. False when it was not taken.
-  bool updateItem(const DCCachedItem::Ptr& item, const FVFResponseContainer& responseContainer);
+  // in other processes kept out meanwhile. The date becomes that of the last download, where there is one. False when
+  // the answer was not taken.
+  bool updateItem(const DCCachedItem::Ptr& item, const FVFResponseContainer& responseContainer,
+                  const std::optional<Date>& downloadDate = std::nullopt);
 
   // Hears that unsent bytes of a path were moved to a file of the "Recovered" folder; on the
   // presentedItemOperationQueue.

@@ -122,7 +122,7 @@ DCDocumentManager::OptionalError DCDocumentManager::_updateFreshlyDownloadedFile
     return std::nullopt;
   }
   _didDownloadChangedItem(*file, downloadedFile->metadata());
-  if (!cachedItemManager()->updateItem(file, *downloadedFile)) {
+  if (!cachedItemManager()->updateItem(file, *downloadedFile, now)) {
     if (file->isUnsent()) return conflict();
     return DCError::errorItemNotDownloadedWithUserInfo(DCError::userInfoWithItem(*file));
   }

@@ -349,7 +349,7 @@ DCDocumentManager::OptionalError DCDocumentManager::_updateFreshlyDownloadedDire
   // What others have brought in meanwhile is taken in before it is replaced.
   _processListingOfOthers(directory);
   auto previous = processedListings_.listing(directory->documentIdentifier().value_or(Data()));
-  if (!cachedItemManager()->updateItem(directory, *downloadedDirectory)) {
+  if (!cachedItemManager()->updateItem(directory, *downloadedDirectory, now)) {
     return DCError::errorItemNotDownloadedWithUserInfo(DCError::userInfoWithItem(*directory));
   }
   auto current = directory->directoryContents();
