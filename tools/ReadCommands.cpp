@@ -38,7 +38,8 @@ Result<void> readPieces(const std::string& path, const std::function<Result<void
 }
 
 Result<void> copyFile(const std::string& path, int to, const std::string& toPath) {
-  return readPieces(path, [&](Bytes bytes) { return writeAll(to, bytes, toPath); });
+  auto file = openFile(path, O_RDONLY);
+  return file ? copyContents(file->get(), to, path, toPath) : Failure(file.error());
 }
 
 // The file as the one object that a script expects, without holding it in memory.
