@@ -27,6 +27,8 @@ using namespace std::chrono_literals;
 constexpr Duration kHandshakeTime = 15s, kIdleTime = 75s, kHeadTime = 30s, kBodySilence = 30s, kWriteSilence = 60s;
 constexpr Duration kClosingTime = 5s;
 constexpr Duration kLongestWatch = 240s, kWatchLeeway = 1s;
+// Between two watches of a connection, so that a burst of changes is a few answers and not one for each.
+constexpr Duration kWatchPause = 5ms;
 constexpr std::size_t kReceiveSize = 32U << 10;
 constexpr std::size_t kPieceSize = 512U << 10;  // of files, in memory at a time twice
 // What a client may send while its request is held back, before nobody listens any more.
@@ -245,6 +247,7 @@ Connection::Awaitable<HTTPResponse> Connection::respondToWatch(RequestParser& pa
   auto body = co_await readBody(parser, CommandHandler::kMaximumWatchBodySize);
   if (!body) co_return body.error();
   allowForever();
+  if (nextWatch_) co_await sleep(std::chrono::duration_cast<Duration>(*nextWatch_ - services_.clock.monotonicNow()));
   auto outcome = std::make_shared<WatchOutcome>();
   auto begin = [&]() -> tl::expected<std::shared_ptr<DocumentWatch>, HTTPResponse> {
     auto versions = CommandHandler::watchedVersions(body->revealData());
@@ -271,6 +274,7 @@ Connection::Awaitable<HTTPResponse> Connection::respondToWatch(RequestParser& pa
   timer->cancel();
   watch->reset();
   if (isBroken_) throw boost::system::system_error(net::error::connection_reset);
+  if (outcome->versions->has_value()) nextWatch_ = services_.clock.monotonicNow() + kWatchPause;
   co_return co_await blocking(services_.diskThreads, [&] { return CommandHandler::watchAnswer(*outcome->versions); });
 }
 

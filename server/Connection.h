@@ -104,6 +104,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
   bool isListening_ = false, isBroken_ = false;
   boost::asio::steady_timer event_;  // never expires; cancelled to wake who waits
   boost::asio::steady_timer deadlineTimer_;
+  std::optional<MonotonicTime> nextWatch_;
   MonotonicTime deadline_ = MonotonicTime::max();
   bool isWatchingDeadline_ = false;
 };

@@ -1,6 +1,7 @@
 #include "server/DirectoryCatalog.h"
 
 #include <algorithm>
+#include <unordered_set>
 #include <utility>
 
 #include <fcntl.h>
@@ -113,22 +114,58 @@ void DirectoryCatalog::evictBeyondBudget(std::vector<std::shared_ptr<KnownDirect
   }
 }
 
-StoreResult<Attention> DirectoryCatalog::attend(const DocumentIdentifier& document) {
-  auto located = locate(document);
-  if (!located) return tl::unexpected(located.error());
-  const DocumentIdentifier directory =
-      located->stamp.identity.directory ? located->record.identifier : located->record.parent;
-  if (directory != located->record.identifier) {
-    located = locate(directory);
-    if (!located) return tl::unexpected(located.error());
+std::vector<Attention> DirectoryCatalog::attend(const std::vector<DocumentIdentifier>& documents) {
+  std::unordered_set<DocumentIdentifier, DocumentIdentifierHash> directories;
+  for (const DocumentIdentifier& document : documents) {
+    auto record = index_.find(document);
+    const bool isFile = record && *record && !(*record)->identity.directory;
+    directories.insert(isFile ? (*record)->parent : document);
   }
+  std::vector<Attention> attentions;
+  attentions.reserve(directories.size());
+  for (const DocumentIdentifier& directory : directories) {
+    if (auto attention = attendDirectory(directory)) attentions.push_back(*std::move(attention));
+  }
+  return attentions;
+}
+
+std::optional<Attention> DirectoryCatalog::attendDirectory(const DocumentIdentifier& directory) {
+  auto located = locate(directory);
+  if (!located) return std::nullopt;
   auto known = this->known(*located);
-  if (!known) return tl::unexpected(known.error());
+  if (!known) return std::nullopt;
   // Attention first: what changes during the look is then reported.
   Attention attention{(*known)->attend(), true};
   refresh(directory);
   attention.announced = (*known)->announced;
   return attention;
+}
+
+DirectoryCatalog::Versions DirectoryCatalog::versionsOfNeighbours(const std::vector<DocumentIdentifier>& documents) {
+  std::unordered_map<DocumentIdentifier, std::vector<DocumentRecord>, DocumentIdentifierHash> byDirectory;
+  for (const DocumentIdentifier& document : documents) {
+    auto record = index_.find(document);
+    if (!record || !*record || (*record)->identity.directory) continue;
+    const DocumentIdentifier directory = (*record)->parent;
+    byDirectory[directory].push_back(**std::move(record));
+  }
+  Versions versions;
+  for (const auto& [directory, files] : byDirectory) {
+    if (files.size() < 2) continue;
+    // What cannot be answered for here is left to whoever asks about it alone.
+    (void)in(directory, [&](KnownDirectory& known, const LocatedDocument&) -> StoreResult<void> {
+      const auto& entries = known.contents.entries;
+      for (const DocumentRecord& file : files) {
+        const auto entry = std::lower_bound(
+            entries.begin(), entries.end(), file.name,
+            [](const DirectoryEntry& candidate, const std::string& name) { return candidate.name < name; });
+        const bool isThere = entry != entries.end() && entry->name == file.name && entry->identifier == file.identifier;
+        if (isThere) versions.emplace(file.identifier, entry->version);
+      }
+      return {};
+    });
+  }
+  return versions;
 }
 
 void DirectoryCatalog::refresh(const DocumentIdentifier& directory) {

@@ -80,9 +80,12 @@ class DirectoryCatalog {
   StoreResult<void> refresh(KnownDirectory& directory, const LocatedDocument& located,
                             const ClientDates* dates = nullptr);
 
-  // Keeps a document's changes coming to `changed` until the answer is let go of: a directory's own and its entries',
-  // or those of the directory that a file is in.
-  StoreResult<Attention> attend(const DocumentIdentifier& document);
+  // Keeps the documents' changes coming to `changed` until the answers are let go of: a directory's own and its
+  // entries', or those of the directory that a file is in. One answer a directory; none of what is not there.
+  std::vector<Attention> attend(const std::vector<DocumentIdentifier>& documents);
+  // The current versions of those files that stand in a directory with others of them, looking at each directory once.
+  using Versions = std::unordered_map<DocumentIdentifier, VersionDigest, DocumentIdentifierHash>;
+  Versions versionsOfNeighbours(const std::vector<DocumentIdentifier>& documents);
   void refresh(const DocumentIdentifier& directory);
   // Attended directories whose changes nobody announces.
   std::vector<DocumentIdentifier> unannounced();
@@ -110,6 +113,7 @@ class DirectoryCatalog {
   };
   struct Merge;
 
+  std::optional<Attention> attendDirectory(const DocumentIdentifier& directory);
   StoreResult<Place> place(const DocumentIdentifier& document) const;
   StoreResult<std::shared_ptr<KnownDirectory>> known(const LocatedDocument& located);
   void evictBeyondBudget(std::vector<std::shared_ptr<KnownDirectory>>& evicted);

@@ -72,25 +72,23 @@ std::unique_ptr<DocumentWatch> DocumentWatches::add(std::vector<DocumentVersion>
   watch->documents = std::move(documents);
   watch->handler = std::move(handler);
   auto token = std::make_unique<Token>(*this, watch);
+  std::vector<DocumentIdentifier> identifiers;
+  identifiers.reserve(watch->documents.size());
+  for (const DocumentVersion& document : watch->documents) {
+    const auto identifier = DocumentIdentifier::fromData(document.document);
+    if (identifier) identifiers.push_back(identifier->document());
+  }
   {
     const std::lock_guard lock(mutex_);
     ++open_;
-    for (const DocumentVersion& document : watch->documents) {
-      if (const auto identifier = DocumentIdentifier::fromData(document.document)) {
-        byDocument_[identifier->document()].insert(watch);
-      }
-    }
+    for (const DocumentIdentifier& identifier : identifiers) byDocument_[identifier].insert(watch);
   }
   // Registered first and looked at afterwards, so that no change falls between. Attending looks at the disk.
   std::vector<std::shared_ptr<void>> attention;
   bool announced = true;
-  for (const DocumentVersion& document : watch->documents) {
-    const auto identifier = DocumentIdentifier::fromData(document.document);
-    auto attended =
-        identifier ? source_.attend(identifier->document()) : StoreResult<Attention>(tl::unexpected(StoreError{}));
-    if (!attended) continue;
-    announced = announced && attended->announced;
-    attention.push_back(std::move(attended->hold));
+  for (Attention& attended : source_.attend(identifiers)) {
+    announced = announced && attended.announced;
+    attention.push_back(std::move(attended.hold));
   }
   {
     const std::lock_guard lock(watch->mutex);
@@ -148,8 +146,10 @@ void DocumentWatches::run() {
 void DocumentWatches::check(const std::shared_ptr<Watch>& watch, bool force) {
   std::vector<DocumentVersion> current;
   bool differs = force || watch->documents.empty();
-  for (const DocumentVersion& document : watch->documents) {
-    const auto version = source_.currentVersion(document.document);
+  const auto versions = source_.currentVersions(watch->documents);
+  for (std::size_t i = 0; i < versions.size(); ++i) {
+    const DocumentVersion& document = watch->documents[i];
+    const StoreResult<Data>& version = versions[i];
     if (!version && version.error().status == StoreStatus::NotFound) {
       differs = true;
       continue;

@@ -264,6 +264,24 @@ std::unique_ptr<DocumentWatch> LocalDocumentStore::watch(std::vector<DocumentVer
   return watches_.add(std::move(documents), std::move(handler));
 }
 
+std::vector<StoreResult<Data>> LocalDocumentStore::currentVersions(const std::vector<DocumentVersion>& documents) {
+  std::vector<DocumentIdentifier> identifiers;
+  identifiers.reserve(documents.size());
+  for (const DocumentVersion& each : documents) {
+    const auto identifier = DocumentIdentifier::fromData(each.document);
+    if (identifier && documents.size() > 1) identifiers.push_back(identifier->document());
+  }
+  const auto neighbours = catalog_.versionsOfNeighbours(identifiers);
+  std::vector<StoreResult<Data>> versions;
+  versions.reserve(documents.size());
+  for (const DocumentVersion& each : documents) {
+    const auto identifier = DocumentIdentifier::fromData(each.document);
+    const auto found = identifier ? neighbours.find(identifier->document()) : neighbours.end();
+    versions.push_back(found == neighbours.end() ? currentVersion(each.document) : found->second.data());
+  }
+  return versions;
+}
+
 StoreResult<Data> LocalDocumentStore::currentVersion(const Data& document) {
   if (document == index_->root().data()) {
     return root().map([](const Root& root) { return root.version.data(); });
@@ -274,11 +292,6 @@ StoreResult<Data> LocalDocumentStore::currentVersion(const Data& document) {
   return catalog_.in(*located, [](KnownDirectory& known, const LocatedDocument&) -> StoreResult<Data> {
     return known.contents.version.data();
   });
-}
-
-StoreResult<Attention> LocalDocumentStore::attend(const DocumentIdentifier& document) {
-  if (document == index_->root()) return Attention{};
-  return catalog_.attend(document);
 }
 
 }  // namespace florvane
