@@ -287,7 +287,9 @@ std::optional<Error> NetworkURLSessionTask::receiveFile(std::span<const std::uin
 }
 
 void NetworkURLSessionTask::transferDidSendBody(std::int64_t totalBytes) {
-  sent_->advanceTo(totalBytes, *session_, shared_from_this(), false);
+  // That all of it has gone is told without delay: whoever waits for the answer can tell from it that it is asked for.
+  const bool isWhole = request_.body && std::cmp_equal(totalBytes, request_.body->size());
+  sent_->advanceTo(totalBytes, *session_, shared_from_this(), isWhole);
 }
 
 void NetworkURLSessionTask::transferDidEnd(const std::optional<Error>& error) {

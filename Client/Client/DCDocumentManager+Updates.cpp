@@ -62,7 +62,9 @@ void DCDocumentManager::_didUpdateVersionIdentifier(const std::optional<Data>& v
     }
   }
   for (const auto& target : targets) {
-    if (target->versionIdentifier() != versionIdentifier) _updateItem(target, *versionIdentifier);
+    // One that is followed already learns of it too, or it would wait for a version that has been overtaken.
+    const bool isFollowed = updates_.contains(*forDocumentIdentifier);
+    if (isFollowed || target->versionIdentifier() != versionIdentifier) _updateItem(target, *versionIdentifier);
   }
 }
 
@@ -88,6 +90,8 @@ void DCDocumentManager::_continueUpdate(const Data& documentIdentifier) {
   }
   update.isDownloading = true;
   auto item = update.item;
+  update.versionBefore = item->versionIdentifier();
+  update.joinsDownload = _isDownloading(item);
   auto completionHandler = [weak = weak_from_this(), documentIdentifier](const OptionalError& error) {
     if (auto self = weak.lock()) self->_didDownloadUpdate(documentIdentifier, error);
   };
@@ -99,12 +103,22 @@ void DCDocumentManager::_continueUpdate(const Data& documentIdentifier) {
   }
 }
 
+bool DCDocumentManager::_isDownloading(const DCCachedItem::Ptr& item) {
+  auto downloadManager = DCDownloadManager::downloadManagerForService(service_);
+  if (auto file = std::dynamic_pointer_cast<DCCachedFile>(item)) return downloadManager->isDownloadingFile(*file);
+  auto directory = std::dynamic_pointer_cast<DCCachedDirectory>(item);
+  return directory && downloadManager->isDownloadingDirectory(*directory);
+}
+
 void DCDocumentManager::_didDownloadUpdate(const Data& documentIdentifier, const OptionalError& error) {
   auto found = updates_.find(documentIdentifier);
   if (found == updates_.end()) return;
   Update& update = found->second;
   update.isDownloading = false;
   bool agrees = update.item->versionIdentifier() == update.versionIdentifier;
+  // A version that came in answer to the report, and is another, is newer. The watch goes on from the reported one and
+  // is answered with the newest at once.
+  const bool hasMovedOn = !error && !update.joinsDownload && update.item->versionIdentifier() != update.versionBefore;
   if (agrees || update.item->hasBeenRemoved()) {
     updates_.erase(found);
     if (updates_.empty()) updateBackOff_.reset();
@@ -115,7 +129,7 @@ void DCDocumentManager::_didDownloadUpdate(const Data& documentIdentifier, const
   } else if (update.item->isUnsent()) {
     // The local bytes are newer than anything known; when they have been sent the server says what it has.
     updates_.erase(found);
-  } else if (!error && update.attempts < kAttemptsAtOnce) {
+  } else if (!error && !hasMovedOn && update.attempts < kAttemptsAtOnce) {
     _continueUpdate(documentIdentifier);
   } else {
     _setUpdateTimer();

@@ -2,6 +2,7 @@
 #include "Client/Client/DCLog.h"
 #include "Client/Client/DCPreferences.h"
 #include "Client/Client/HTTPSASLClientSession.h"
+#include "Client/Client/HTTPSASLClientSessionManager.h"
 #include "common/FVFMetadataUtils.h"
 #include "platform/Exceptions.h"
 #include "platform/ResourceValues.h"
@@ -244,8 +245,8 @@ void DCDocumentManager::_finishFetchingUpdates() {
 }
 
 bool DCDocumentManager::_isFetchingUpdates() const {
-  std::lock_guard lock(mutex_);
-  return watchIsOpen_ && connectivityTracker_->isConnected();
+  return connectivityTracker_->isConnected() &&
+         DCRemoteDocumentManager::remoteDocumentManagerForService(service_)->isWaitingForUpdates();
 }
 
 void DCDocumentManager::_openWatch(std::uint64_t number) {
@@ -344,7 +345,9 @@ void DCDocumentManager::_watchDidEnd(std::uint64_t number, const OptionalError& 
       }
       watchedDocumentIdentifiersAndVersionIdentifiers_.reset();
     } else {
-      _setWatchTimer();
+      // Sooner, a refusal would only be repeated.
+      const bool isRefused = error && error->domain() == HTTPSASLErrorDomain;
+      _setWatchTimer(isRefused ? HTTPSASLClientSessionManager::failureIsRepeatedFor : Duration::zero());
     }
   }
   DCLogInfo("%@: Waiting to fetch updates again: %@", *this, error);
@@ -352,15 +355,16 @@ void DCDocumentManager::_watchDidEnd(std::uint64_t number, const OptionalError& 
   if (error && error->domain() == HTTPSASLErrorDomain) _tellDelegatesOfFailedSignIn(*error);
 }
 
-void DCDocumentManager::_setWatchTimer() {
+void DCDocumentManager::_setWatchTimer(Duration shortestPause) {
   std::lock_guard lock(mutex_);
   Clock& clock = service_->clock();
-  watchTimer_ =
-      clock.schedule(clock.monotonicNow() + watchBackOff_.next(), kLeeway, [weak = weak_from_this(), queue = queue_] {
-        queue->dispatchAsynchronousBlock([weak] {
-          if (auto self = weak.lock()) self->_watchTimerDidFire();
-        });
-      });
+  Duration pause = watchBackOff_.next();
+  while (pause < shortestPause) pause = watchBackOff_.next();
+  watchTimer_ = clock.schedule(clock.monotonicNow() + pause, kLeeway, [weak = weak_from_this(), queue = queue_] {
+    queue->dispatchAsynchronousBlock([weak] {
+      if (auto self = weak.lock()) self->_watchTimerDidFire();
+    });
+  });
 }
 
 void DCDocumentManager::_watchTimerDidFire() {
@@ -387,12 +391,17 @@ void DCDocumentManager::_observeLogins() {
 }
 
 void DCDocumentManager::_loginMayHaveChanged() {
-  std::lock_guard lock(mutex_);
-  if (watchIsOpen_ || !watchedDocumentIdentifiersAndVersionIdentifiers_) return;
-  auto cookie = DCPreferences::preferences()->authCookieForService(service_);
-  if (!cookie || cookie == cookieOfLastWatch_) return;
-  watchBackOff_.reset();
-  _reopenWatchIfWaiting();
+  {
+    std::lock_guard lock(mutex_);
+    auto cookie = DCPreferences::preferences()->authCookieForService(service_);
+    if (!cookie || cookie == cookieOfLastWatch_) return;
+    cookieOfLastWatch_ = cookie;
+    watchBackOff_.reset();
+    _reopenWatchIfWaiting();
+  }
+  // What was reported may have waited for the login, too.
+  updateBackOff_.reset();
+  _retryUpdates();
 }
 
 void DCDocumentManager::_tellDelegatesOfFailedSignIn(const Error& error) {

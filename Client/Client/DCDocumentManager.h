@@ -315,7 +315,7 @@ class DCDocumentManager : public DCConnectivityTrackerDelegate, public std::enab
   void _watchDidReport(std::uint64_t number, const Data& documentIdentifier, const Data& versionIdentifier);
   void _watchDidAnswer(std::uint64_t number);
   void _reopenWatchIfWaiting();
-  void _setWatchTimer();
+  void _setWatchTimer(Duration shortestPause = Duration::zero());
   void _watchTimerDidFire();
   void _observeLogins();
   void _loginMayHaveChanged();
@@ -323,6 +323,7 @@ class DCDocumentManager : public DCConnectivityTrackerDelegate, public std::enab
   void _tellDelegatesOfFailedSignIn(const Error& error);
   void _updateItem(const DCCachedItem::Ptr& item, const Data& versionIdentifier);
   void _continueUpdate(const Data& documentIdentifier);
+  bool _isDownloading(const DCCachedItem::Ptr& item);
   void _didDownloadUpdate(const Data& documentIdentifier, const OptionalError& error);
   void _retryUpdates();
   void _setUpdateTimer();
@@ -385,6 +386,8 @@ class DCDocumentManager : public DCConnectivityTrackerDelegate, public std::enab
     DCCachedItem::Ptr item;
     Data versionIdentifier;
     bool isDownloading = false;
+    bool joinsDownload = false;  // one that may have been asked for before the report
+    std::optional<Data> versionBefore;
     int attempts = 0;
   };
   std::map<Data, Update> updates_;

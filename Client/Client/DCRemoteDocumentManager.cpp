@@ -5,6 +5,7 @@
 #include "Client/Client/DCPreferences.h"
 #include "Client/Client/DCServiceRegistry.h"
 #include "common/FVFMetadataUtils.h"
+#include "common/FVFQueueManager.h"
 #include "common/FVFRequestUtils.h"
 #include "platform/Container.h"
 #include "platform/Encoding.h"
@@ -18,6 +19,9 @@ constexpr char kSource[] = "Client/Client/DCRemoteDocumentManager";
 // What an error's body or a list of updates may take at most; a server that sends more is broken.
 constexpr std::uint64_t kMaximumErrorBytes = std::uint64_t{64} << 10;
 constexpr std::uint64_t kMaximumUpdatesBytes = std::uint64_t{256} << 20;
+// The server answers a watch after four minutes at the latest.
+constexpr Duration kLongestSilence = std::chrono::minutes(5);
+constexpr Duration kSilenceLeeway = std::chrono::seconds(5);
 
 DCServiceRegistry<DCRemoteDocumentManager>& registry() {
   static auto* shared = new DCServiceRegistry<DCRemoteDocumentManager>;
@@ -218,7 +222,7 @@ DCServerRequest::Ptr DCRemoteDocumentManager::startWatch(const DCVersionIdentifi
     std::lock_guard lock(watchMutex_);
     if (onlyIfCurrent && (*onlyIfCurrent != watchNumber_ || !watch_)) return nullptr;
     number = ++watchNumber_;
-    watch_ = Watch{versionIdentifiers, std::move(handler), activityInfo, request};
+    watch_ = Watch{versionIdentifiers, std::move(handler), activityInfo, request, silenceTimer(number)};
   }
   request->startBothloadTaskWithURI(
       uri, queryItems, service_, HTTPHeaders(), *body,
@@ -242,6 +246,7 @@ void DCRemoteDocumentManager::handleUpdateResponse(const std::shared_ptr<const H
                                                    std::uint64_t watchNumber) {
   auto watch = watchIfCurrent(watchNumber);
   if (!watch) return;
+  if (error) watch->fetchUpdateRequest->retireConnections();
   if (error && error->is(URLErrorDomain, URLErrorTimedOut)) {
     startWatch(watch->watchedDocumentIdentifiersAndVersionIdentifiers, watch->activityInfo,
                watch->updatedVersionIdentifierHandler, watchNumber);
@@ -296,6 +301,27 @@ void DCRemoteDocumentManager::handleUpdates(const Array& pairs, const Watch& wat
   startWatch(reported, watch.activityInfo, watch.updatedVersionIdentifierHandler, watchNumber);
 }
 
+// A connection may die without a word where something between here and the server still acknowledges what is sent.
+std::shared_ptr<Timer> DCRemoteDocumentManager::silenceTimer(std::uint64_t watchNumber) {
+  auto queue = FVFQueueManager::sharedQueueManager().queueForServiceWithUniqueIdentifier(service_->uniqueIdentifier());
+  Clock& clock = service_->clock();
+  return clock.schedule(clock.monotonicNow() + kLongestSilence, kSilenceLeeway,
+                        [weak = weak_from_this(), queue, watchNumber] {
+                          queue->dispatchAsynchronousBlock([weak, watchNumber] {
+                            if (auto self = weak.lock()) self->watchWasNeverAnswered(watchNumber);
+                          });
+                        });
+}
+
+void DCRemoteDocumentManager::watchWasNeverAnswered(std::uint64_t watchNumber) {
+  auto watch = watchIfCurrent(watchNumber);
+  if (!watch) return;
+  Error silent(URLErrorDomain, URLErrorTimedOut, "The server has not answered for too long.");
+  watch->fetchUpdateRequest->retireConnections();
+  endWatch(watchNumber, *watch, silent, silent);
+  watch->fetchUpdateRequest->cancel();
+}
+
 void DCRemoteDocumentManager::endWatch(std::uint64_t watchNumber, const Watch& watch,
                                        const std::optional<Error>& tellHandler, const std::optional<Error>& tellOwner) {
   std::function<void(const std::optional<Error>&)> didEnd;
@@ -323,6 +349,11 @@ void DCRemoteDocumentManager::finishFetchingUpdates() {
 bool DCRemoteDocumentManager::isFetchingUpdates() const {
   std::lock_guard lock(watchMutex_);
   return watch_.has_value();
+}
+
+bool DCRemoteDocumentManager::isWaitingForUpdates() const {
+  std::lock_guard lock(watchMutex_);
+  return watch_ && watch_->fetchUpdateRequest->hasSentBody();
 }
 
 void DCRemoteDocumentManager::setWatchDidEndHandler(std::function<void(const std::optional<Error>& error)> handler) {

@@ -4,6 +4,7 @@
 #include "Client/Client/DCServerRequest.h"
 #include "Client/Client/DCService.h"
 #include "common/FVFResponseContainer.h"
+#include "platform/Clock.h"
 #include "platform/CompletionHandler.h"
 
 #include <functional>
@@ -84,6 +85,9 @@ class DCRemoteDocumentManager : public std::enable_shared_from_this<DCRemoteDocu
   // Ends the watch in silence. From any thread.
   void finishFetchingUpdates();
   bool isFetchingUpdates() const;
+  // Whether the request of the watch has been sent, so that the server would answer it at a change; not while it is
+  // being opened. From any thread.
+  bool isWaitingForUpdates() const;
   // Told, after the updated-version handler, when a watch ended by itself and no new one was opened: with the error of
   // the transport or of the failure status, or with none after an answer that gives nothing to watch. Whoever owns the
   // watch opens it again.
@@ -125,10 +129,13 @@ class DCRemoteDocumentManager : public std::enable_shared_from_this<DCRemoteDocu
     DCUpdatedVersionIdentifierHandler updatedVersionIdentifierHandler;
     DCActivityInfo::Ptr activityInfo;
     DCServerRequest::Ptr fetchUpdateRequest;
+    std::shared_ptr<Timer> silence;  // runs out when the server must have answered
   };
   DCServerRequest::Ptr startWatch(const DCVersionIdentifiers& versionIdentifiers,
                                   const DCActivityInfo::Ptr& activityInfo, DCUpdatedVersionIdentifierHandler handler,
                                   std::optional<std::uint64_t> onlyIfCurrent);
+  std::shared_ptr<Timer> silenceTimer(std::uint64_t watchNumber);
+  void watchWasNeverAnswered(std::uint64_t watchNumber);
   void handleUpdateResponse(const std::shared_ptr<const HTTPURLResponse>& response, const std::optional<URL>& body,
                             const std::optional<Error>& error, std::uint64_t watchNumber);
   void handleUpdates(const Array& pairs, const Watch& watch, std::uint64_t watchNumber);

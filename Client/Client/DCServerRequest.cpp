@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <mutex>
 #include <thread>
+#include <utility>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -178,6 +179,10 @@ void DCServerRequest::cancel() {
   }
 }
 
+void DCServerRequest::retireConnections() const {
+  if (authentication_) URLSession::retireConnections(connectionPool());
+}
+
 std::string DCServerRequest::description() const {
   return format("%@<%p>{ url=%@ }", "DCServerRequest", static_cast<const void*>(this),
                 request_ ? std::optional(request_->url.absoluteString()) : std::nullopt);
@@ -300,6 +305,7 @@ void DCServerRequest::didSendBodyData(SessionRef session, TaskRef task, std::int
               {"totalBytesExpectedToSend", totalBytesExpectedToSend}});
   if (!isOwnSession(session)) return;
   DCLogInfo("Session task %@ did send data: %lld of %lld", task, totalBytesSent, totalBytesExpectedToSend);
+  if (request_ && request_->body) hasSentBody_ = std::cmp_greater_equal(totalBytesSent, request_->body->size());
   if (task->kind() == URLSessionTaskKind::Upload) {
     updateUploadProgress(*task, totalBytesSent, totalBytesExpectedToSend);
   }

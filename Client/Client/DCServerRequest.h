@@ -61,8 +61,13 @@ class DCServerRequest : public URLSessionDelegate, public std::enable_shared_fro
 
   // Bytes of the answer's body that a download has received so far. Any thread.
   std::int64_t totalBytesReceived() const { return totalBytesReceived_; }
+  // Whether the whole body has gone out on a connection whose server was accepted. Any thread.
+  bool hasSentBody() const { return hasSentBody_; }
   // Cancels the task; the handler hears of it. Nothing happens before a start and after the end. Thread-safe.
   void cancel();
+  // What is known to have happened to this request's connection has happened to the idle ones beside it: none of them
+  // is used again.
+  void retireConnections() const;
   std::string description() const;
 
   void didBecomeInvalidWithError(SessionRef session, const std::optional<Error>& error) override;
@@ -117,6 +122,7 @@ class DCServerRequest : public URLSessionDelegate, public std::enable_shared_fro
 
   bool usingBackgroundSession_ = false;
   std::atomic<std::int64_t> totalBytesReceived_ = 0;
+  std::atomic<bool> hasSentBody_ = false;
   std::optional<MonotonicTime> lastProgressTime_;
   std::shared_ptr<DCService> service_;
   std::shared_ptr<HTTPSASLClientSessionManager> sessionManager_;

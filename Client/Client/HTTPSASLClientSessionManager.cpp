@@ -11,8 +11,6 @@ namespace florvane {
 
 namespace {
 
-constexpr Duration kFailureIsRepeatedFor = std::chrono::seconds(5);
-
 DCServiceRegistry<HTTPSASLClientSessionManager>& registry() {
   static auto* shared = new DCServiceRegistry<HTTPSASLClientSessionManager>;
   return *shared;
@@ -100,7 +98,7 @@ Result<void> HTTPSASLClientSessionManager::authenticateClientSessionWithError() 
   std::lock_guard exchange(exchangeMutex_);
   restoreCachedCookieAndCertDataFromPreferences();
   if (clientSession_->authenticatedCookie()) return {};  // another caller or process has signed in meanwhile
-  if (lastFailure_ && clock_.monotonicNow() - lastFailureTime_ < kFailureIsRepeatedFor) return Failure(*lastFailure_);
+  if (lastFailure_ && clock_.monotonicNow() - lastFailureTime_ < failureIsRepeatedFor) return Failure(*lastFailure_);
   auto result = runExchange();
   lastFailure_ = result ? std::nullopt : std::optional(result.error());
   lastFailureTime_ = clock_.monotonicNow();

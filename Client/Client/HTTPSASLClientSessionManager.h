@@ -24,10 +24,11 @@ class HTTPSASLClientSessionManager : public std::enable_shared_from_this<HTTPSAS
   const std::shared_ptr<DCService>& service() const { return service_; }
   const std::shared_ptr<HTTPSASLClientSession>& clientSession() const { return clientSession_; }
 
+  // For so long after a failure to sign in the same error is answered at once, so that a server that swallows
+  // connections does not hold up every request in turn.
+  static constexpr Duration failureIsRepeatedFor = std::chrono::seconds(5);
   // Signs in with the account's credentials and waits without limit; never to be called on the exchange's own queue.
-  // Callers that come together share one exchange, and for five seconds after a failure the same error is answered at
-  // once, so that a server that swallows connections does not hold up every request in turn. Errors as of
-  // HTTPSASLClientSession::startAuthWithURL.
+  // Callers that come together share one exchange. Errors as of HTTPSASLClientSession::startAuthWithURL.
   Result<void> authenticateClientSessionWithError();
   // Reads cookie and pin from the preferences into the client session; not while an exchange runs.
   void restoreCachedCookieAndCertDataFromPreferences();

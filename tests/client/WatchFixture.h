@@ -6,11 +6,13 @@
 #include "tests/support/TestContainer.h"
 #include "tests/support/TestServer.h"
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <filesystem>
 #include <functional>
 #include <future>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -28,7 +30,7 @@ class RecordingDelegate : public DCDocumentManagerDelegate {
  public:
   void didUpdateContentsOfDirectoryAtPath(Manager, const std::string& path, const Array& contents) override {
     std::lock_guard lock(mutex_);
-    contents_ = contents;
+    contents_[path] = contents;
     add("contents " + path);
   }
   void didUpdateAttributesOfItemAtPath(Manager, const std::string& path, const Dictionary&) override {
@@ -48,9 +50,11 @@ class RecordingDelegate : public DCDocumentManagerDelegate {
   bool hears(const std::string& words) {
     return waitUntil([&] { return std::find(told_.begin(), told_.end(), words) != told_.end(); });
   }
-  // The same for a listing that satisfies the condition.
+  // The same for a listing, the last of some path, that satisfies the condition.
   bool sees(const std::function<bool(const Array& contents)>& condition) {
-    return waitUntil([&] { return condition(contents_); });
+    return waitUntil([&] {
+      return std::any_of(contents_.begin(), contents_.end(), [&](const auto& each) { return condition(each.second); });
+    });
   }
   bool heard(const std::string& words) const {
     std::lock_guard lock(mutex_);
@@ -59,7 +63,7 @@ class RecordingDelegate : public DCDocumentManagerDelegate {
   void forget() {
     std::lock_guard lock(mutex_);
     told_.clear();
-    contents_ = Array();
+    contents_.clear();
   }
 
  private:
@@ -74,7 +78,7 @@ class RecordingDelegate : public DCDocumentManagerDelegate {
   mutable std::mutex mutex_;  // guards what follows
   std::condition_variable changed_;
   std::vector<std::string> told_;
-  Array contents_;
+  std::map<std::string, Array> contents_;  // by path
 };
 
 // Until something comes true that nobody announces; ctest's limit ends a wait in vain.
@@ -100,6 +104,8 @@ class WatchFixture : public testing::Test {
     dc_log_set_level(dc_log_default_category(), DCLogLevelDebug);
   }
 
+  // Where the account's server is.
+  virtual std::uint16_t port() const { return server.port(); }
   // Made on first use, so that a test can arrange the container before.
   const DCDocumentManager::Ptr& manager() {
     if (!manager_) {
@@ -115,7 +121,7 @@ class WatchFixture : public testing::Test {
       account.name = "office";
       account.userName = TestServer::user;
       account.hostName = "127.0.0.1";
-      account.dataClassPortNumber = server.port();
+      account.dataClassPortNumber = port();
       auto added = (*AccountStore::shared())->add(account, Secret(TestServer::password));
       if (!added) throw std::runtime_error(added.error().description());
       service_ = DCService::serviceWithAccount(*added, clock);
@@ -138,7 +144,36 @@ class WatchFixture : public testing::Test {
     manager()->setDelegate(delegate, queue, path);
     return delegate;
   }
-  bool isFetching() { return DCRemoteDocumentManager::remoteDocumentManagerForService(service())->isFetchingUpdates(); }
+  // A refreshed listing is not waited for: what the cache holds, and how well it is known to be current.
+  std::pair<DCDocumentManagerFreshnessState, Array> cachedListing(const std::string& path) {
+    std::promise<std::pair<DCDocumentManagerFreshnessState, Array>> promise;
+    manager()->contentsOfDirectoryAtPath(path, [&](auto state, const auto& contents, const auto& error) {
+      EXPECT_FALSE(error);
+      promise.set_value({state, contents.value_or(Array())});
+    });
+    return promise.get_future().get();
+  }
+  DCRemoteDocumentManager& remoteManager() {
+    return *DCRemoteDocumentManager::remoteDocumentManagerForService(service());
+  }
+  bool isFetching() { return remoteManager().isFetchingUpdates(); }
+  // Until the server has been asked to tell of changes.
+  void untilWaiting() {
+    untilTrue([&] { return remoteManager().isWaitingForUpdates(); });
+  }
+  // Until the request has ended, as it does without a server; or the server has been asked.
+  void untilEndedOrWaiting() {
+    untilTrue([&] { return !isFetching() || remoteManager().isWaitingForUpdates(); });
+    settle();
+  }
+  // Log lines that begin so.
+  std::size_t countOfLines(std::string_view beginning) const {
+    const auto messages = log.messages();
+    return static_cast<std::size_t>(std::count_if(messages.begin(), messages.end(),
+                                                  [&](const auto& each) { return each.text.starts_with(beginning); }));
+  }
+  std::size_t watchRequests() const { return countOfLines("Will start bothload task with request"); }
+  std::size_t downloadRequests() const { return countOfLines("Will start download task with request"); }
   // Everything that was submitted to the service's queue until now has run.
   void settle() {
     FVFQueueManager::sharedQueueManager()

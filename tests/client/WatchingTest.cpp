@@ -155,21 +155,6 @@ TEST_F(Watching, FindsTheItemThatTookTheWatchedOnesPlace) {
   untilTrue([&] { return fileAt("Files/notes")->contents() == Data::fromString("another one"); });
 }
 
-TEST_F(Watching, EndsWithTheRightListingAfterABurst) {
-  list();
-  enableTrace();
-  auto folder = watch("Files");
-  settle();
-  constexpr std::size_t kFiles = 300;
-  for (std::size_t i = 0; i < kFiles; ++i) writeText(server.files() + "/" + std::to_string(i), "x");
-  EXPECT_TRUE(folder->sees([](const Array& contents) { return contents.size() == kFiles + 1; }));
-  std::size_t listings = 0;
-  for (const auto& message : log.messages()) {
-    listings += message.text.starts_with("-[DCRemoteDocumentManager contentsOfDirectoryWithDocumentIdentifier") ? 1 : 0;
-  }
-  EXPECT_LT(listings, kFiles) << "one listing tells of many edits";
-}
-
 TEST_F(Watching, SurvivesRegistrationsFromManyThreads) {
   list();
   std::vector<std::thread> threads;

@@ -76,6 +76,7 @@ struct FaultProxy::Connection {
   std::size_t cutAfter;  // bytes of the client's
   std::size_t sent = 0;
   bool isReset = false;
+  bool isDead = false;
   RecordCounter records;
 };
 
@@ -99,16 +100,25 @@ FaultProxy::~FaultProxy() {
 }
 
 void FaultProxy::setFault(Fault fault) {
-  {
-    std::lock_guard lock(mutex_);
-    fault_ = fault;
-  }
+  std::unique_lock lock(mutex_);
+  fault_ = fault;
   wake();
+  changed_.wait(lock, [&] { return inForce_ == fault || fault_ != fault; });
+}
+
+void FaultProxy::setTarget(std::uint16_t target) {
+  std::lock_guard lock(mutex_);
+  target_ = target;
 }
 
 std::size_t FaultProxy::connections() const {
   std::lock_guard lock(mutex_);
   return count_;
+}
+
+std::size_t FaultProxy::connectionsSoFar() const {
+  std::lock_guard lock(mutex_);
+  return soFar_;
 }
 
 void FaultProxy::wake() {
@@ -133,7 +143,12 @@ void FaultProxy::accept() {
   const int client = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
   if (client < 0) return;
   const int server = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address = loopback(target_);
+  sockaddr_in address{};
+  {
+    std::lock_guard lock(mutex_);
+    ++soFar_;
+    address = loopback(target_);
+  }
   if (connect(server, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
     closeWithReset(client);
     close(server);
@@ -145,6 +160,16 @@ void FaultProxy::accept() {
   auto connection = std::make_shared<Connection>(client, server, 600 + random_() % 20'000);
   connections_[client] = connection;
   connections_[server] = connection;
+}
+
+// The client's end stays open for as long as it likes.
+void FaultProxy::lose(const std::shared_ptr<Connection>& connection, int from) {
+  std::array<std::uint8_t, 65536> buffer;
+  const ssize_t count = recv(from, buffer.data(), buffer.size(), MSG_DONTWAIT);
+  const bool isEnd = count == 0 || (count < 0 && errno != EAGAIN && errno != EINTR);
+  if (!isEnd) return;
+  connections_.erase(connection->server);
+  if (from == connection->client) connections_.erase(connection->client);
 }
 
 bool FaultProxy::pass(Connection& connection, Fault fault, int from) {
@@ -180,7 +205,9 @@ void FaultProxy::run() {
       std::lock_guard lock(mutex_);
       if (stops_) return;
       fault = fault_;
-      count_ = connections_.size() / 2;
+    }
+    if (fault == Fault::Lose) {
+      for (auto& [socket, connection] : connections_) connection->isDead = true;
     }
     if (fault == Fault::Refuse) {
       for (auto& [socket, connection] : connections_) connection->isReset = true;
@@ -190,10 +217,17 @@ void FaultProxy::run() {
     } else if (listener_ < 0) {
       listen();
     }
+    {
+      std::lock_guard lock(mutex_);
+      inForce_ = fault;
+      count_ = connections_.size() / 2;
+    }
+    changed_.notify_all();
     std::vector<pollfd> waiting{{wakeup_[0], POLLIN, 0}};
     if (listener_ >= 0) waiting.push_back({listener_, POLLIN, 0});
-    if (fault == Fault::None || fault == Fault::Reset || fault == Fault::LoseReply) {
-      for (const auto& [socket, connection] : connections_) waiting.push_back({socket, POLLIN, 0});
+    const bool isPassing = fault == Fault::None || fault == Fault::Reset || fault == Fault::LoseReply;
+    for (const auto& [socket, connection] : connections_) {
+      if (isPassing || connection->isDead) waiting.push_back({socket, POLLIN, 0});
     }
     poll(waiting.data(), waiting.size(), fault == Fault::Trickle ? kTurnMilliseconds : -1);
     if (waiting[0].revents != 0) {
@@ -210,6 +244,10 @@ void FaultProxy::run() {
         accept();
       } else if (auto found = connections_.find(each.fd); found != connections_.end()) {
         const auto connection = found->second;
+        if (connection->isDead) {
+          lose(connection, each.fd);
+          continue;
+        }
         if (pass(*connection, fault, each.fd)) continue;
         connections_.erase(connection->client);
         connections_.erase(connection->server);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <array>
+#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -21,6 +22,7 @@ class FaultProxy {
     Refuse,     // nobody listens, and open connections are reset
     Reset,      // connections are reset after some bytes of the client's
     Silence,    // nothing passes either way, nothing is closed
+    Lose,       // the same, but what is sent is taken and lost: connections of that time stay dead without a word
     LoseReply,  // requests arrive, and the connection is reset when the answer comes
     Trickle,    // one byte a turn, ten turns a second
   };
@@ -32,9 +34,13 @@ class FaultProxy {
   FaultProxy& operator=(const FaultProxy&) = delete;
 
   std::uint16_t port() const { return port_; }
-  // Also for connections that are open. Silence that ends goes on where it stopped.
+  // In force when this returns, also for connections that are open. Silence that ends goes on where it stopped.
   void setFault(Fault fault);
+  // Connections from now on go to that port.
+  void setTarget(std::uint16_t target);
   std::size_t connections() const;
+  // Counted from the first.
+  std::size_t connectionsSoFar() const;
 
  private:
   struct Connection;
@@ -42,19 +48,21 @@ class FaultProxy {
   void run();
   void listen();
   void accept();
+  void lose(const std::shared_ptr<Connection>& connection, int from);
   // False when the connection has ended.
   bool pass(Connection& connection, Fault fault, int from);
   void wake();
 
-  const std::uint16_t target_;
   std::uint16_t port_ = 0;
   int listener_ = -1;
   std::array<int, 2> wakeup_{-1, -1};
 
   mutable std::mutex mutex_;  // guards what follows
-  Fault fault_ = Fault::None;
+  Fault fault_ = Fault::None, inForce_ = Fault::None;
+  std::condition_variable changed_;
   bool stops_ = false;
-  std::size_t count_ = 0;
+  std::uint16_t target_;
+  std::size_t count_ = 0, soFar_ = 0;
 
   std::mt19937_64 random_;                                  // with connections_ the thread's own
   std::map<int, std::shared_ptr<Connection>> connections_;  // by both of their sockets
