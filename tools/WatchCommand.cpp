@@ -2,6 +2,8 @@
 #include "tools/Commands.h"
 
 #include <condition_variable>
+#include <functional>
+#include <map>
 #include <mutex>
 #include <set>
 
@@ -22,8 +24,12 @@ struct Wakeup {
   }
 };
 
-// What is at a path, told from what was there before; absent when there is nothing.
-using Version = std::optional<std::string>;
+// What is at a path, told from what was there before.
+struct Version {
+  std::string item;                             // of a folder its identifier only
+  std::map<std::string, std::string> children;  // by name; of a folder
+  bool operator==(const Version&) const = default;
+};
 
 // The watched paths of one account.
 class AccountWatch : public DCDocumentManagerDelegate,
@@ -37,13 +43,14 @@ class AccountWatch : public DCDocumentManagerDelegate,
 
   // Looks at every path and reports what differs from the look before; then registers for what is there, and for the
   // closest folder above each path, where things come and go.
-  CommandResult<void> lookAndWatch(const std::function<void(const ItemReference&, const char* event)>& report) {
+  using Report = std::function<void(const ItemReference&, const char* event)>;
+  CommandResult<void> lookAndWatch(const Report& report) {
     std::set<std::string> folders;
     for (auto& [reference, known] : paths_) {
       auto version = look(reference.path, folders);
       if (!version) return tl::unexpected(version.error());
-      if (hasLooked_ && known != *version) report(reference, !*version ? "removed" : !known ? "added" : "changed");
-      known = *version;
+      if (hasLooked_) reportDifferences(reference, known, *version, report);
+      known = std::move(*version);
     }
     hasLooked_ = true;
     for (const auto& folder : watched_) {
@@ -69,27 +76,54 @@ class AccountWatch : public DCDocumentManagerDelegate,
   }
 
  private:
-  CommandResult<Version> look(const std::string& path, std::set<std::string>& folders) {
+  // A folder that stays is told of by what changes in it.
+  static void reportDifferences(const ItemReference& reference, const std::optional<Version>& before,
+                                const std::optional<Version>& now, const Report& report) {
+    if (before == now) return;
+    if (!before || !now || before->item != now->item) {
+      report(reference, !now ? "removed" : !before ? "added" : "changed");
+      return;
+    }
+    auto child = [&](const std::string& name) {
+      return ItemReference{reference.account, reference.path.empty() ? name : reference.path + "/" + name};
+    };
+    for (const auto& [name, version] : before->children) {
+      if (!now->children.contains(name)) report(child(name), "removed");
+    }
+    for (const auto& [name, version] : now->children) {
+      auto known = before->children.find(name);
+      if (known == before->children.end()) {
+        report(child(name), "added");
+      } else if (known->second != version) {
+        report(child(name), "changed");
+      }
+    }
+  }
+
+  // Absent when nothing is there.
+  CommandResult<std::optional<Version>> look(const std::string& path, std::set<std::string>& folders) {
     std::string existing = path;
     while (true) {
       auto listing = tree_.list(existing);
       if (listing) {
         if (listing->item.isDirectory()) folders.insert(existing);
         if (!existing.empty()) folders.insert(parentOf(existing));
-        return existing == path ? Version(versionOf(*listing)) : Version();
+        return existing == path ? std::optional(versionOf(*listing)) : std::nullopt;
       }
       if (listing.error().status != ExitStatus::NoSuchItem || existing.empty()) return tl::unexpected(listing.error());
       existing = parentOf(existing);
     }
   }
 
-  // What a folder holds says more than its version, which changes with every listing that the server makes.
-  static std::string versionOf(const CachedTree::Listing& listing) {
-    std::string version = hexEncode(listing.item.documentIdentifier().value_or(Data()));
-    for (const auto& child : listing.children) {
-      version += "/" + child.name + "/" + hexEncode(child.documentIdentifier().value_or(Data())) + "/" +
-                 hexEncode(child.versionIdentifier().value_or(Data()));
-    }
+  static Version versionOf(const CachedTree::Listing& listing) {
+    auto text = [](const CachedTree::Item& item) {
+      return hexEncode(item.documentIdentifier().value_or(Data())) + "/" +
+             hexEncode(item.versionIdentifier().value_or(Data()));
+    };
+    if (!listing.item.isDirectory()) return {text(listing.item), {}};
+    // What a folder holds says more than its version, which changes with every listing that the server makes.
+    Version version{hexEncode(listing.item.documentIdentifier().value_or(Data())), {}};
+    for (const auto& each : listing.children) version.children.emplace(each.name, text(each));
     return version;
   }
 
@@ -98,7 +132,7 @@ class AccountWatch : public DCDocumentManagerDelegate,
   const std::shared_ptr<SerialQueue> queue_ = SerialQueue::create("florvane watch");
   const std::shared_ptr<DCConnectivityTracker> tracker_ =
       DCConnectivityTracker::connectivityTrackerForService(tree_.service());
-  std::vector<std::pair<ItemReference, Version>> paths_;
+  std::vector<std::pair<ItemReference, std::optional<Version>>> paths_;
   std::set<std::string> watched_;
   bool hasLooked_ = false;
 };

@@ -267,8 +267,8 @@ TEST_F(CommandLine, WatchesThroughEditsRemovalsAndRestarts) {
   ASSERT_EQ(interrupted.line(), "Watching. Stop with Ctrl-C.");
   writeText(server.files() + "/another", "1");
   const auto heard = nlohmann::json::parse(interrupted.line(), nullptr, false);
-  EXPECT_EQ(heard["event"], "changed");
-  EXPECT_EQ(heard["path"], "home:Files");
+  EXPECT_EQ(heard["event"], "added");
+  EXPECT_EQ(heard["path"], "home:Files/another");
   kill(interrupted.identifier, SIGINT);
   EXPECT_EQ(interrupted.wait(), SIGINT);
   // When its time is over it has done what was asked, unless events were; or it never came to watching.
