@@ -345,6 +345,20 @@ void DCCachedItemManager::forgetItem(const DCCachedItem::Ptr& item) {
   if (found != items_.end() && found->second == item) items_.erase(found);
 }
 
+void DCCachedItemManager::forgetVanishedChildren(const DCCachedDirectory& directory) {
+  auto locked = lock();
+  const auto contents = directory.directoryContents();
+  const std::string prefix = directory.isRoot() ? "" : directory.relativePath()->string() + "/";
+  std::vector<DCCachedItem::Ptr> vanished;
+  for (auto place = items_.lower_bound(prefix); place != items_.end() && place->first.starts_with(prefix); ++place) {
+    const auto& [path, item] = *place;
+    const std::string name = path.substr(prefix.size());
+    if (name.empty() || name.find('/') != std::string::npos || (contents && contents->entryNamed(name))) continue;
+    if (!item->documentIdentifier() && !database().knownUploadForPath(path)) vanished.push_back(item);
+  }
+  for (const auto& item : vanished) forgetItem(item);
+}
+
 void DCCachedItemManager::evictItem(const DCCachedItem::Ptr& /*item*/) {
   DCLogTrace("-[DCCachedItemManager evictItem:]");
   DCAssertionFailed(kSource, __LINE__, "0");

@@ -96,6 +96,9 @@ class DCCachedItemManager : public FilePresenter, public std::enable_shared_from
   void removeItems(const std::vector<DCCachedItem::Ptr>& items);
   // The object only: the next request makes a new one.
   void forgetItem(const DCCachedItem::Ptr& item);
+  // Of the directory's children those that are in neither database nor listing: another process found them to be gone
+  // or moved away, and the objects here would still answer for them.
+  void forgetVanishedChildren(const DCCachedDirectory& directory);
   // Not supported: a soft assertion.
   void evictItem(const DCCachedItem::Ptr& item);
   // Stores what the server answered for the item (DCCachedItem::updateItemFromResponseContainer), readers and writers

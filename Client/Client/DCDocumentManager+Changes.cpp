@@ -1,6 +1,7 @@
 #include "Client/Client/DCDirectoryChanges.h"
 #include "Client/Client/DCDocumentManager.h"
 #include "Client/Client/DCLog.h"
+#include "Client/Client/DCTakeInLock.h"
 
 namespace florvane {
 
@@ -24,9 +25,16 @@ void DCDocumentManager::_processDirectoryChangesWithDirectory(const DCCachedDire
 void DCDocumentManager::_processListingOfOthers(const DCCachedDirectory::Ptr& directory) {
   // Registrations are checked on their callers' threads; what changed is taken in by the next operation.
   if (!queue_->queue()->isCurrent()) return;
-  auto current = directory->directoryContents();
-  auto known = current ? processedListings_.listing(directory->documentIdentifier().value_or(Data())) : nullptr;
-  if (current == known) return;
+  DCDirectoryContents::Ptr current, known;
+  auto isKnown = [&] {
+    current = directory->directoryContents();
+    known = current ? processedListings_.listing(directory->documentIdentifier().value_or(Data())) : nullptr;
+    return current == known;
+  };
+  if (isKnown()) return;
+  // Who brought it takes it in first.
+  const DCTakeInLock lock(service_);
+  if (isKnown()) return;
   _takeInListing(directory, current, known, false, nullptr, nullptr);
 }
 
@@ -50,6 +58,7 @@ void DCDocumentManager::_takeInListing(const DCCachedDirectory::Ptr& directory, 
   };
   DCDirectoryChanges changes(cachedItemManager(), database(), directory, current, previous, isFresh, std::move(hooks));
   changes.processFetchingForChild(fetchingForChild, remoteMetadata);
+  cachedItemManager()->forgetVanishedChildren(*directory);
 }
 
 }  // namespace florvane

@@ -1,6 +1,7 @@
 #include "Client/Client/DCDocumentManager.h"
 #include "Client/Client/DCError.h"
 #include "Client/Client/DCLog.h"
+#include "Client/Client/DCTakeInLock.h"
 #include "Client/Client/HTTPSASLClientSession.h"
 #include "common/FVFMetadataUtils.h"
 #include "platform/FileSystem.h"
@@ -172,6 +173,7 @@ void DCDocumentManager::_startDownloadItem(const DCCachedItem::Ptr& item, ErrorH
 // The listing of the parent says which document it is, where nobody has recorded it yet.
 bool DCDocumentManager::_takeIdentifierOfEntry(const DCCachedItem::Ptr& item) {
   if (dynamic_cast<DCCachedThumbnail*>(item.get())) return false;
+  const DCTakeInLock lock(service_);
   auto entry = item->parentContentsMetadata();
   auto identifier = entry ? entry->data(FVDocumentIdentifierKey) : std::nullopt;
   return identifier && item->updateDocumentIdentifier(identifier);
@@ -289,6 +291,7 @@ DCDocumentManager::OptionalError DCDocumentManager::_applyDownload(const Downloa
                                                                    const std::optional<Data>& requested, Date started,
                                                                    const FVFResponseContainer::Ptr& container,
                                                                    bool& asksAgain) {
+  const DCTakeInLock lock(service_);
   const auto& item = download.item;
   const bool isOther = requested && item->documentIdentifier() != requested;
   const auto answered =
@@ -328,6 +331,7 @@ DCDocumentManager::OptionalError DCDocumentManager::_updateFreshlyDownloadedDire
       function,
       {{"directory", directory}, {"downloadedDirectory", downloadedDirectory}, {"fetchingForChild", fetchingForChild}});
   queue_->checkIsCurrent(kSource, __LINE__);
+  const DCTakeInLock lock(service_);
   std::optional<Dictionary> childMetadata;
   std::optional<Dictionary>* const remoteMetadataPtr = remoteMetadata ? remoteMetadata : &childMetadata;
   remoteMetadataPtr->reset();

@@ -1,6 +1,7 @@
 #include "Client/Client/DCCachedItemManager.h"
 #include "Client/Client/DCDocumentManager.h"
 #include "Client/Client/DCLog.h"
+#include "Client/Client/DCTakeInLock.h"
 #include "Client/Client/DCUploadOutcome.h"
 #include "common/FVFMetadataUtils.h"
 #include "platform/FileSystem.h"
@@ -322,11 +323,19 @@ void DCDocumentManager::_completeUpload(const UploadAnswer& answer, const std::o
     settle(std::nullopt);
     return;
   }
-  if (!remoteMetadata) {
-    DCLogError("Server failed to return metadata for uploaded file: %@", file);
-    DCLogError("%@: Server failed to return metadata for uploaded file %@, container = %@", *this, file,
-               answer.container);
-    DCAssertionFailed(kSource, __LINE__, "remoteMetadata");
+  const DCTakeInLock lock(service_);
+  const auto identifier = file->documentIdentifier();
+  const bool isOther =
+      remoteMetadata && !isDropBox && identifier && identifier != remoteMetadata->data(FVDocumentIdentifierKey);
+  if (!remoteMetadata || isOther) {
+    if (isOther) {
+      DCLogInfo("Another document has the name of the uploaded file '%@' by now", path);
+    } else {
+      DCLogError("Server failed to return metadata for uploaded file: %@", file);
+      DCLogError("%@: Server failed to return metadata for uploaded file %@, container = %@", *this, file,
+                 answer.container);
+      DCAssertionFailed(kSource, __LINE__, "remoteMetadata");
+    }
     // Whether it was stored is asked of the server.
     if (auto upload = database()->uploadForPath(path)) {
       upload->setTaskIdentifier({});
