@@ -291,8 +291,17 @@ bool DCBackgroundSessionManager::cancelTaskIfNecessary(const URLSessionTaskPtr& 
             sessionIdentifier_);
   task->cancel();
   (void)database()->removeCancelledUpload(upload);
-  std::lock_guard lock(mutex_);
-  currentTasks_.erase(task->taskIdentifier());
+  DCServerRequest::Ptr request;
+  {
+    std::lock_guard lock(mutex_);
+    if (auto found = currentTasks_.extract(task->taskIdentifier())) request = std::move(found.mapped());
+  }
+  // Whoever waits for it would take it for running for ever. Trust is asked for outside of the queue.
+  if (request && request->hasResponseHandler()) {
+    queueOf(*service_)->dispatchAsynchronousBlock([request, session = backgroundSession_, task] {
+      request->didCompleteWithError(session, task, Error(URLErrorDomain, URLErrorCancelled));
+    });
+  }
   return true;
 }
 

@@ -60,6 +60,8 @@ void DCUploadManager::uploadFile(const DCCachedFile::Ptr& file,
     if (isSignedIn()) startWaiting();
     return;
   }
+  // Its record went with another process, which saw to its end or to that of the item.
+  if (uploadTasks_.contains(path) && !uploadForItemAtPath(path)) forgetUploadWithoutRecord(path);
   if (_isUploadingFileAtPath(path) && !replacesRunningUpload(file, path)) {
     const bool isFirst = _needsToStartUploadingItemAtSubpath(path, std::move(completionHandler));
     // A transfer that this process did not start has no handler of ours before.

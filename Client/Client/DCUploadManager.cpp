@@ -170,16 +170,18 @@ DCUploadManager::Handlers DCUploadManager::_handlersToCallForItemAtSubpath(const
 void DCUploadManager::_removePendingCompletionHandlersForCompletedUploads() {
   for (const std::string& path : database().takePathsOfRemovedUploads()) {
     if (settling_.contains(path) || (!uploadingFiles_.contains(path) && !uploadTasks_.contains(path))) continue;
-    auto upload = database().uploadForPath(path);
-    if (upload) continue;
-    DCLogInfo("Removing old completion handlers for path: %@", path);
-    if (auto transfer = uploadTasks_.find(path); transfer != uploadTasks_.end()) {
-      if (transfer->second.task) transfer->second.task->cancel();
-      forgetTransfer(path);
-    }
-    waitingForSignIn_.erase(path);
-    callLater(_handlersToCallForItemAtSubpath(path), Error(URLErrorDomain, URLErrorCancelled));
+    if (!database().uploadForPath(path)) forgetUploadWithoutRecord(path);
   }
+}
+
+void DCUploadManager::forgetUploadWithoutRecord(const std::string& path) {
+  DCLogInfo("Removing old completion handlers for path: %@", path);
+  if (auto transfer = uploadTasks_.find(path); transfer != uploadTasks_.end()) {
+    if (transfer->second.task) transfer->second.task->cancel();
+    forgetTransfer(path);
+  }
+  waitingForSignIn_.erase(path);
+  callLater(_handlersToCallForItemAtSubpath(path), Error(URLErrorDomain, URLErrorCancelled));
 }
 
 void DCUploadManager::callLater(Handlers handlers, const Error& error) {

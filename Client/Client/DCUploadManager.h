@@ -107,6 +107,7 @@ class DCUploadManager : public DCConnectivityTrackerDelegate, public std::enable
                                            DCUploadCompletionHandler completionHandler);
   Handlers _handlersToCallForItemAtSubpath(const std::string& subpath);
   void _removePendingCompletionHandlersForCompletedUploads();
+  void forgetUploadWithoutRecord(const std::string& path);
   std::string describedHandlers(const std::string& subpath) const;
   // Calls them in a turn of their own.
   void callLater(Handlers handlers, const Error& error);
