@@ -16,6 +16,7 @@ constexpr char kSource[] = "Client/Client/DCDocumentManager";
 constexpr std::int64_t kConnectionFailure = 2;
 constexpr std::int64_t kVersionConflict = 3;
 constexpr std::int64_t kNoSuchItem = 11;
+constexpr std::int64_t kNotFound = 404;
 
 constexpr auto kFresh = DCDocumentManagerFreshnessStateFresh;
 constexpr auto kStale = DCDocumentManagerFreshnessStateStale;
@@ -52,8 +53,13 @@ void DCDocumentManager::attributesOfItemAtPath(const std::string& path, Attribut
 void DCDocumentManager::contentsOfFileAtPath(const std::string& path, FileHandler completionHandler) {
   static constexpr char function[] = "-[DCDocumentManager contentsOfFileAtPath:completionHandler:]";
   DCLogTrace(function, {{"path", path}});
-  auto handler = shareHandler(std::move(completionHandler));
-  queue_->dispatchAsynchronousBlock([self = shared_from_this(), path, handler] {
+  _contentsOfFileAtPath(path, shareHandler(std::move(completionHandler)), true);
+}
+
+void DCDocumentManager::_contentsOfFileAtPath(const std::string& path, const std::shared_ptr<FileHandler>& handler,
+                                              bool asksAgain) {
+  static constexpr char function[] = "-[DCDocumentManager contentsOfFileAtPath:completionHandler:]";
+  queue_->dispatchAsynchronousBlock([self = shared_from_this(), path, handler, asksAgain] {
     auto checks = self->_performPreOperationChecksWithPath(path, ItemClass::File, true);
     self->_logFunction(function, path, checks.item, checks.relativePath);
     auto file = std::static_pointer_cast<DCCachedFile>(checks.item);
@@ -63,10 +69,25 @@ void DCDocumentManager::contentsOfFileAtPath(const std::string& path, FileHandle
             callUserHandler(*self, handler, function, __LINE__, state, url, settled);
           });
     };
-    if (checks.error || self->_isUpToDateOrWatchedItem(*file)) {
+    const auto upload = file ? self->database()->knownUploadForPath(file->relativePath()->string()) : nullptr;
+    if (upload && upload->isConflict()) {
+      // Newer than anything known, and confirmed by nobody: the server has something else.
+      settle(DCError::errorVersionConflictWithUserInfo(DCError::userInfoWithItem(*file)));
+    } else if (checks.error || self->_isUpToDateOrWatchedItem(*file)) {
       settle(checks.error);
     } else {
-      self->_downloadItem(file, settle);
+      self->_downloadItem(file, [self, path, handler, asksAgain, file, settle](const OptionalError& error) {
+        const auto parent = file->parent();
+        const bool isGone =
+            error && (pc_isDCErrorWithCode(*error, kNoSuchItem) || error->is(URLErrorDomain, kNotFound));
+        if (!asksAgain || !parent || !isGone) {
+          settle(error);
+          return;
+        }
+        // Another document may have come to the path while this one was asked for.
+        self->_refreshItem(
+            parent, [self, path, handler](const OptionalError&) { self->_contentsOfFileAtPath(path, handler, false); });
+      });
     }
   });
 }

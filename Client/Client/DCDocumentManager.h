@@ -223,6 +223,7 @@ class DCDocumentManager : public DCConnectivityTrackerDelegate, public std::enab
   void _downloadDidEnd(const Download& download, const std::optional<Data>& requested, Date started,
                        const FVFResponseContainer::Ptr& container, const OptionalError& error,
                        const std::shared_ptr<ErrorHandler>& handler);
+  void _contentsOfFileAtPath(const std::string& path, const std::shared_ptr<FileHandler>& handler, bool asksAgain);
   OptionalError _applyDownload(const Download& download, const std::optional<Data>& requested, Date started,
                                const FVFResponseContainer::Ptr& container, bool& asksAgain);
   static Error _clientErrorForError(const Error& error, const DCRelativePath& relativePath);
