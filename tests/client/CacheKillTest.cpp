@@ -94,12 +94,7 @@ class Killing {
     if (!client->readLine()) throw std::runtime_error("the client did not start");
     return client;
   }
-  static json ask(ChildProcess& client, const json& request) {
-    client.writeLine(request.dump());
-    auto line = client.readLine();
-    if (!line) throw std::runtime_error("the client ended over " + request.dump());
-    return json::parse(*line);
-  }
+  static json ask(ChildProcess& client, const json& request) { return json::parse(client.ask(request.dump())); }
 
   // Work to be killed in; nobody waits for the answers.
   void ask(ChildProcess& client) {

@@ -4,6 +4,7 @@
 
 #include "tests/support/ChildProcess.h"
 #include "tests/support/FaultProxy.h"
+#include "tests/support/ServerProgram.h"
 #include "tests/support/TemporaryDirectory.h"
 
 #include <array>
@@ -11,12 +12,10 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <memory>
 #include <random>
 #include <set>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -44,34 +43,12 @@ int kills() {
   return asked ? std::atoi(asked) : kKills;
 }
 
-// The running processes whose command line holds both texts.
-std::vector<pid_t> processesOf(const std::string& program, const std::string& argument) {
-  std::vector<pid_t> found;
-  for (const auto& each : fs::directory_iterator("/proc")) {
-    const std::string name = each.path().filename();
-    if (name.find_first_not_of("0123456789") != std::string::npos) continue;
-    // One that ends meanwhile fails to be read, which a stream iterator would throw.
-    std::ifstream file(each.path() / "cmdline", std::ios::binary);
-    std::ostringstream text;
-    text << file.rdbuf();
-    const std::string line = text.str();
-    const bool isMatch = line.find(program) != std::string::npos && line.find(argument) != std::string::npos;
-    if (isMatch) found.push_back(static_cast<pid_t>(std::stoi(name)));
-  }
-  return found;
-}
-
 class Campaign {
  public:
   explicit Campaign(std::uint64_t seed) : random_(seed) {
-    for (const char* folder : {"files", "inbox", "sources", "container"}) fs::create_directory(work_.file(folder));
+    for (const char* folder : {"sources", "container"}) fs::create_directory(work_.file(folder));
     fs::permissions(work_.file("container"), fs::perms::owner_all);
-    writeText(work_.file("password"), "Notes by the Translator: G\n");
-    ChildProcess user({bin("florvaned"), "user", "add", "ada", "--state", work_.file("state"), "--password-file",
-                       work_.file("password")});
-    if (user.wait() != 0) throw std::runtime_error("no user");
-    startServer();
-    proxy_ = std::make_unique<FaultProxy>(serverPort_, seed);
+    proxy_ = std::make_unique<FaultProxy>(server_.port(), seed);
   }
   ~Campaign() {
     client_.reset();
@@ -96,35 +73,24 @@ class Campaign {
   }
 
  private:
-  static std::string bin(const std::string& name) { return std::string(FLORVANE_BIN_DIR) + "/" + name; }
   int pick(int below) { return static_cast<int>(random_() % static_cast<std::uint64_t>(below)); }
-
-  void startServer() {
-    server_ = std::make_unique<ChildProcess>(std::vector<std::string>{
-        bin("florvaned"), "--state", work_.file("state"), "--share", "Files=" + work_.file("files"), "--share",
-        "Inbox=" + work_.file("inbox") + ":dropbox", "--listen", "127.0.0.1:" + std::to_string(serverPort_)});
-    auto line = server_->readLine();
-    if (!line) throw std::runtime_error("the server did not start");
-    serverPort_ = static_cast<std::uint16_t>(std::stoi(line->substr(line->rfind(':') + 1)));
-  }
 
   void killAgent() {
     for (pid_t process : processesOf("florvane-transferd", work_.file("container"))) kill(process, SIGKILL);
   }
 
-  // Absent when the client is killed over it.
-  std::optional<json> ask(const json& request) {
+  // A client that goes without having been killed is a failure of its own.
+  json ask(const json& request) {
     if (!client_) {
       client_ = std::make_unique<ChildProcess>(
-          std::vector<std::string>{bin("client_peer"), std::to_string(proxy_->port()), std::to_string(ahead_)},
+          std::vector<std::string>{FLORVANE_BIN_DIR "/client_peer", std::to_string(proxy_->port()),
+                                   std::to_string(ahead_)},
           std::vector<std::string>{"FLORVANE_CONTAINER=" + work_.file("container")});
       if (!client_->readLine()) throw std::runtime_error("the client did not start");
       ahead_ += 11;
       ask({{"op", "restart"}});
     }
-    if (!client_->writeLine(request.dump())) return std::nullopt;
-    auto line = client_->readLine();
-    return line ? std::optional(json::parse(*line)) : std::nullopt;
+    return json::parse(client_->ask(request.dump()));
   }
 
   std::string source() {
@@ -143,11 +109,10 @@ class Campaign {
       const std::string name = isDropped ? "drop " + std::to_string(versions_) : "file " + std::to_string(pick(40));
       const std::string path = (isDropped ? "Inbox/" : "Files/") + name;
       const std::string from = source();
-      const auto answer = ask({{"op", "write"}, {"path", path}, {"source", from}});
+      const json answer = ask({{"op", "write"}, {"path", path}, {"source", from}});
       Written& written = written_[path];
       written.last = versions_;
-      if (answer && (*answer)["error"].is_null()) written.acknowledged = versions_;
-      if (!answer) client_.reset();
+      if (answer["error"].is_null()) written.acknowledged = versions_;
     }
   }
 
@@ -167,8 +132,7 @@ class Campaign {
     }
     if ((what >= 4 && what < 7) || what == 10) killAgent();
     if (what == 7 || what == 11) {
-      server_->kill(SIGKILL);
-      startServer();
+      server_.killAndRestart();
     }
     if (what >= 8 && what < 10) {
       static constexpr std::array kFaults{FaultProxy::Fault::Refuse, FaultProxy::Fault::Reset,
@@ -185,9 +149,7 @@ class Campaign {
     json uploads;
     // Waits are the agent's and the client's own, of a second and more.
     for (int turns = 0; turns < 900; ++turns) {
-      const auto answer = ask({{"op", "uploads"}});
-      ASSERT_TRUE(answer);
-      uploads = (*answer)["uploads"];
+      uploads = ask({{"op", "uploads"}})["uploads"];
       bool allAreConflicts = true;
       for (const json& each : uploads) allAreConflicts = allAreConflicts && isConflict(each);
       if (allAreConflicts) break;
@@ -208,11 +170,10 @@ class Campaign {
 
   void compare(const std::set<std::string>& conflicts) {
     std::map<std::string, int> onServer;  // by path: the version
-    for (const char* share : {"files", "inbox"}) {
-      for (const auto& each : fs::directory_iterator(work_.file(share))) {
+    for (const auto& [share, folder] : {std::pair("Files/", server_.files()), std::pair("Inbox/", server_.inbox())}) {
+      for (const auto& each : fs::directory_iterator(folder)) {
         if (!each.is_regular_file()) continue;
-        const std::string path =
-            (std::string(share) == "files" ? "Files/" : "Inbox/") + each.path().filename().string();
+        const std::string path = share + each.path().filename().string();
         const auto found = attempted_.find(readText(each.path()));
         ASSERT_NE(found, attempted_.end()) << path << " holds bytes that nobody wrote";
         for (const auto& [other, version] : onServer) {
@@ -237,8 +198,7 @@ class Campaign {
   };
   std::mt19937_64 random_;
   TemporaryDirectory work_;
-  std::uint16_t serverPort_ = 0;
-  std::unique_ptr<ChildProcess> server_;
+  ServerProgram server_{work_.path()};
   std::unique_ptr<FaultProxy> proxy_;
   std::unique_ptr<ChildProcess> client_;
   int ahead_ = 0, versions_ = 0;

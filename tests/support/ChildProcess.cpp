@@ -3,6 +3,10 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
 #include <system_error>
 
 #include <fcntl.h>
@@ -30,13 +34,19 @@ std::vector<char*> pointers(std::vector<std::string>& texts) {
 
 }  // namespace
 
-ChildProcess::ChildProcess(std::vector<std::string> arguments, std::vector<std::string> environment) {
+ChildProcess::ChildProcess(std::vector<std::string> arguments, std::vector<std::string> environment,
+                           const std::string& standardError)
+    : program_(arguments[0]) {
   (void)std::signal(SIGPIPE, SIG_IGN);  // a child that was killed must not end the test
   const auto input = makePipe(), output = makePipe();
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_adddup2(&actions, input[0], STDIN_FILENO);
   posix_spawn_file_actions_adddup2(&actions, output[1], STDOUT_FILENO);
+  if (!standardError.empty()) {
+    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, standardError.c_str(), O_WRONLY | O_CREAT | O_APPEND,
+                                     0600);
+  }
   for (char** each = environ; *each; ++each) environment.emplace_back(*each);
   auto argv = pointers(arguments), envp = pointers(environment);
   const int failure = posix_spawnp(&pid_, argv[0], &actions, nullptr, argv.data(), envp.data());
@@ -78,6 +88,16 @@ std::optional<std::string> ChildProcess::readLine() {
   }
 }
 
+std::string ChildProcess::ask(const std::string& line) {
+  if (writeLine(line)) {
+    if (auto answer = readLine()) return *answer;
+  }
+  const int status = wait();
+  const std::string how =
+      status > 128 ? "by signal " + std::to_string(status - 128) : "with status " + std::to_string(status);
+  throw std::runtime_error(program_ + " ended " + how + " over " + line);
+}
+
 void ChildProcess::closeInput() {
   if (input_ >= 0) close(input_);
   input_ = -1;
@@ -95,6 +115,22 @@ int ChildProcess::wait() {
     status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
   }
   return *status_;
+}
+
+std::vector<pid_t> processesOf(const std::string& program, const std::string& argument) {
+  std::vector<pid_t> found;
+  for (const auto& each : std::filesystem::directory_iterator("/proc")) {
+    const std::string name = each.path().filename();
+    if (name.find_first_not_of("0123456789") != std::string::npos) continue;
+    // One that ends meanwhile fails to be read, which a stream iterator would throw.
+    std::ifstream file(each.path() / "cmdline", std::ios::binary);
+    std::ostringstream text;
+    text << file.rdbuf();
+    const std::string line = text.str();
+    const bool isMatch = line.find(program) != std::string::npos && line.find(argument) != std::string::npos;
+    if (isMatch) found.push_back(static_cast<pid_t>(std::stoi(name)));
+  }
+  return found;
 }
 
 }  // namespace florvane::test

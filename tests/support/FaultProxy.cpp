@@ -1,6 +1,8 @@
 #include "tests/support/FaultProxy.h"
 
 #include <cerrno>
+#include <chrono>
+#include <optional>
 #include <span>
 #include <stdexcept>
 #include <vector>
@@ -18,7 +20,17 @@ namespace florvane::test {
 namespace {
 
 constexpr std::uint8_t kApplicationData = 0x17;
-constexpr int kTurnMilliseconds = 100;
+
+bool isOneByteATurn(FaultProxy::Fault fault) {
+  return fault == FaultProxy::Fault::Trickle || fault == FaultProxy::Fault::Drip;
+}
+
+// Of those that let pass what there is once a turn; of the others none.
+std::optional<std::chrono::milliseconds> turnOf(FaultProxy::Fault fault) {
+  if (fault == FaultProxy::Fault::Drip) return std::chrono::seconds(1);
+  if (fault == FaultProxy::Fault::Trickle || fault == FaultProxy::Fault::Delay) return std::chrono::milliseconds(100);
+  return std::nullopt;
+}
 
 sockaddr_in loopback(std::uint16_t port) {
   sockaddr_in address{};
@@ -74,7 +86,7 @@ struct FaultProxy::Connection {
   }
   int client, server;
   std::size_t cutAfter;  // bytes of the client's
-  std::size_t sent = 0;
+  std::size_t sent = 0, received = 0;
   bool isReset = false;
   bool isDead = false;
   RecordCounter records;
@@ -175,14 +187,17 @@ void FaultProxy::lose(const std::shared_ptr<Connection>& connection, int from) {
 bool FaultProxy::pass(Connection& connection, Fault fault, int from) {
   const bool isRequest = from == connection.client;
   std::array<std::uint8_t, 65536> buffer;
-  const ssize_t count = recv(from, buffer.data(), fault == Fault::Trickle ? 1 : buffer.size(), MSG_DONTWAIT);
+  const ssize_t count = recv(from, buffer.data(), isOneByteATurn(fault) ? 1 : buffer.size(), MSG_DONTWAIT);
   if (count < 0) return errno == EAGAIN || errno == EINTR;
   if (count == 0) return false;
   const std::span bytes(buffer.data(), static_cast<std::size_t>(count));
   if (isRequest) {
     connection.records.take(bytes);
     connection.sent += bytes.size();
+  } else {
+    connection.received += bytes.size();
   }
+  if (fault == Fault::Cut && !isRequest && connection.received > connection.cutAfter) return false;
   const bool isCut = (fault == Fault::Reset && isRequest && connection.sent > connection.cutAfter) ||
                      (fault == Fault::LoseReply && !isRequest && connection.records.count() > 1);
   if (isCut) {
@@ -225,17 +240,18 @@ void FaultProxy::run() {
     changed_.notify_all();
     std::vector<pollfd> waiting{{wakeup_[0], POLLIN, 0}};
     if (listener_ >= 0) waiting.push_back({listener_, POLLIN, 0});
-    const bool isPassing = fault == Fault::None || fault == Fault::Reset || fault == Fault::LoseReply;
+    const auto turn = turnOf(fault);
+    const bool isPassing = !turn && fault != Fault::Silence && fault != Fault::Lose;
     for (const auto& [socket, connection] : connections_) {
       if (isPassing || connection->isDead) waiting.push_back({socket, POLLIN, 0});
     }
-    poll(waiting.data(), waiting.size(), fault == Fault::Trickle ? kTurnMilliseconds : -1);
+    poll(waiting.data(), waiting.size(), turn ? static_cast<int>(turn->count()) : -1);
     if (waiting[0].revents != 0) {
       std::array<char, 64> bytes;
       (void)!read(wakeup_[0], bytes.data(), bytes.size());
       continue;
     }
-    if (fault == Fault::Trickle) {
+    if (turn) {
       for (const auto& [socket, connection] : std::map(connections_)) waiting.push_back({socket, POLLIN, POLLIN});
     }
     for (const pollfd& each : waiting) {

@@ -25,6 +25,9 @@ class FaultProxy {
     Lose,       // the same, but what is sent is taken and lost: connections of that time stay dead without a word
     LoseReply,  // requests arrive, and the connection is reset when the answer comes
     Trickle,    // one byte a turn, ten turns a second
+    Drip,       // one byte a second
+    Delay,      // what there is passes ten times a second
+    Cut,        // connections are closed, without a reset, after some bytes of the server's
   };
 
   // To that port of the loopback. The seed decides where a connection is cut.
