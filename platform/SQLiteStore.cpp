@@ -336,8 +336,8 @@ void SQLiteStore::checkpointIfLong() {
   if (isReplaced()) return;
   for (auto& [text, prepared] : statements_) prepared->tryReset();
   int result = sqlite3_wal_checkpoint_v2(database_->getHandle(), nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
-  // A reader may keep part of the log from being copied; the next commit goes on.
-  if (result == SQLITE_OK || result == SQLITE_BUSY) return;
+  // A reader, or a full disk, may keep part of the log from being copied; the next commit goes on.
+  if (result == SQLITE_OK || result == SQLITE_BUSY || result == SQLITE_FULL) return;
   reportSoftAssertion(kSource, __LINE__, sqlite3_errstr(result));
 }
 

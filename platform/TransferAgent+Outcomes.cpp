@@ -15,7 +15,6 @@ constexpr int kLogError = 3;
 constexpr int kLogNotice = 5;
 // Outcomes that a session has been told of and may leave unacknowledged.
 constexpr std::size_t kMostUnanswered = 16;
-constexpr auto kStoreAgainDelay = std::chrono::seconds(5);
 constexpr auto kRelaunchInterval = std::chrono::seconds(60);
 
 }  // namespace
@@ -50,9 +49,18 @@ void TransferAgent::finish(std::uint64_t task, const std::string& session, Trans
   queue_->async([self = shared_from_this()] { self->storeEnded(); });
 }
 
+void TransferAgent::storeAgain() {
+  storeAgainAt_.reset();
+  storeEnded();
+  if (unstored_.empty()) return;
+  std::lock_guard lock(inboxMutex_);
+  for (Received& received : std::exchange(unstored_, {})) inbox_.push_back(std::move(received));
+  if (std::exchange(inboxQueued_, true)) return;
+  queue_->async([self = shared_from_this()] { self->answerReceived(); });
+}
+
 void TransferAgent::storeEnded() {
   storingQueued_ = false;
-  storeAgainAt_.reset();
   if (stopped_ || ended_.empty()) return;
   auto stored = store_->transaction(TransferStore::Durability::Machine, [&]() -> Result<void> {
     for (const Ended& ended : ended_) {
@@ -67,6 +75,7 @@ void TransferAgent::storeEnded() {
     armTimer();
     return;
   }
+  if (unstored_.empty()) storeAgainAt_.reset();
   for (const Ended& ended : std::exchange(ended_, {})) {
     TransferPeerPtr owner = ownerOf(ended.task, ended.session);
     makers_.erase(ended.task);

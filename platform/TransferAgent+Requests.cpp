@@ -1,3 +1,5 @@
+#include "platform/Format.h"
+#include "platform/SystemLog.h"
 #include "platform/TransferAgent.h"
 #include "platform/TransferProtocol.h"
 
@@ -8,6 +10,7 @@ namespace florvane {
 
 namespace {
 
+constexpr int kLogWarning = 4;
 constexpr auto kLongestWait = std::chrono::hours(24 * 7);
 // Of tasks in one answer, estimated: half of what a frame may hold.
 constexpr std::size_t kMostListedBytes = kMostTransferFrameBytes / 2;
@@ -23,6 +26,17 @@ std::size_t estimatedSize(const TransferTask& task) {
   if (task.transfer.generationIdentifier) size += task.transfer.generationIdentifier->size();
   if (task.transfer.pinnedCertificate) size += task.transfer.pinnedCertificate->size();
   return size;
+}
+
+// Whether the request is in vain when the changes of its time could not be stored.
+bool changesStore(const std::optional<std::string>& type) {
+  return type == transfer_frame::Create || type == transfer_frame::Cookie || type == transfer_frame::Claim ||
+         type == transfer_frame::Resume || type == transfer_frame::Acknowledge;
+}
+
+// Sessions take these for done, and a task that is never resumed would wait for ever.
+bool isAskedForOnce(const std::optional<std::string>& type) {
+  return type == transfer_frame::Claim || type == transfer_frame::Resume || type == transfer_frame::Acknowledge;
 }
 
 std::optional<std::uint64_t> taskOf(const Dictionary& frame) {
@@ -82,7 +96,15 @@ void TransferAgent::answerReceived() {
   });
   for (std::size_t i = 0; i < received.size(); ++i) {
     const TransferPeerPtr& peer = received[i].peer;
-    Result<Answer> answer = stored ? std::move(answers[i]) : Result<Answer>(Failure(stored.error()));
+    const auto type = received[i].frame.string("type");
+    // None has been handled when nothing could be begun.
+    const bool isAnswered = i < answers.size() && (stored || !changesStore(type));
+    Result<Answer> answer = isAnswered ? std::move(answers[i]) : Result<Answer>(Failure(stored.error()));
+    if (!answer && isAskedForOnce(type) && !answer.error().is(POSIXErrorDomain, EPROTO)) {
+      handleAgainLater(received[i]);
+      // Its reply says that it is done.
+      if (type == transfer_frame::Acknowledge) continue;
+    }
     Dictionary reply = answer ? answer->reply : Dictionary{{"error", encodeTransferError(answer.error())}};
     reply.set("type", transfer_frame::Reply);
     reply.set("number", received[i].frame.integer("number").value_or(0));
@@ -92,6 +114,11 @@ void TransferAgent::answerReceived() {
     if (!answer && answer.error().is(POSIXErrorDomain, EPROTO)) peer->connection->close();
   }
   tick();
+}
+
+void TransferAgent::handleAgainLater(Received received) {
+  unstored_.push_back(std::move(received));
+  if (!storeAgainAt_) storeAgainAt_ = clock_.monotonicNow() + kStoreAgainDelay;
 }
 
 Result<TransferAgent::Answer> TransferAgent::handle(const TransferPeerPtr& peer, const Dictionary& frame) {
@@ -141,7 +168,11 @@ Result<TransferAgent::Answer> TransferAgent::hello(const TransferPeerPtr& peer, 
     for (const Value& word : *words) command.emplace_back(word.dataBytes());
     auto known = store_->relaunchCommand(*session);
     if (!known || *known != command) {
-      if (auto stored = store_->setRelaunchCommand(*session, command); !stored) return Failure(stored.error());
+      // The session is to be told of its transfers all the same.
+      if (auto stored = store_->setRelaunchCommand(*session, command); !stored) {
+        SystemLog::shared().write(
+            {kLogWarning, format("What to start for session %@ cannot be noted: %@", *session, stored.error()), {}});
+      }
     }
   }
   if (!frame.boolean("attach").value_or(false)) return Answer{};
@@ -159,6 +190,7 @@ TransferAgent::Answer TransferAgent::claim(const TransferPeerPtr& peer, const Di
   for (std::uint64_t task : numbersOf(frame, "resumed")) {
     auto resumed = resume(task);
     if (resumed && resumed->then) effects.push_back(std::move(resumed->then));
+    if (!resumed) handleAgainLater({peer, {{"type", transfer_frame::Resume}, {"task", task}}});
   }
   for (std::uint64_t task : numbersOf(frame, "cancelled")) {
     effects.emplace_back([this, task] { cancel(task); });

@@ -346,7 +346,8 @@ void TransferAgent::endExpired() {
 }
 
 bool TransferAgent::isIdle() const {
-  return peers_.empty() && schedule_.isEmpty() && running_.empty() && ended_.empty() && relaunchAt_.empty();
+  return peers_.empty() && schedule_.isEmpty() && running_.empty() && ended_.empty() && unstored_.empty() &&
+         relaunchAt_.empty();
 }
 
 void TransferAgent::tick() {
@@ -356,7 +357,7 @@ void TransferAgent::tick() {
     nextExpiry_ = now + kExpiryInterval;
     endExpired();
   }
-  if (storeAgainAt_ && now >= *storeAgainAt_) storeEnded();
+  if (storeAgainAt_ && now >= *storeAgainAt_) storeAgain();
   relaunchDue(now);
   startNext();
   if (!isIdle()) {

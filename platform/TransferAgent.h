@@ -55,6 +55,8 @@ class TransferAgent final : public TransferAttemptClient, public std::enable_sha
     std::string session;
     TransferOutcome outcome;
   };
+  // When the store took nothing.
+  static constexpr auto kStoreAgainDelay = std::chrono::seconds(5);
   struct Received {
     TransferPeerPtr peer;
     Dictionary frame;
@@ -74,6 +76,7 @@ class TransferAgent final : public TransferAttemptClient, public std::enable_sha
   // TransferAgent+Requests.cpp
   void didReceive(const TransferPeerPtr& peer, const Dictionary& frame);
   void answerReceived();
+  void handleAgainLater(Received received);
   Result<Answer> handle(const TransferPeerPtr& peer, const Dictionary& frame);
   Result<Answer> hello(const TransferPeerPtr& peer, const Dictionary& frame);
   Result<Answer> create(const TransferPeerPtr& peer, const Dictionary& frame);
@@ -86,6 +89,7 @@ class TransferAgent final : public TransferAttemptClient, public std::enable_sha
   void attach(const TransferPeerPtr& peer, bool relaunched);
   void finish(std::uint64_t task, const std::string& session, TransferOutcome outcome);
   void storeEnded();
+  void storeAgain();
   TransferPeerPtr ownerOf(std::uint64_t task, const std::string& session) const;
   void tell(const TransferPeerPtr& peer);
   bool tellOutcome(TransferPeer& peer, std::uint64_t task);
@@ -126,6 +130,7 @@ class TransferAgent final : public TransferAttemptClient, public std::enable_sha
   TransferSchedule schedule_;
   std::unordered_map<std::uint64_t, Running> running_;
   std::vector<Ended> ended_;
+  std::vector<Received> unstored_;  // asked for and not asked for again, while the store takes nothing
   bool storingQueued_ = false;
   std::map<std::string, MonotonicTime> relaunchAt_, relaunchedAt_;
   MonotonicTime nextExpiry_;
