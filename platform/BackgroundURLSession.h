@@ -36,6 +36,9 @@ class BackgroundURLSession : public URLSession {
   static BackgroundURLSessionPtr create(URLSessionConfiguration configuration,
                                         std::shared_ptr<URLSessionDelegate> delegate,
                                         std::shared_ptr<SerialQueue> delegateQueue = nullptr);
+  // Why the agent could not be started, when transfers therefore run inside this process and end with it; absent
+  // otherwise.
+  static std::optional<Error> reasonForTransfersInThisProcess();
 
   // A task that is on stable storage when this returns, suspended; blocks for as long as the disk takes, longer where
   // the agent must be started. Resuming it is stored, too, but may be lost with the machine's power: a task found

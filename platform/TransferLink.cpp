@@ -1,5 +1,6 @@
 #include "platform/TransferLink.h"
 
+#include "platform/BackgroundURLSession.h"
 #include "platform/Container.h"
 #include "platform/Format.h"
 #include "platform/SystemLog.h"
@@ -8,7 +9,6 @@
 #include "platform/TransferLauncher.h"
 #include "platform/TransferProtocol.h"
 
-#include <atomic>
 #include <cerrno>
 #include <utility>
 
@@ -23,14 +23,33 @@ constexpr Duration kFirstDelay = std::chrono::milliseconds(100);
 constexpr Duration kLongestDelay = std::chrono::seconds(30);
 constexpr char kNothingThereDomain[] = "TransferNothingThereDomain";
 
+struct TransfersHere {
+  std::mutex mutex;  // guards the reason
+  std::optional<Error> reason;
+  static TransfersHere& shared() {
+    static auto* instance = new TransfersHere;
+    return *instance;
+  }
+};
+
 void logOnceThatTransfersRunHere(const Error& why) {
-  static std::atomic<bool> logged = false;
-  if (logged.exchange(true)) return;
+  {
+    auto& here = TransfersHere::shared();
+    std::lock_guard lock(here.mutex);
+    if (here.reason) return;
+    here.reason = why;
+  }
   SystemLog::shared().write(
       {kLogNotice, format("The transfer agent cannot be started (%@). Transfers run in this process.", why), {}});
 }
 
 }  // namespace
+
+std::optional<Error> BackgroundURLSession::reasonForTransfersInThisProcess() {
+  auto& here = TransfersHere::shared();
+  std::lock_guard lock(here.mutex);
+  return here.reason;
+}
 
 bool TransferLink::isNothingThere(const Error& error) { return error.domain() == kNothingThereDomain; }
 

@@ -185,15 +185,27 @@ void PendingUploads::retry() {
   restart();
 }
 
-void PendingUploads::leave(const Output& output) const {
+bool PendingUploads::leave(const Output& output) const {
   const auto uploads = all();
+  const bool isUnderWay =
+      std::any_of(uploads.begin(), uploads.end(), [](const PendingUpload& upload) { return upload.isUnderWay(); });
+  // The part of the transfer agent that this process took on ends with it.
+  if (const auto reason = DCBackgroundSessionManager::reasonForTransfersInThisProcess(); reason && isUnderWay) {
+    output.note(
+        "florvane: The transfer agent (florvane-transferd) cannot be started: " + reason->localizedDescription() +
+        ". What is not sent yet is safe here; it is sent by the next command that finds the agent, or while "
+        "\"florvane uploads --wait\" runs.");
+    return false;
+  }
   const bool isLeft = std::any_of(uploads.begin(), uploads.end(),
                                   [](const PendingUpload& upload) { return upload.isUnderWay() && !upload.hasTask; });
-  if (!isLeft) return;
-  if (auto started = startInBackground(resumeCommand(sessionIdentifier())); !started) {
+  if (!isLeft) return true;
+  auto started = startInBackground(resumeCommand(sessionIdentifier()));
+  if (!started) {
     output.note("florvane: " + started.error().localizedDescription() +
                 " The files are sent with the next \"florvane uploads --retry\".");
   }
+  return started.has_value();
 }
 
 void PendingUploads::settle() const {

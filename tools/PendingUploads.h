@@ -54,7 +54,8 @@ class PendingUploads {
   // Tries again what was given up; a conflict is left for somebody to decide.
   void retry();
   // Before the end of the process: what the transfer agent does not have yet is gone on with by a process of its own.
-  void leave(const Output& output) const;
+  // False, and said why, when nobody goes on with what is left.
+  bool leave(const Output& output) const;
   // What the transfer agent was told is known to it.
   void settle() const;
   std::string sessionIdentifier() const;

@@ -87,8 +87,8 @@ class Put {
 
   ExitStatus finish(bool wait) {
     if (wait && !written_.empty()) waitUntilSent();
-    uploads_.leave(output_);
-    if (!wait && !written_.empty() && !output_.options().json) {
+    const bool goesOn = uploads_.leave(output_);
+    if (goesOn && !wait && !written_.empty() && !output_.options().json) {
       output_.note(count() + " safe, and on the way. See: florvane uploads " + uploads_.account());
     }
     return status_;

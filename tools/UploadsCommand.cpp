@@ -172,7 +172,7 @@ ExitStatus showUploads(const Output& output, const UploadsOptions& options) {
     }
   }
   ExitStatus status = options.wait ? waitForAll(output, *all) : ExitStatus::Done;
-  for (const auto& uploads : *all) uploads->leave(output);
+  for (const auto& uploads : *all) (void)uploads->leave(output);
   return status;
 }
 

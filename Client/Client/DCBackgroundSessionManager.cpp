@@ -112,6 +112,10 @@ Result<void> DCBackgroundSessionManager::removeCookiesOfService(const std::share
   return removed;
 }
 
+std::optional<Error> DCBackgroundSessionManager::reasonForTransfersInThisProcess() {
+  return BackgroundURLSession::reasonForTransfersInThisProcess();
+}
+
 DCBackgroundSessionManager::DCBackgroundSessionManager(std::shared_ptr<DCService> service, std::string bundleIdentifier)
     : service_(std::move(service)),
       bundleIdentifier_(std::move(bundleIdentifier)),

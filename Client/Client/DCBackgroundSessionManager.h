@@ -66,6 +66,9 @@ class DCBackgroundSessionManager : public URLSessionDelegate,
   static void setRelaunchCommand(std::vector<std::string> command);
   // The cookie goes from the service's unsent tasks: with its account.
   static Result<void> removeCookiesOfService(const std::shared_ptr<DCService>& service);
+  // Why the transfer agent could not be started, when uploads therefore go on only while this process lives; absent
+  // otherwise. Known once an upload was started.
+  static std::optional<Error> reasonForTransfersInThisProcess();
 
   DCBackgroundSessionManager(std::shared_ptr<DCService> service, std::string bundleIdentifier);
   ~DCBackgroundSessionManager() override;
