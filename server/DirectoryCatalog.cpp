@@ -14,6 +14,8 @@ namespace {
 constexpr int kMaximumDepth = 256;
 // Entries held in memory, at about 400 bytes each with their share of a body.
 constexpr std::size_t kEntriesBudget = 1'000'000;
+// Going through so many entries costs about as much as looking one file up on the disk.
+constexpr std::size_t kEntriesForAFile = 200;
 
 tl::unexpected<StoreError> notFound() {
   return tl::unexpected(StoreError{StoreStatus::NotFound, "The item is not on the server any more."});
@@ -114,53 +116,46 @@ void DirectoryCatalog::evictBeyondBudget(std::vector<std::shared_ptr<KnownDirect
   }
 }
 
-std::vector<Attention> DirectoryCatalog::attend(const std::vector<DocumentIdentifier>& documents) {
+Attention DirectoryCatalog::attend(const std::vector<DocumentIdentifier>& documents) {
+  Attention attention;
+  attention.directories.resize(documents.size());
+  if (auto known = index_.directoriesOfFiles(documents)) attention.directories = *std::move(known);
   std::unordered_set<DocumentIdentifier, DocumentIdentifierHash> directories;
-  for (const DocumentIdentifier& document : documents) {
-    auto record = index_.find(document);
-    const bool isFile = record && *record && !(*record)->identity.directory;
-    directories.insert(isFile ? (*record)->parent : document);
+  for (std::size_t i = 0; i < documents.size(); ++i) {
+    directories.insert(attention.directories[i].value_or(documents[i]));
   }
-  std::vector<Attention> attentions;
-  attentions.reserve(directories.size());
-  for (const DocumentIdentifier& directory : directories) {
-    if (auto attention = attendDirectory(directory)) attentions.push_back(*std::move(attention));
-  }
-  return attentions;
-}
-
-std::optional<Attention> DirectoryCatalog::attendDirectory(const DocumentIdentifier& directory) {
-  auto located = locate(directory);
-  if (!located) return std::nullopt;
-  auto known = this->known(*located);
-  if (!known) return std::nullopt;
-  // Attention first: what changes during the look is then reported.
-  Attention attention{(*known)->attend(), true};
-  refresh(directory);
-  attention.announced = (*known)->announced;
+  attention.hold.reserve(directories.size());
+  for (const DocumentIdentifier& directory : directories) attendDirectory(directory, attention);
   return attention;
 }
 
-DirectoryCatalog::Versions DirectoryCatalog::versionsOfNeighbours(const std::vector<DocumentIdentifier>& documents) {
-  std::unordered_map<DocumentIdentifier, std::vector<DocumentRecord>, DocumentIdentifierHash> byDirectory;
-  for (const DocumentIdentifier& document : documents) {
-    auto record = index_.find(document);
-    if (!record || !*record || (*record)->identity.directory) continue;
-    const DocumentIdentifier directory = (*record)->parent;
-    byDirectory[directory].push_back(**std::move(record));
+void DirectoryCatalog::attendDirectory(const DocumentIdentifier& directory, Attention& attention) {
+  auto located = locate(directory);
+  if (!located) return;
+  auto known = this->known(*located);
+  if (!known) return;
+  // Attention first: what changes during the look is then reported.
+  attention.hold.push_back((*known)->attend());
+  refresh(directory);
+  attention.announced = attention.announced && (*known)->announced;
+}
+
+DirectoryCatalog::Versions DirectoryCatalog::versionsOfNeighbours(
+    const std::vector<DocumentIdentifier>& documents,
+    const std::vector<std::optional<DocumentIdentifier>>& directories) {
+  using Identifiers = std::unordered_set<DocumentIdentifier, DocumentIdentifierHash>;
+  std::unordered_map<DocumentIdentifier, Identifiers, DocumentIdentifierHash> byDirectory;
+  for (std::size_t i = 0; i < documents.size(); ++i) {
+    if (directories[i]) byDirectory[*directories[i]].insert(documents[i]);
   }
   Versions versions;
   for (const auto& [directory, files] : byDirectory) {
     if (files.size() < 2) continue;
     // What cannot be answered for here is left to whoever asks about it alone.
-    (void)in(directory, [&](KnownDirectory& known, const LocatedDocument&) -> StoreResult<void> {
-      const auto& entries = known.contents.entries;
-      for (const DocumentRecord& file : files) {
-        const auto entry = std::lower_bound(
-            entries.begin(), entries.end(), file.name,
-            [](const DirectoryEntry& candidate, const std::string& name) { return candidate.name < name; });
-        const bool isThere = entry != entries.end() && entry->name == file.name && entry->identifier == file.identifier;
-        if (isThere) versions.emplace(file.identifier, entry->version);
+    (void)in(directory, [&, &files = files](KnownDirectory& known, const LocatedDocument&) -> StoreResult<void> {
+      if (files.size() * kEntriesForAFile < known.contents.entries.size()) return {};
+      for (const DirectoryEntry& entry : known.contents.entries) {
+        if (files.contains(entry.identifier)) versions.emplace(entry.identifier, entry.version);
       }
       return {};
     });

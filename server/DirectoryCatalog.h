@@ -27,10 +27,12 @@ struct LocatedDocument {
   DirectoryEntry entry() const { return DirectoryEntry::from(record, stamp, share->configuration()); }
 };
 
-// Holds on to the changes of a document while it lives.
+// Holds on to the changes of documents while it lives.
 struct Attention {
-  std::shared_ptr<void> hold;
+  std::vector<std::shared_ptr<void>> hold;
   bool announced = true;  // else somebody has to look from time to time
+  // Of each document that is a file, in their order: the directory where it was then.
+  std::vector<std::optional<DocumentIdentifier>> directories;
 };
 
 // Finds documents by their identifiers and keeps the directories that are in use, always looking at the disk before it
@@ -80,12 +82,14 @@ class DirectoryCatalog {
   StoreResult<void> refresh(KnownDirectory& directory, const LocatedDocument& located,
                             const ClientDates* dates = nullptr);
 
-  // Keeps the documents' changes coming to `changed` until the answers are let go of: a directory's own and its
-  // entries', or those of the directory that a file is in. One answer a directory; none of what is not there.
-  std::vector<Attention> attend(const std::vector<DocumentIdentifier>& documents);
-  // The current versions of those files that stand in a directory with others of them, looking at each directory once.
+  // Keeps the documents' changes coming to `changed` until the answer is let go of: a directory's own and its entries',
+  // or those of the directory that a file is in. What is not there is passed over.
+  Attention attend(const std::vector<DocumentIdentifier>& documents);
+  // The current versions of files that are many in their directories, looking at each of these once. The directories
+  // are as of attend(); a file that is not there any more is left out like one that has too few beside it.
   using Versions = std::unordered_map<DocumentIdentifier, VersionDigest, DocumentIdentifierHash>;
-  Versions versionsOfNeighbours(const std::vector<DocumentIdentifier>& documents);
+  Versions versionsOfNeighbours(const std::vector<DocumentIdentifier>& documents,
+                                const std::vector<std::optional<DocumentIdentifier>>& directories);
   void refresh(const DocumentIdentifier& directory);
   // Attended directories whose changes nobody announces.
   std::vector<DocumentIdentifier> unannounced();
@@ -113,7 +117,7 @@ class DirectoryCatalog {
   };
   struct Merge;
 
-  std::optional<Attention> attendDirectory(const DocumentIdentifier& directory);
+  void attendDirectory(const DocumentIdentifier& directory, Attention& attention);
   StoreResult<Place> place(const DocumentIdentifier& document) const;
   StoreResult<std::shared_ptr<KnownDirectory>> known(const LocatedDocument& located);
   void evictBeyondBudget(std::vector<std::shared_ptr<KnownDirectory>>& evicted);

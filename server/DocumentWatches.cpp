@@ -20,7 +20,7 @@ struct DocumentWatches::Watch {
   std::vector<DocumentVersion> documents;
   std::mutex mutex;                     // guards the handler and the attention
   DocumentStore::WatchHandler handler;  // empty once answered or cancelled
-  std::vector<std::shared_ptr<void>> attention;
+  std::shared_ptr<const Attention> attention;
   bool queued = false;  // guarded by the list's mutex
 };
 
@@ -75,21 +75,18 @@ std::unique_ptr<DocumentWatch> DocumentWatches::add(std::vector<DocumentVersion>
   std::vector<DocumentIdentifier> identifiers;
   identifiers.reserve(watch->documents.size());
   for (const DocumentVersion& document : watch->documents) {
-    const auto identifier = DocumentIdentifier::fromData(document.document);
-    if (identifier) identifiers.push_back(identifier->document());
+    identifiers.push_back(DocumentIdentifier::fromData(document.document).value_or(DocumentIdentifier()).document());
   }
   {
     const std::lock_guard lock(mutex_);
     ++open_;
-    for (const DocumentIdentifier& identifier : identifiers) byDocument_[identifier].insert(watch);
+    for (const DocumentIdentifier& identifier : identifiers) {
+      if (identifier != DocumentIdentifier{}) byDocument_[identifier].insert(watch);
+    }
   }
   // Registered first and looked at afterwards, so that no change falls between. Attending looks at the disk.
-  std::vector<std::shared_ptr<void>> attention;
-  bool announced = true;
-  for (Attention& attended : source_.attend(identifiers)) {
-    announced = announced && attended.announced;
-    attention.push_back(std::move(attended.hold));
-  }
+  auto attention = std::make_shared<const Attention>(source_.attend(identifiers));
+  const bool announced = attention->announced;
   {
     const std::lock_guard lock(watch->mutex);
     if (watch->handler) watch->attention = std::move(attention);
@@ -146,7 +143,12 @@ void DocumentWatches::run() {
 void DocumentWatches::check(const std::shared_ptr<Watch>& watch, bool force) {
   std::vector<DocumentVersion> current;
   bool differs = force || watch->documents.empty();
-  const auto versions = source_.currentVersions(watch->documents);
+  std::shared_ptr<const Attention> attention;
+  {
+    const std::lock_guard lock(watch->mutex);
+    attention = watch->attention;
+  }
+  const auto versions = source_.currentVersions(watch->documents, attention.get());
   for (std::size_t i = 0; i < versions.size(); ++i) {
     const DocumentVersion& document = watch->documents[i];
     const StoreResult<Data>& version = versions[i];
@@ -174,7 +176,7 @@ void DocumentWatches::check(const std::shared_ptr<Watch>& watch, bool force) {
 }
 
 void DocumentWatches::close(const std::shared_ptr<Watch>& watch) {
-  std::vector<std::shared_ptr<void>> attention;
+  std::shared_ptr<const Attention> attention;  // goes after the lock
   {
     const std::lock_guard lock(watch->mutex);
     attention = std::move(watch->attention);

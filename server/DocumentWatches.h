@@ -27,10 +27,11 @@ class DocumentWatches {
   class Source {
    public:
     virtual ~Source() = default;
-    // One for each document, in the same order.
-    virtual std::vector<StoreResult<Data>> currentVersions(const std::vector<DocumentVersion>& documents) = 0;
-    // Makes changes of the documents known through documentsChanged() until the answers are let go of.
-    virtual std::vector<Attention> attend(const std::vector<DocumentIdentifier>& documents) = 0;
+    // One for each document, in the same order. The attention is what was answered for them, if they were attended to.
+    virtual std::vector<StoreResult<Data>> currentVersions(const std::vector<DocumentVersion>& documents,
+                                                           const Attention* attention) = 0;
+    // Makes changes of the documents known through documentsChanged() until the answer is let go of.
+    virtual Attention attend(const std::vector<DocumentIdentifier>& documents) = 0;
     // Looks at a directory again.
     virtual void refresh(const DocumentIdentifier& directory) = 0;
     // Directories that must be looked at from time to time, since nothing tells of their changes.

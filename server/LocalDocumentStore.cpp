@@ -264,20 +264,20 @@ std::unique_ptr<DocumentWatch> LocalDocumentStore::watch(std::vector<DocumentVer
   return watches_.add(std::move(documents), std::move(handler));
 }
 
-std::vector<StoreResult<Data>> LocalDocumentStore::currentVersions(const std::vector<DocumentVersion>& documents) {
+std::vector<StoreResult<Data>> LocalDocumentStore::currentVersions(const std::vector<DocumentVersion>& documents,
+                                                                   const Attention* attention) {
   std::vector<DocumentIdentifier> identifiers;
   identifiers.reserve(documents.size());
   for (const DocumentVersion& each : documents) {
-    const auto identifier = DocumentIdentifier::fromData(each.document);
-    if (identifier && documents.size() > 1) identifiers.push_back(identifier->document());
+    identifiers.push_back(DocumentIdentifier::fromData(each.document).value_or(DocumentIdentifier()).document());
   }
-  const auto neighbours = catalog_.versionsOfNeighbours(identifiers);
+  const auto neighbours =
+      attention ? catalog_.versionsOfNeighbours(identifiers, attention->directories) : DirectoryCatalog::Versions();
   std::vector<StoreResult<Data>> versions;
   versions.reserve(documents.size());
-  for (const DocumentVersion& each : documents) {
-    const auto identifier = DocumentIdentifier::fromData(each.document);
-    const auto found = identifier ? neighbours.find(identifier->document()) : neighbours.end();
-    versions.push_back(found == neighbours.end() ? currentVersion(each.document) : found->second.data());
+  for (std::size_t i = 0; i < documents.size(); ++i) {
+    const auto found = neighbours.find(identifiers[i]);
+    versions.push_back(found == neighbours.end() ? currentVersion(documents[i].document) : found->second.data());
   }
   return versions;
 }

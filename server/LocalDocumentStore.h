@@ -58,11 +58,10 @@ class LocalDocumentStore final : public DocumentStore, private DocumentWatches::
   StoreResult<StoredUpload> store(KnownDirectory& directory, const LocatedDocument& located, const std::string& name,
                                   const Dates& dates, Upload& upload);
 
-  std::vector<StoreResult<Data>> currentVersions(const std::vector<DocumentVersion>& documents) override;
+  std::vector<StoreResult<Data>> currentVersions(const std::vector<DocumentVersion>& documents,
+                                                 const Attention* attention) override;
   StoreResult<Data> currentVersion(const Data& document);
-  std::vector<Attention> attend(const std::vector<DocumentIdentifier>& documents) override {
-    return catalog_.attend(documents);
-  }
+  Attention attend(const std::vector<DocumentIdentifier>& documents) override { return catalog_.attend(documents); }
   void refresh(const DocumentIdentifier& directory) override { catalog_.refresh(directory); }
   std::vector<DocumentIdentifier> unannounced() override { return catalog_.unannounced(); }
 

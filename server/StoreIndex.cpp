@@ -191,6 +191,30 @@ StoreResult<std::optional<DocumentRecord>> StoreIndex::find(const DocumentIdenti
   });
 }
 
+StoreResult<std::vector<std::optional<DocumentIdentifier>>> StoreIndex::directoriesOfFiles(
+    const std::vector<DocumentIdentifier>& documents) const {
+  static const std::string text = std::string(kColumns) + "WHERE document = ?";
+  const std::lock_guard lock(reader_->mutex);
+  return guarded([&] {
+    std::vector<std::optional<DocumentIdentifier>> directories;
+    directories.reserve(documents.size());
+    // One transaction: locking the file for each would cost more than reading.
+    SQLite::Transaction transaction(reader_->database);
+    auto& select = reader_->statement(text.c_str());
+    for (const DocumentIdentifier& document : documents) {
+      auto& directory = directories.emplace_back();
+      bind(select, 1, document);
+      if (select.executeStep()) {
+        const DocumentRecord record = recordIn(select);
+        if (!record.identity.directory) directory = record.parent;
+      }
+      select.reset();
+    }
+    transaction.commit();
+    return directories;
+  });
+}
+
 StoreResult<std::optional<DocumentRecord>> StoreIndex::at(const DocumentIdentifier& parent,
                                                           const std::string& name) const {
   static const std::string text = std::string(kColumns) + "WHERE parent = ? AND name = ?";

@@ -45,6 +45,9 @@ class StoreIndex {
   StoreResult<Share> share(const std::string& name);
 
   StoreResult<std::optional<DocumentRecord>> find(const DocumentIdentifier& identifier) const;
+  // The directory that each of the documents is in, in the same order: none where it is unknown or a directory itself.
+  StoreResult<std::vector<std::optional<DocumentIdentifier>>> directoriesOfFiles(
+      const std::vector<DocumentIdentifier>& documents) const;
   // The record that has, or had, this place; the missing ones included.
   StoreResult<std::optional<DocumentRecord>> at(const DocumentIdentifier& parent, const std::string& name) const;
   StoreResult<std::vector<DocumentRecord>> childrenOf(const DocumentIdentifier& parent) const;

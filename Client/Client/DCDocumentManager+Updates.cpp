@@ -116,6 +116,8 @@ void DCDocumentManager::_didDownloadUpdate(const Data& documentIdentifier, const
   Update& update = found->second;
   update.isDownloading = false;
   bool agrees = update.item->versionIdentifier() == update.versionIdentifier;
+  // Of several downloads whose cookie was refused not all have signed in again.
+  const bool maySucceedAtOnce = !error || error->is(URLErrorDomain, 401);
   // A version that came in answer to the report, and is another, is newer. The watch goes on from the reported one and
   // is answered with the newest at once.
   const bool hasMovedOn = !error && !update.joinsDownload && update.item->versionIdentifier() != update.versionBefore;
@@ -129,7 +131,7 @@ void DCDocumentManager::_didDownloadUpdate(const Data& documentIdentifier, const
   } else if (update.item->isUnsent()) {
     // The local bytes are newer than anything known; when they have been sent the server says what it has.
     updates_.erase(found);
-  } else if (!error && !hasMovedOn && update.attempts < kAttemptsAtOnce) {
+  } else if (maySucceedAtOnce && !hasMovedOn && update.attempts < kAttemptsAtOnce) {
     _continueUpdate(documentIdentifier);
   } else {
     _setUpdateTimer();

@@ -163,8 +163,10 @@ class WatchFixture : public testing::Test {
   }
   // Until the request has ended, as it does without a server; or the server has been asked.
   void untilEndedOrWaiting() {
-    untilTrue([&] { return !isFetching() || remoteManager().isWaitingForUpdates(); });
-    settle();
+    for (int i = 0; i < 2; ++i) {
+      untilTrue([&] { return !isFetching() || remoteManager().isWaitingForUpdates(); });
+      settle();
+    }
   }
   // Log lines that begin so.
   std::size_t countOfLines(std::string_view beginning) const {

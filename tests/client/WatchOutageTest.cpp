@@ -156,9 +156,10 @@ TEST_F(WatchBehindProxy, EndsWithinAStepOfAServerThatFails) {
     clock.advance(seconds(2));
     untilPausesAre(answered);
   }
-  EXPECT_EQ(failing.requests().size(), 2U);
+  EXPECT_GE(failing.requests().size(), 2U);
   proxy.setTarget(server.port());
-  clock.advance(seconds(4));
+  // Second by second, since an attempt may still be under way to the one that fails.
+  for (int i = 0; i < 4; ++i) pass(seconds(1));
   expectNothingMissed();
 }
 

@@ -82,6 +82,37 @@ TEST_F(DocumentWatchesTest, LeavesOutWhatIsGone) {
   EXPECT_EQ(status(watch({}).answer.get()), 404);
 }
 
+TEST_F(DocumentWatchesTest, TellsNeighboursApart) {
+  makeFolder("folder");
+  makeFolder("elsewhere");
+  for (const char* name : {"edited", "moved", "removed", "same"}) make("folder/" + std::string(name), "1");
+  open();
+  std::vector<DocumentVersion> watched;
+  for (const char* name : {"edited", "moved", "removed", "same"})
+    watched.push_back(pair("folder/" + std::string(name)));
+  Watching watching = watch(watched);
+  append("folder/edited");
+  Answer answer = watching.answer.get();
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(*answer, (std::vector<DocumentVersion>{pair("folder/edited"), watched[1], watched[2], watched[3]}));
+  EXPECT_NE(answer->at(0), watched[0]);
+
+  rename("folder/moved", "elsewhere/moved");
+  remove("folder/removed");
+  entries(identifier(entry("elsewhere")));
+  const std::vector<DocumentVersion> now = {pair("folder/edited"), pair("elsewhere/moved"), watched[3]};
+  EXPECT_EQ(now[1].document, watched[1].document);
+  answer = watch(*answer).answer.get();
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(*answer, now);
+  // And is told of again, where it is now.
+  watching = watch(now);
+  append("elsewhere/moved");
+  answer = watching.answer.get();
+  ASSERT_TRUE(answer);
+  EXPECT_NE(answer->at(1), now[1]);
+}
+
 TEST_F(DocumentWatchesTest, AnswersUnchangedOnRequestAndNothingOnceCancelled) {
   make("file", "1");
   open();
