@@ -2,6 +2,7 @@
 
 #include "platform/Crypto.h"
 #include "platform/Encoding.h"
+#include "platform/UnixSocketAddress.h"
 
 #include <algorithm>
 #include <atomic>
@@ -52,16 +53,6 @@ std::uint64_t* mapCounters(int folder) {
   return mapped == MAP_FAILED ? nullptr : static_cast<std::uint64_t*>(mapped);
 }
 
-// A folder's path may be longer than the 107 bytes of a socket address: then it goes by its descriptor.
-sockaddr_un addressOf(const std::string& folder, int descriptor, const std::string& name) {
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::string path = folder + "/" + name;
-  if (path.size() >= sizeof address.sun_path) path = "/proc/self/fd/" + std::to_string(descriptor) + "/" + name;
-  path.copy(address.sun_path, sizeof address.sun_path - 1);
-  return address;
-}
-
 FileDescriptor makeSocket() { return FileDescriptor(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)); }
 
 // The errno, or 0. A fresh socket for each datagram: what a stopped receiver leaves unread is charged to the sending
@@ -89,7 +80,7 @@ void forEachSocket(const std::string& folder, Visit&& visit) {
 
 void removeDeadSockets(const std::string& folder) {
   forEachSocket(folder, [&](int descriptor, const std::string& name) {
-    sockaddr_un address = addressOf(folder, descriptor, name);
+    sockaddr_un address = unixSocketAddress(folder, descriptor, name);
     FileDescriptor probe = makeSocket();
     if (!probe.valid()) return;
     if (connect(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) return;
@@ -118,7 +109,7 @@ Result<std::unique_ptr<NotificationSocket>> NotificationSocket::bind(const std::
 
   // Bound under another name first: between the making of the name and the binding a poster would take it for dead.
   std::string temporary = "." + name;
-  sockaddr_un address = addressOf(folder, directory.get(), temporary);
+  sockaddr_un address = unixSocketAddress(folder, directory.get(), temporary);
   if (::bind(result->descriptor(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
       fchmodat(directory.get(), temporary.c_str(), 0600, 0) != 0 ||
       renameat(directory.get(), temporary.c_str(), directory.get(), name.c_str()) != 0) {
@@ -160,7 +151,7 @@ bool NotificationSocket::takeMissed() {
 void NotificationSocket::sendToOthers(const std::string& folder, const std::string& ownName, const Data& message) {
   forEachSocket(folder, [&](int descriptor, const std::string& name) {
     if (name == ownName) return;
-    sockaddr_un address = addressOf(folder, descriptor, name);
+    sockaddr_un address = unixSocketAddress(folder, descriptor, name);
     int failure = sendDatagram(address, message.span());
     if (failure == 0 || failure == ENOENT) return;
     if (failure == ECONNREFUSED) {

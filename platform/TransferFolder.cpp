@@ -1,5 +1,7 @@
 #include "platform/TransferFolder.h"
 
+#include "platform/UnixSocketAddress.h"
+
 #include <cerrno>
 #include <cstring>
 
@@ -17,16 +19,6 @@ constexpr char kSocketName[] = "agent.socket";
 constexpr char kNewSocketName[] = "agent.socket.new";
 constexpr char kMarkName[] = "tasks";
 constexpr int kBacklog = 64;
-
-// A folder's path may be longer than the 107 bytes of a socket address: then it goes by its descriptor.
-sockaddr_un addressOf(const std::string& folder, int descriptor, const std::string& name) {
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::string path = folder + "/" + name;
-  if (path.size() >= sizeof address.sun_path) path = "/proc/self/fd/" + std::to_string(descriptor) + "/" + name;
-  path.copy(address.sun_path, sizeof address.sun_path - 1);
-  return address;
-}
 
 const sockaddr* generic(const sockaddr_un& address) { return reinterpret_cast<const sockaddr*>(&address); }
 
@@ -64,7 +56,7 @@ Result<FileDescriptor> TransferFolder::listen() const {
   FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   if (!directory.valid() || !socket.valid()) return Failure(Error::posix(errno, path_));
   // Under another name until it listens: who finds the socket is served.
-  sockaddr_un address = addressOf(path_, directory.get(), kNewSocketName);
+  sockaddr_un address = unixSocketAddress(path_, directory.get(), kNewSocketName);
   unlinkat(directory.get(), kNewSocketName, 0);
   if (bind(socket.get(), generic(address), sizeof address) != 0 ||
       fchmodat(directory.get(), kNewSocketName, 0600, 0) != 0 || ::listen(socket.get(), kBacklog) != 0 ||
@@ -80,7 +72,7 @@ Result<FileDescriptor> TransferFolder::connect() const {
   FileDescriptor directory(::open(path_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   if (!directory.valid() || !socket.valid()) return Failure(Error::posix(errno, path_));
-  sockaddr_un address = addressOf(path_, directory.get(), kSocketName);
+  sockaddr_un address = unixSocketAddress(path_, directory.get(), kSocketName);
   if (::connect(socket.get(), generic(address), sizeof address) != 0) return Failure(Error::posix(errno, path_));
   return socket;
 }
