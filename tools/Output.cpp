@@ -9,19 +9,6 @@ namespace florvane::tools {
 
 namespace {
 
-bool isTransportFailure(const Error& error) {
-  if (error.domain() != URLErrorDomain) return false;
-  switch (error.code()) {
-    case URLErrorTimedOut:
-    case URLErrorCannotConnectToHost:
-    case URLErrorNetworkConnectionLost:
-    case URLErrorDNSLookupFailed:
-      return true;
-    default:
-      return false;
-  }
-}
-
 bool isTrustFailure(const Error& error) {
   return error.domain() == URLErrorDomain && error.code() <= URLErrorSecureConnectionFailed &&
          error.code() >= URLErrorClientCertificateRequired;
@@ -40,6 +27,11 @@ std::string sentenceForTransport(const Error& error, const std::string& server) 
   }
 }
 
+// An answer that says nothing of user name and password.
+bool isAnswerOfBrokenServer(const Error& error) {
+  return error.localizedDescription().find("failed with HTTP ") != std::string::npos;
+}
+
 std::string sentenceForSignIn(const Error& error, const std::string& server) {
   switch (error.code()) {
     case HTTPSASLErrorMissingCredentials:
@@ -49,6 +41,10 @@ std::string sentenceForSignIn(const Error& error, const std::string& server) {
              " does not offer secure sign-in, and its certificate is not trusted by this system, so no password was "
              "sent. Ask the server's administrator.";
     case HTTPSASLErrorAuthenticationFailed:
+      if (isAnswerOfBrokenServer(error)) {
+        return "Signing in to " + server + " failed: " + error.localizedDescription() + ". See the server's own log.";
+      }
+      [[fallthrough]];
     case HTTPSASLErrorPlainFailed:
       return "The server " + server +
              " refused the sign-in. Check user name and password; to change them, remove the "
@@ -72,10 +68,10 @@ void silenceLibrary() {
 
 CommandFailure failureForError(const Error& error, const std::string& server, const std::string& what) {
   std::string prefix = what.empty() ? "" : what + ": ";
-  if (isTransportFailure(error) || error.is(DCErrorDomain, 2)) {
+  if (pc_isConnectionFailure(error) || error.is(DCErrorDomain, 2)) {
     // The library's own error says that the server could not be asked, what lies below it says why.
     const Error* cause = &error;
-    while (cause->underlyingError() && !isTransportFailure(*cause)) cause = cause->underlyingError();
+    while (cause->underlyingError() && !pc_isConnectionFailure(*cause)) cause = cause->underlyingError();
     return {ExitStatus::Offline, sentenceForTransport(*cause, server), error};
   }
   if (error.domain() == HTTPSASLErrorDomain) {
@@ -90,6 +86,12 @@ CommandFailure failureForError(const Error& error, const std::string& server, co
   }
   if (error.is(URLErrorDomain, 401)) {
     return {ExitStatus::SigningInFailed, "The server " + server + " no longer accepts the sign-in. Try again.", error};
+  }
+  if (error.is(SQLiteErrorDomain, SQLiteStoreNewerVersionError)) {
+    return {ExitStatus::Failed,
+            prefix + error.localizedDescription() +
+                " Nothing of it was changed. Use that version, or keep a container of your own with --container.",
+            error};
   }
   if (error.is(URLErrorDomain, 404) || error.is(DCErrorDomain, 11)) {
     return {ExitStatus::NoSuchItem, prefix + "No such item.", error};

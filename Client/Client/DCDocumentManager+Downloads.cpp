@@ -26,25 +26,12 @@ constexpr int kMostAttempts = 3;
 constexpr std::int64_t kUnauthorized = 401;
 constexpr std::uint64_t kMostBytesOfTextListing = std::uint64_t{512} << 20U;
 
-bool isConnectionFailure(const Error& error) {
-  if (error.domain() != URLErrorDomain) return false;
-  switch (error.code()) {
-    case URLErrorTimedOut:
-    case URLErrorCannotConnectToHost:
-    case URLErrorNetworkConnectionLost:
-    case URLErrorDNSLookupFailed:
-      return true;
-    default:
-      return false;
-  }
-}
-
 // The transport's failure in the error itself or, of a sign-in that could not reach the server, below it.
 const Error* connectionFailureOf(const Error& error) {
-  if (isConnectionFailure(error)) return &error;
+  if (pc_isConnectionFailure(error)) return &error;
   const bool isOfSignIn = error.domain() == HTTPSASLErrorDomain;
   for (const Error* cause = error.underlyingError(); isOfSignIn && cause; cause = cause->underlyingError()) {
-    if (isConnectionFailure(*cause)) return cause;
+    if (pc_isConnectionFailure(*cause)) return cause;
   }
   return nullptr;
 }

@@ -142,6 +142,19 @@ std::optional<Error> DCError::transformFileManagerError(const std::optional<Erro
   return std::nullopt;
 }
 
+bool pc_isConnectionFailure(const Error& error) {
+  if (error.domain() != URLErrorDomain) return false;
+  switch (error.code()) {
+    case URLErrorTimedOut:
+    case URLErrorCannotConnectToHost:
+    case URLErrorNetworkConnectionLost:
+    case URLErrorDNSLookupFailed:
+      return true;
+    default:
+      return false;
+  }
+}
+
 bool pc_isDCErrorWithCode(const Error& error, std::int64_t code) { return error.is(DCErrorDomain, code); }
 
 bool pc_isQuilbarErrorWithCode(const Error& error, std::int64_t code) { return error.is(QuilbarErrorDomain, code); }

@@ -67,6 +67,8 @@ class DCError {
   static Dictionary userInfoWithPaths(const DCRelativePath& relativePath, const DCFullPath* fullPath);
 };
 
+// Whether the transport could not reach the server, or lost it: what becomes the client's error 2.
+bool pc_isConnectionFailure(const Error& error);
 bool pc_isDCErrorWithCode(const Error& error, std::int64_t code);
 // The same for the platform's general domain: file system and object library.
 bool pc_isQuilbarErrorWithCode(const Error& error, std::int64_t code);
