@@ -15,23 +15,9 @@ namespace {
 
 constexpr char kSource[] = "Client/Client/DCDocumentManager";
 
-const Value* valueOf(const Value& entry, const Key& key) {
-  const DictionaryEntry* entries = entry.dictionaryBegin();
-  for (std::size_t i = 0; entries && i < entry.dictionarySize(); ++i) {
-    if (entries[i].key == key) return &entries[i].value;
-  }
-  return nullptr;
-}
-
-std::string_view nameOf(const Value& entry) {
-  static const Key key(ResourceNameKey);
-  const Value* name = valueOf(entry, key);
-  return name ? name->asString().value_or(std::string_view()) : std::string_view();
-}
-
 bool isOfDocument(const Value& entry, const Data& documentIdentifier) {
   static const Key key(FVDocumentIdentifierKey);
-  const Value* identifier = valueOf(entry, key);
+  const Value* identifier = DCDirectoryContents::valueOfEntry(entry, key);
   return identifier && identifier->kind() == Value::Kind::Data && identifier->dataBytes() == documentIdentifier.view();
 }
 
@@ -75,8 +61,8 @@ std::optional<DCDirectoryChanges::Child> DCDirectoryChanges::childOfEntry(const 
   static const Key typeKey(ResourceFileResourceTypeKey);
   Child child;
   child.entry = &entry;
-  child.name = nameOf(entry);
-  const Value* identifier = valueOf(entry, identifierKey);
+  child.name = DCDirectoryContents::nameOfEntry(entry);
+  const Value* identifier = DCDirectoryContents::valueOfEntry(entry, identifierKey);
   auto documentIdentifier = identifier ? identifier->asData() : std::nullopt;
   if (!documentIdentifier) {
     DCLogInfo("%@: Skipping entry, metadata missing document identifier: %@", *manager_, entry);
@@ -88,7 +74,7 @@ std::optional<DCDirectoryChanges::Child> DCDirectoryChanges::childOfEntry(const 
     return std::nullopt;
   }
   child.documentIdentifier = *documentIdentifier;
-  const Value* type = valueOf(entry, typeKey);
+  const Value* type = DCDirectoryContents::valueOfEntry(entry, typeKey);
   child.isDirectory = type && type->asString() == std::string_view(ResourceTypeDirectory);
   return child;
 }
@@ -166,7 +152,7 @@ void DCDirectoryChanges::settle(const Child& child) {
   if (recorded != identifiersByPath_.end() && recorded->second == documentIdentifier) {
     const bool isKept = database_->knownOtherMetadataForDocumentIdentifier(documentIdentifier) != nullptr;
     const Value* before = previousEntry(documentIdentifier);
-    const bool isChanged = before && nameOf(*before) == child.name;
+    const bool isChanged = before && DCDirectoryContents::nameOfEntry(*before) == child.name;
     const bool isWorthLooking = isKept || (isChanged && hooks_.isInteresting(path));
     if (!isWorthLooking && !manager_->knownItem(path)) return;
     if (auto item = itemAt(path, child.isDirectory)) {
@@ -248,7 +234,7 @@ DCCachedItem::Ptr DCDirectoryChanges::replace(const DCCachedItem::Ptr& old, cons
     }
     const Value* itsEntry =
         previousDocumentIdentifier ? current_->entryWithDocumentIdentifier(*previousDocumentIdentifier) : nullptr;
-    if (itsEntry && nameOf(*itsEntry) != child.name) {
+    if (itsEntry && DCDirectoryContents::nameOfEntry(*itsEntry) != child.name) {
       // It lives on under another name of this listing, where it goes at once; its own turn finds it there.
       auto itsChild = childOfEntry(*itsEntry);
       if (itsChild && itsChild->isDirectory == isDirectoryItem(old)) {

@@ -14,7 +14,14 @@ namespace {
 
 constexpr char kSource[] = "Client/Client/DCDirectoryContents";
 
-const Value* find(const Value& entry, const Key& key) {
+}  // namespace
+
+bool DCDirectoryContents::isLegalChildName(std::string_view name) {
+  if (name.empty() || name == "." || name == ".." || name.size() > NAME_MAX) return false;
+  return name.find('/') == std::string_view::npos && name.find('\0') == std::string_view::npos && isValidUTF8(name);
+}
+
+const Value* DCDirectoryContents::valueOfEntry(const Value& entry, const Key& key) {
   const DictionaryEntry* entries = entry.dictionaryBegin();
   for (std::size_t i = 0; entries && i < entry.dictionarySize(); ++i) {
     if (entries[i].key == key) return &entries[i].value;
@@ -22,18 +29,10 @@ const Value* find(const Value& entry, const Key& key) {
   return nullptr;
 }
 
-// Empty, which no name is, when there is none.
-std::string_view nameOf(const Value& entry) {
+std::string_view DCDirectoryContents::nameOfEntry(const Value& entry) {
   static const Key key(ResourceNameKey);
-  const Value* name = find(entry, key);
+  const Value* name = valueOfEntry(entry, key);
   return name ? name->asString().value_or(std::string_view()) : std::string_view();
-}
-
-}  // namespace
-
-bool DCDirectoryContents::isLegalChildName(std::string_view name) {
-  if (name.empty() || name == "." || name == ".." || name.size() > NAME_MAX) return false;
-  return name.find('/') == std::string_view::npos && name.find('\0') == std::string_view::npos && isValidUTF8(name);
 }
 
 DCDirectoryContents::Ptr DCDirectoryContents::contentsWithEntries(const Array& entries) {
@@ -42,7 +41,7 @@ DCDirectoryContents::Ptr DCDirectoryContents::contentsWithEntries(const Array& e
   std::size_t count = 0;
   contents->byName_.reserve(entries.size());
   for (std::size_t i = 0; i < entries.size(); ++i) {
-    std::string_view name = nameOf(entries[i]);
+    std::string_view name = nameOfEntry(entries[i]);
     if (!isLegalChildName(name)) {
       DCAssertionFailed(kSource, __LINE__, "childName");
       continue;
@@ -61,7 +60,7 @@ DCDirectoryContents::Ptr DCDirectoryContents::contentsWithEntries(const Array& e
   static const Key identifierKey(FVDocumentIdentifierKey);
   contents->byDocumentIdentifier_.reserve(count);
   for (std::size_t i = 0; i < count; ++i) {
-    const Value* identifier = find(contents->entries_[i], identifierKey);
+    const Value* identifier = valueOfEntry(contents->entries_[i], identifierKey);
     if (identifier && identifier->kind() == Value::Kind::Data) {
       contents->byDocumentIdentifier_.emplace(identifier->dataBytes(), i);
     }

@@ -21,6 +21,10 @@ class DCDirectoryContents {
   static Ptr contentsWithEntries(const Array& entries);
   // Whether an item may be called so.
   static bool isLegalChildName(std::string_view name);
+  // Of one entry, without a copy; null when there is none. Lives as long as the entry.
+  static const Value* valueOfEntry(const Value& entry, const Key& key);
+  // Empty, which no name is, when there is none.
+  static std::string_view nameOfEntry(const Value& entry);
 
   const Array& entries() const { return entries_; }
   // Null when there is none; lives as long as this object.
