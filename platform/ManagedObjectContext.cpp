@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <unordered_set>
 
+#include <sqlite3.h>
+
 namespace florvane {
 
 namespace {
@@ -100,6 +102,7 @@ void ManagedObjectContext::removePersistentStore() {
     options_.reset();
     store_.reset();
     storeError_.reset();
+    hasStore_ = false;
     std::lock_guard lock(mutex_);
     for (auto& objects : unsaved_) {
       for (auto& [serial, object] : objects) object->state_ = State::Gone;
@@ -115,6 +118,23 @@ void ManagedObjectContext::removePersistentStore() {
   });
 }
 
+Result<void> ManagedObjectContext::renewPersistentStore(const std::vector<std::size_t>& keptEntities) {
+  return performAndWait([&]() -> Result<void> {
+    if (!options_) return Failure(Error(SQLiteErrorDomain, SQLITE_MISUSE, "There is no store."));
+    std::vector<std::string> tables;
+    tables.reserve(keptEntities.size());
+    for (std::size_t entity : keptEntities) tables.push_back(model_.entities[entity].name);
+    if (auto renewed = SQLiteStore::renew(*options_, tables); !renewed) return renewed;
+    reopen();
+    return store_ ? Result<void>() : Result<void>(Failure(*storeError_));
+  });
+}
+
+std::optional<Error> ManagedObjectContext::storeError() {
+  if (hasStore_.load()) return std::nullopt;
+  return performAndWait([&] { return storeError_; });
+}
+
 void ManagedObjectContext::reopen() {
   store_.reset();
   storeError_.reset();
@@ -126,6 +146,7 @@ void ManagedObjectContext::reopen() {
   } else {
     storeError_ = opened.error();
   }
+  hasStore_ = store_ != nullptr;
 }
 
 bool ManagedObjectContext::usableStore() {

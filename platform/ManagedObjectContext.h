@@ -66,6 +66,11 @@ class ManagedObjectContext : public std::enable_shared_from_this<ManagedObjectCo
   Result<void> addPersistentStore(SQLiteStore::Options options);
   // Closes the store and drops what is not saved; every object counts as deleted from then on.
   void removePersistentStore();
+  // Puts a new store in the place of this one, with the records of those entities and no others. Their objects, and
+  // what is unsaved, stay. On failure nothing has changed.
+  Result<void> renewPersistentStore(const std::vector<std::size_t>& keptEntities);
+  // Why there is no store; absent while there is one.
+  std::optional<Error> storeError();
 
   // Runs the work on the queue, and nobody waits for it.
   void perform(WorkItem work) { queue_->async(std::move(work)); }
@@ -147,6 +152,7 @@ class ManagedObjectContext : public std::enable_shared_from_this<ManagedObjectCo
   const std::shared_ptr<SerialQueue> queue_;
   // Rises whenever another process may have changed the store; objects read before are stale.
   std::atomic<std::uint64_t> version_{1};
+  std::atomic<bool> hasStore_{false};
 
   // On the queue only.
   std::optional<SQLiteStore::Options> options_;

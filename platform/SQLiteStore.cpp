@@ -30,9 +30,17 @@ Error errorOf(const SQLite::Exception& exception) {
   return Error(SQLiteErrorDomain, code, exception.what());
 }
 
+constexpr char kLogSuffix[] = "-wal";
+
 void removeLog(const std::string& path) {
-  unlink((path + "-wal").c_str());
+  unlink((path + kLogSuffix).c_str());
   unlink((path + "-shm").c_str());
+}
+
+Error newerVersion(const std::string& path, int version) {
+  return Error(SQLiteErrorDomain, SQLiteStoreNewerVersionError,
+               "The store \"" + path + "\" has version " + std::to_string(version) +
+                   " and was written by a newer version of this software.");
 }
 
 // A log that outlives its last connection is read again by the next one; checkpoints are made under the lock only.
@@ -155,16 +163,28 @@ std::optional<Error> SQLiteStore::guarded(const std::function<void()>& body) {
   }
 }
 
-Result<void> SQLiteStore::check(const std::string& path) {
+Result<void> SQLiteStore::check(const Options& options) {
+  const std::string& path = options.path;
   struct stat status{};
   if (::stat(path.c_str(), &status) != 0 && errno == ENOENT) return {};
+  auto lock = FileLock::acquire(options.lockPath, true);
+  if (!lock) return Failure(lock.error());
+  std::optional<FileLock> held = std::move(*lock);
+  const bool hadLog = fileExists(path + kLogSuffix);
+  int version = 0;
   std::string answer;
-  if (auto error = guarded([&] {
-        SQLite::Database database(path, SQLite::OPEN_READWRITE, kBusyMilliseconds);
-        keepLogAtClose(database);
-        answer = database.execAndGet("PRAGMA quick_check(1)").getString();
-      })) {
-    return Failure(*error);
+  auto error = guarded([&] {
+    SQLite::Database database(path, SQLite::OPEN_READWRITE, kBusyMilliseconds);
+    keepLogAtClose(database);
+    version = database.execAndGet("PRAGMA user_version").getInt();
+    if (version > static_cast<int>(options.migrations.size())) return;
+    held.reset();  // reading it through may take long
+    answer = database.execAndGet("PRAGMA quick_check(1)").getString();
+  });
+  if (error) return Failure(*error);
+  if (version > static_cast<int>(options.migrations.size())) {
+    if (!hadLog) removeLog(path);
+    return Failure(newerVersion(path, version));
   }
   if (answer != "ok") return Failure(Error(SQLiteErrorDomain, SQLITE_CORRUPT, answer));
   return {};
@@ -194,6 +214,7 @@ Result<void> SQLiteStore::replaceDamagedStore(const Options& options, const Erro
 Result<std::unique_ptr<SQLiteStore>> SQLiteStore::openLocked(const Options& options) {
   if (auto placed = putRescuedStoreInPlace(options.path); !placed) return Failure(placed.error());
   std::unique_ptr<SQLiteStore> store(new SQLiteStore(options));
+  const bool hadLog = fileExists(options.path + kLogSuffix);
   int versionFound = 0;
   auto error = guarded([&] {
     store->connect();
@@ -202,9 +223,10 @@ Result<std::unique_ptr<SQLiteStore>> SQLiteStore::openLocked(const Options& opti
   });
   if (error) return Failure(*error);
   if (versionFound > static_cast<int>(options.migrations.size())) {
-    return Failure(Error(SQLiteErrorDomain, SQLiteStoreNewerVersionError,
-                         "The store \"" + options.path + "\" has version " + std::to_string(versionFound) +
-                             " and was written by a newer version of this software."));
+    store.reset();
+    // What looking at it has put beside it.
+    if (!hadLog) removeLog(options.path);
+    return Failure(newerVersion(options.path, versionFound));
   }
   return store;
 }
@@ -240,9 +262,10 @@ void SQLiteStore::migrate() {
   database.exec("PRAGMA synchronous = NORMAL");
 }
 
-Result<void> SQLiteStore::replaceLocked(const Options& options, const Error& error) {
-  const std::string rescuing = options.path + kRescuingSuffix, rescued = options.path + kRescuedSuffix;
-  std::string aside = options.path + ".damaged-" + dateForName();
+// Complete, but on no stable storage yet; with the number of the rows that it has taken over.
+Result<std::size_t> SQLiteStore::prepareSuccessorLocked(const Options& options,
+                                                        const std::vector<std::string>& tables) {
+  const std::string rescuing = options.path + kRescuingSuffix;
   std::size_t rows = 0;
   auto failure = guarded([&] {
     unlink(rescuing.c_str());
@@ -250,26 +273,52 @@ Result<void> SQLiteStore::replaceLocked(const Options& options, const Error& err
     unlink((rescuing + "-journal").c_str());
     Options fresh = options;
     fresh.path = rescuing;
-    {
-      SQLiteStore store(fresh);
-      store.connect();
-      store.migrate();
-      SQLite::Transaction transaction(*store.database_);
-      rows = rescue(options.path, *store.database_, options.rescuedTables);
-      transaction.commit();
-      // Into the file itself, which travels without its log.
-      store.database_->exec("PRAGMA wal_checkpoint(TRUNCATE)");
-      store.database_->exec("PRAGMA journal_mode = DELETE");
-    }
-    linkAside(options.path, aside);
-    linkAside(options.path + "-wal", aside + "-wal");
+    SQLiteStore store(fresh);
+    store.connect();
+    store.migrate();
+    SQLite::Transaction transaction(*store.database_);
+    rows = rescue(options.path, *store.database_, tables);
+    transaction.commit();
+    // Into the file itself, which travels without its log.
+    store.database_->exec("PRAGMA wal_checkpoint(TRUNCATE)");
+    store.database_->exec("PRAGMA journal_mode = DELETE");
   });
   if (failure) return Failure(*failure);
+  return rows;
+}
+
+Result<void> SQLiteStore::putSuccessorInPlaceLocked(const Options& options) {
+  const std::string rescuing = options.path + kRescuingSuffix, rescued = options.path + kRescuedSuffix;
   if (auto synced = syncFile(rescuing); !synced) return synced;
   if (rename(rescuing.c_str(), rescued.c_str()) != 0) return Failure(Error::fileWrite(errno, rescued));
-  if (auto placed = putRescuedStoreInPlace(options.path); !placed) return placed;
-  if (options.didReplaceDamagedStore) options.didReplaceDamagedStore({aside, rows, error});
+  return putRescuedStoreInPlace(options.path);
+}
+
+Result<void> SQLiteStore::replaceLocked(const Options& options, const Error& error) {
+  const std::string aside = options.path + ".damaged-" + dateForName();
+  auto rows = prepareSuccessorLocked(options, options.rescuedTables);
+  if (!rows) return Failure(rows.error());
+  if (auto failure = guarded([&] {
+        linkAside(options.path, aside);
+        linkAside(options.path + kLogSuffix, aside + kLogSuffix);
+      })) {
+    return Failure(*failure);
+  }
+  if (auto placed = putSuccessorInPlaceLocked(options); !placed) return placed;
+  if (options.didReplaceDamagedStore) options.didReplaceDamagedStore({aside, *rows, error});
   return {};
+}
+
+Result<void> SQLiteStore::renew(const Options& options, const std::vector<std::string>& keptTables) {
+  auto lock = FileLock::acquire(options.lockPath, true);
+  if (!lock) return Failure(lock.error());
+  // Brought to the present version first, so that the rows fit.
+  auto present = openLocked(options);
+  if (!present && isDamage(present.error())) return replaceLocked(options, present.error());
+  if (!present) return Failure(present.error());
+  present->reset();
+  auto rows = prepareSuccessorLocked(options, keptTables);
+  return rows ? putSuccessorInPlaceLocked(options) : Failure(rows.error());
 }
 
 SQLite::Statement& SQLiteStore::statement(const std::string& text) {
@@ -353,7 +402,8 @@ Result<std::int64_t> SQLiteStore::dataVersion() {
 
 bool SQLiteStore::isReplaced() const {
   struct stat status{};
-  return stat(options_.path.c_str(), &status) != 0 || status.st_dev != device_ || status.st_ino != inode_;
+  return stat(options_.path.c_str(), &status) != 0 || status.st_dev != device_ || status.st_ino != inode_ ||
+         fileExists(options_.path + kRescuedSuffix);
 }
 
 }  // namespace florvane

@@ -57,14 +57,20 @@ class SQLiteStore {
   };
 
   // Opens or makes the store and brings it to the present version, in one transaction a version. A store of a newer
-  // version is an error (SQLiteStoreNewerVersionError) and left alone. A damaged store is set aside beside it, its name
-  // with ".damaged-" and the date added, and a new one is opened; a kill in between is made good by the next opening.
+  // version is an error (SQLiteStoreNewerVersionError) and left as it is. A damaged store is set aside beside it, its
+  // name with ".damaged-" and the date added, and a new one is opened; a kill in between is made good by the next
+  // opening.
   static Result<std::unique_ptr<SQLiteStore>> open(const Options& options);
   // Sets the store aside as above, unless another process has put another in its place already.
   static Result<void> replaceDamagedStore(const Options& options, const Error& error, const SQLiteStore& damaged);
+  // Puts a new store in the place of the present one, with the rows of the named tables and their row numbers, and
+  // nothing else. Who has the old one open finds that with the next transaction; a kill leaves one of both, whole. On
+  // failure the old one stays; one of a newer version always does.
+  static Result<void> renew(const Options& options, const std::vector<std::string>& keptTables);
   static bool isDamage(const Error& error);
-  // Reads the store through without changing it; the error says what is wrong with it. Fine when there is none.
-  static Result<void> check(const std::string& path);
+  // Reads the store through without changing it; the error says what is wrong with it, or that it is a newer one. Fine
+  // when there is none.
+  static Result<void> check(const Options& options);
 
   ~SQLiteStore();
   SQLiteStore(const SQLiteStore&) = delete;
@@ -99,7 +105,7 @@ class SQLiteStore {
 
   // Differs from the last answer once another connection has changed the store.
   Result<std::int64_t> dataVersion();
-  // Whether the file at the path is another than the one that was opened, or none.
+  // Whether the file at the path is another than the one that was opened, or none, or about to be another.
   bool isReplaced() const;
 
  private:
@@ -107,6 +113,8 @@ class SQLiteStore {
   static std::optional<Error> guarded(const std::function<void()>& body);
   static Result<std::unique_ptr<SQLiteStore>> openLocked(const Options& options);
   static Result<void> replaceLocked(const Options& options, const Error& error);
+  static Result<std::size_t> prepareSuccessorLocked(const Options& options, const std::vector<std::string>& tables);
+  static Result<void> putSuccessorInPlaceLocked(const Options& options);
   void connect();
   void migrate();
   void checkpointIfLong();

@@ -88,6 +88,15 @@ std::optional<TransferTask> taskOf(SQLite::Statement& row) {
   return task;
 }
 
+SQLiteStore::Options optionsOf(const TransferFolder& folder) {
+  SQLiteStore::Options options;
+  options.path = folder.storePath();
+  options.lockPath = folder.storeLockPath();
+  options.migrations = {kSchema};
+  options.rescuedTables = {"sessions", "tasks"};
+  return options;
+}
+
 template <typename T, typename Read>
 std::vector<T> collect(SQLite::Statement& query, Read&& read) {
   std::vector<T> rows;
@@ -100,12 +109,14 @@ std::uint64_t identifierOf(SQLite::Statement& row) { return static_cast<std::uin
 
 }  // namespace
 
+Result<void> TransferStore::check(const std::string& container) {
+  if (!fileExists(container + "/Transfers/transfers.sqlite")) return {};
+  auto folder = TransferFolder::open(container);
+  return folder ? SQLiteStore::check(optionsOf(*folder)) : Failure(folder.error());
+}
+
 Result<std::unique_ptr<TransferStore>> TransferStore::open(const TransferFolder& folder, Clock& clock) {
-  SQLiteStore::Options options;
-  options.path = folder.storePath();
-  options.lockPath = folder.storeLockPath();
-  options.migrations = {kSchema};
-  options.rescuedTables = {"sessions", "tasks"};
+  SQLiteStore::Options options = optionsOf(folder);
   options.didReplaceDamagedStore = [](const SQLiteStore::Damage& damage) {
     SystemLog::shared().write({kLogError,
                                format("The store of transfers was damaged (%@). %lu rows were saved from it; it is "

@@ -22,7 +22,10 @@ class TransferStore {
   };
   enum class Durability { Process, Machine };  // what a change survives the end of
 
+  // A store that a newer version wrote is an error (SQLiteStore.h), and left as it is.
   static Result<std::unique_ptr<TransferStore>> open(const TransferFolder& folder, Clock& clock);
+  // Reads the container's store through without opening it; fine when there is none.
+  static Result<void> check(const std::string& container);
   ~TransferStore();
 
   // Changes made in the body are stored together when it has returned without error, or not at all. Nests.

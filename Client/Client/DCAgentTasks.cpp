@@ -1,6 +1,9 @@
 #include "Client/Client/DCAgentTasks.h"
 
 #include "platform/BackgroundURLSession.h"
+#include "platform/Container.h"
+#include "platform/SQLiteStore.h"
+#include "platform/TransferStore.h"
 
 #include <algorithm>
 #include <chrono>
@@ -35,6 +38,10 @@ BackgroundURLSessionPtr sessionNamed(const std::string& identifier) {
 }  // namespace
 
 Result<std::size_t> DCAgentTasks::numberOfTasksInSession(const std::string& sessionIdentifier) {
+  auto container = Container::requireDirectory();
+  auto checked = container ? TransferStore::check(*container) : Failure(container.error());
+  // Damage is made good by the agent itself.
+  if (!checked && checked.error().is(SQLiteErrorDomain, SQLiteStoreNewerVersionError)) return Failure(checked.error());
   auto session = sessionNamed(sessionIdentifier);
   auto tasks = tasksOf(*session);
   session->finishTasksAndInvalidate();

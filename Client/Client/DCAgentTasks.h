@@ -11,7 +11,8 @@ namespace florvane {
 // agent that is needed and does not run is started. Both wait for its answer, at most 10 seconds; thread-safe.
 class DCAgentTasks {
  public:
-  // An error when the agent could not be asked: that is not "none".
+  // An error when the agent could not be asked, or will not start for a store that a newer version wrote: that is not
+  // "none".
   static Result<std::size_t> numberOfTasksInSession(const std::string& sessionIdentifier);
   // Every task of the session, whoever made it.
   static Result<void> cancelTasksInSession(const std::string& sessionIdentifier);

@@ -2,6 +2,7 @@
 
 #include "Client/Client/DCPath.h"
 #include "platform/Encoding.h"
+#include "platform/FileSystem.h"
 #include "platform/SQLiteStore.h"
 
 #include <algorithm>
@@ -37,11 +38,12 @@ DCCacheExamination DCCacheExamination::examinationOfService(const std::shared_pt
   DUPathVerifyPathSetup();
   const std::string folder = join(*DUPathMetadataDirectoryPath(), kStoresDirectoryName);
   const std::string name = service->uniqueIdentifier() + ".sqlite";
+  examination.rebuildIsUnfinished = fileExists(DCDatabase::rebuildMarkOfService(*service));
   for (const auto& each : namesIn(folder)) {
     if (each.starts_with(name + kDamagedInfix)) examination.damagedStores.push_back(join(folder, each));
   }
   // Before anybody opens it: a damaged store is replaced then.
-  if (auto checked = SQLiteStore::check(join(folder, name)); !checked) {
+  if (auto checked = SQLiteStore::check(DCDatabase::storeOptions(*service)); !checked) {
     examination.storeError = checked.error();
     return examination;
   }

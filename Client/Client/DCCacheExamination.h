@@ -18,7 +18,8 @@ struct DCCacheExamination {
   // Folders of the cache that belong to none of these services.
   static std::vector<std::string> foldersOfOtherServices(const std::vector<std::string>& uniqueIdentifiers);
 
-  std::optional<Error> storeError;         // the store cannot be read, or is damaged
+  std::optional<Error> storeError;         // the store cannot be read, is damaged, or is a newer version's
+  bool rebuildIsUnfinished = false;        // then the rest says little
   std::vector<std::string> damagedStores;  // that were set aside
   std::size_t knownItems = 0;
   std::size_t pendingUploads = 0;

@@ -23,6 +23,8 @@ URL databaseURLOf(const DCService& service) {
                       kExtension);
 }
 
+std::string folderOf(const std::string& path) { return path.substr(0, path.rfind('/')); }
+
 void logFailure(const Result<void>& saved) {
   if (!saved) DCLogInfo("Could not save context: %@", saved.error().description());
 }
@@ -49,10 +51,22 @@ DCDatabase::~DCDatabase() {
   if (context_) context_->removePersistentStore();
 }
 
-std::string DCDatabase::directory() const { return databaseURL_.path().substr(0, databaseURL_.path().rfind('/')); }
+std::string DCDatabase::directory() const { return folderOf(databaseURL_.path()); }
 
-// Not named by the service's identifier: it must not go with the store.
-std::string DCDatabase::lockPath() const { return directory() + "/.lock-" + service_->uniqueIdentifier(); }
+// Nor is this one.
+std::string DCDatabase::rebuildMarkOfService(const DCService& service) {
+  return folderOf(databaseURLOf(service).path()) + "/rebuild-" + service.uniqueIdentifier() + ".plist";
+}
+
+SQLiteStore::Options DCDatabase::storeOptions(const DCService& service) {
+  SQLiteStore::Options options;
+  options.path = databaseURLOf(service).path();
+  // Not named by the service's identifier: it must not go with the store.
+  options.lockPath = folderOf(options.path) + "/.lock-" + service.uniqueIdentifier();
+  options.migrations = DCManagedObjectMigrations();
+  options.rescuedTables = {DCEntityUpload};
+  return options;
+}
 
 std::shared_ptr<ManagedObjectContext> DCDatabase::managedObjectContext() {
   std::lock_guard lock(mutex_);
@@ -73,11 +87,7 @@ std::shared_ptr<ManagedObjectContext> DCDatabase::_setupManagedObjectContext() {
 Result<void> DCDatabase::persistentStoreCoordinator(ManagedObjectContext& context) {
   // That it cannot be made shows when the store is opened.
   (void)createDirectories(directory());
-  SQLiteStore::Options options;
-  options.path = databaseURL_.path();
-  options.lockPath = lockPath();
-  options.migrations = DCManagedObjectMigrations();
-  options.rescuedTables = {DCEntityUpload};
+  SQLiteStore::Options options = storeOptions(*service_);
   options.didReplaceDamagedStore = [](const SQLiteStore::Damage& damage) {
     DCLogError("The metadata database was damaged (%@) and set aside as %@; %lu upload records were rescued.",
                damage.error, damage.setAsidePath, static_cast<unsigned long>(damage.rescuedRows));
@@ -187,6 +197,20 @@ void DCDatabase::reset() {
   managedObjectContext();
 }
 
+Result<void> DCDatabase::resetKeepingExchanges() {
+  DCLogTrace("-[DCDatabase resetKeepingExchanges]");
+  auto renewed = managedObjectContext()->renewPersistentStore({DCEntityIndexOtherMetadata, DCEntityIndexUpload});
+  if (renewed) forgetAnswers();
+  return renewed;
+}
+
+std::optional<Error> DCDatabase::storeError() { return managedObjectContext()->storeError(); }
+
+std::optional<Error> DCDatabase::newerVersionError() {
+  auto error = storeError();
+  return error && error->is(SQLiteErrorDomain, SQLiteStoreNewerVersionError) ? error : std::nullopt;
+}
+
 void DCDatabase::deleteDatabase() {
   DCLogTrace("-[DCDatabase deleteDatabase]");
   std::shared_ptr<ManagedObjectContext> dropped;
@@ -197,7 +221,7 @@ void DCDatabase::deleteDatabase() {
   if (dropped) dropped->removePersistentStore();
   forgetAnswers();
   // Nobody is writing, and whoever has the store open sees that it is gone before writing again.
-  auto lock = FileLock::acquire(lockPath(), true);
+  auto lock = FileLock::acquire(storeOptions(*service_).lockPath, true);
   std::error_code error;
   std::filesystem::directory_iterator entries(directory(), error), end;
   while (!error && entries != end) {

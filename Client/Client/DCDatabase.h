@@ -123,6 +123,18 @@ class DCDatabase : public std::enable_shared_from_this<DCDatabase> {
 
   // An empty store in place of this one.
   void reset();
+  // A store in place of this one, at once for all processes, that holds the uploads, cancelled ones included, and what
+  // is known of exchanges with the server, and nothing else. On failure (also of a newer version) nothing has changed.
+  Result<void> resetKeepingExchanges();
+  // Why there is no store, when there is none.
+  std::optional<Error> storeError();
+  // The error of a store that a newer version of this software wrote; nothing of it is known then, and nothing may be
+  // changed. Absent otherwise.
+  std::optional<Error> newerVersionError();
+  // A file that is there from the beginning of a rebuild to its end, also when that was cut short.
+  static std::string rebuildMarkOfService(const DCService& service);
+  // What its store is opened with; its path, lock and version.
+  static SQLiteStore::Options storeOptions(const DCService& service);
   // Drops the context and removes every file of the "db" directory whose name begins with the service's identifier;
   // the next use opens an empty store. Failures are ignored.
   void deleteDatabase();
@@ -153,7 +165,6 @@ class DCDatabase : public std::enable_shared_from_this<DCDatabase> {
   void renameUploads(const std::string& srcPath, const std::string& dstPath, ManagedObjectContext& context);
   void announceUploads();
   std::string directory() const;
-  std::string lockPath() const;
 
   const std::shared_ptr<DCService> service_;
   Clock& clock_;

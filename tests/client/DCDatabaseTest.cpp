@@ -411,9 +411,10 @@ TEST_F(DCDatabaseTest, RescuesUploadsFromBothSidesOfABadPage) {
   EXPECT_EQ(sql("PRAGMA integrity_check"), "ok\n");
 }
 
-TEST_F(DCDatabaseTest, RefusesANewerStoreAndWorksInMemory) {
+TEST_F(DCDatabaseTest, LeavesANewerStoreAloneAndWorksInMemory) {
   EXPECT_TRUE(open()->setDocumentIdentifier(bytes("x"), "kept"));
   sql("PRAGMA user_version = 1000");
+  const std::string before = test::readText(file("service.sqlite"));
   auto database = open();
   expectLogged("Could not add persistent store for service: ", 3);
   expectLogged("written by a newer version", 3);
@@ -422,7 +423,60 @@ TEST_F(DCDatabaseTest, RefusesANewerStoreAndWorksInMemory) {
   ASSERT_FALSE(saved);
   EXPECT_TRUE(saved.error().is(SQLiteErrorDomain, SQLiteStoreNewerVersionError));
   EXPECT_EQ(database->documentIdentifierForPath("kept"), bytes("memory"));
+  EXPECT_TRUE(database->newerVersionError());
+  EXPECT_FALSE(database->resetKeepingExchanges());
+  auto checked = SQLiteStore::check(DCDatabase::storeOptions(*DCService::serviceWithHostName("host", "service")));
+  ASSERT_FALSE(checked);
+  EXPECT_TRUE(checked.error().is(SQLiteErrorDomain, SQLiteStoreNewerVersionError));
+  EXPECT_EQ(test::readText(file("service.sqlite")), before);
+  EXPECT_THAT(filesNamed("service.sqlite"), ElementsAre("service.sqlite")) << "nothing beside it";
   EXPECT_EQ(sql("SELECT documentIdentifier FROM Path\nPRAGMA user_version"), "b'x'\n1000\n");
+
+  // A newer version that is at work has its last changes in the log only.
+  EXPECT_FALSE(open("other")->newerVersionError());
+  auto atWork = test::runPython(
+      "import sqlite3,sys,os\nc=sqlite3.connect(sys.argv[1])\nc.execute('PRAGMA user_version = 1000')\nc.commit()\n"
+      "os._exit(0)\n",
+      {file("other.sqlite")});
+  ASSERT_EQ(atWork.exitStatus, 0) << atWork.standardError;
+  const std::string store = test::readText(file("other.sqlite")), log = test::readText(file("other.sqlite-wal"));
+  EXPECT_TRUE(open("other")->newerVersionError());
+  EXPECT_EQ(test::readText(file("other.sqlite")), store);
+  EXPECT_EQ(test::readText(file("other.sqlite-wal")), log);
+}
+
+TEST_F(DCDatabaseTest, KeepsUploadsAndExchangesThroughAResetForAllWhoHaveItOpen) {
+  auto database = open(), other = open();
+  EXPECT_TRUE(database->setDocumentIdentifier(bytes("x"), "path"));
+  EXPECT_TRUE(database->saveUploadFileURL(URL::fileURL("/f"), "due"));
+  EXPECT_TRUE(database->saveUploadFileURL(URL::fileURL("/f"), Data(), 7, "due"));
+  EXPECT_TRUE(database->saveUploadFileURL(URL::fileURL("/g"), "cancelled"));
+  EXPECT_TRUE(database->saveUploadFileURL(URL::fileURL("/g"), Data(), 8, "cancelled"));
+  auto cancelled = database->uploadForPath("cancelled");
+  const std::string session = *cancelled->sessionIdentifier();
+  cancelled->markAsCancelled();
+  EXPECT_TRUE(database->save());
+  EXPECT_TRUE(database->saveOtherMetadata({{DCFileLastUpdateGenerationIdentifierKey, bytes("g")}}, bytes("x")));
+  EXPECT_TRUE(database->saveStoredLocalMetadata({{"ResourceNameKey", "name"}}, bytes("x")));
+  auto held = database->uploadForPath("due"), others = other->uploadForPath("due");
+  others->setTotalBytesSent(3);
+
+  ASSERT_TRUE(database->resetKeepingExchanges());
+  EXPECT_EQ(setAside(), 0U);
+  EXPECT_TRUE(other->save());
+  EXPECT_EQ(database->uploadForPath("due"), held) << "the same object";
+  EXPECT_EQ(held->totalBytesSent(), 3);
+  EXPECT_EQ(held->taskIdentifier(), 7);
+  EXPECT_EQ(database->numberOfPendingUploads(), 1U);
+  for (auto& each : {database, other}) {
+    EXPECT_EQ(each->documentIdentifierForPath("path"), std::nullopt);
+    EXPECT_EQ(each->storedLocalMetadataForDocumentIdentifier(bytes("x")), nullptr);
+    ASSERT_TRUE(each->otherMetadataForDocumentIdentifier(bytes("x")));
+    EXPECT_TRUE(each->uploadForTaskIdentifier(8, session));
+  }
+  EXPECT_TRUE(other->saveUploadFileURL(URL::fileURL("/h"), "later"));
+  EXPECT_TRUE(database->uploadForPath("later"));
+  EXPECT_EQ(sql("PRAGMA integrity_check"), "ok\n");
 }
 
 TEST_F(DCDatabaseTest, SavesToAStoreThatCanBeOpenedLater) {
