@@ -24,13 +24,13 @@ _florvane() {
 
   if [[ $cur == -* ]]; then
     case $command in
-      ls) options="-l --fresh" ;;
-      stat | cat | get) options="--fresh" ;;
-      put) options="--wait" ;;
-      uploads) options="--wait --retry" ;;
-      watch) options="--count" ;;
-      reset) options="--discard-unsent" ;;
-      account) options="--user --password-file" ;;
+      ls) options+=" -l --fresh" ;;
+      stat | cat | get) options+=" --fresh" ;;
+      put) options+=" --wait" ;;
+      uploads) options+=" --wait --retry" ;;
+      watch) options+=" --count" ;;
+      reset) options+=" --discard-unsent" ;;
+      account) [[ ${words[i + 1]} != add ]] || options+=" --user --password-file" ;;
     esac
     COMPREPLY=($(compgen -W "$options" -- "$cur"))
     return

@@ -180,6 +180,9 @@ ExitStatus accountRemove(const Output& output, const std::string& name) {
     return output.fail({ExitStatus::NoSuchItem, "There is no account named \"" + name + "\".", std::nullopt});
   }
   auto service = DCService::serviceWithAccount(*account);
+  if (auto newer = DCDatabase::databaseForService(service)->newerVersionError()) {
+    return output.fail(failureForError(*newer, "", ""));
+  }
   DCDocumentManager::setPurposeIdentifier(kPurposeIdentifier);
   const auto unsent = DCCacheExamination::examinationOfService(service).unsentFiles;
   DCDocumentManager::documentManagerForService(service)->deleteAllLocalData();

@@ -87,7 +87,9 @@ CommandResult<CachedTree> CachedTree::open(const std::string& accountName, const
                                              " HOST[:PORT] --user USER",
                                          std::nullopt});
   }
-  return CachedTree(DCService::serviceWithAccount(*account), options.timeout.value_or(kUnlimited), freshness);
+  CachedTree tree(DCService::serviceWithAccount(*account), options.timeout.value_or(kUnlimited), freshness);
+  if (auto newer = DCDatabase::databaseForService(tree.service())->newerVersionError()) return fail(*newer);
+  return tree;
 }
 
 CachedTree::CachedTree(std::shared_ptr<DCService> service, Duration timeout, Freshness freshness)

@@ -51,6 +51,8 @@ bool examineContainer(Examination& examination) {
   return true;
 }
 
+bool isOfNewerVersion(const Error& error) { return error.is(SQLiteErrorDomain, SQLiteStoreNewerVersionError); }
+
 // The store reads through, and what lies on the disk is what it names.
 void examineCache(Examination& examination, const Account& account) {
   auto service = DCService::serviceWithAccount(account);
@@ -58,7 +60,15 @@ void examineCache(Examination& examination, const Account& account) {
   const std::string name = account.name + ": store";
   if (cache.storeError) {
     examination.add(name, false,
-                    cache.storeError->localizedDescription() + "; make it anew with: florvane rebuild " + account.name);
+                    isOfNewerVersion(*cache.storeError) ? failureForError(*cache.storeError, "", "").sentence
+                                                        : cache.storeError->localizedDescription() +
+                                                              "; make it anew with: florvane rebuild " + account.name);
+    return;
+  }
+  if (cache.rebuildIsUnfinished) {
+    examination.add(name, false,
+                    "a rebuild of it runs, or was cut short; any command goes on with it, such as: florvane status " +
+                        account.name);
     return;
   }
   std::string message =
@@ -88,11 +98,17 @@ void examineCache(Examination& examination, const Account& account) {
 void examineAgent(Examination& examination, const Account& account) {
   auto service = DCService::serviceWithAccount(account);
   auto tasks = DCAgentTasks::numberOfTasksInSession(DCBackgroundSessionIdentifier(*service, DCMainBundleIdentifier()));
-  examination.add(account.name + ": agent", tasks.has_value(),
-                  tasks ? std::to_string(*tasks) + " transfers in progress"
-                        : tasks.error().localizedDescription() +
-                              " Check that florvane-transferd is installed beside florvane or in the PATH, and that "
-                              "the container is writable.");
+  std::string message;
+  if (tasks) {
+    message = std::to_string(*tasks) + " transfers in progress";
+  } else if (isOfNewerVersion(tasks.error())) {
+    message = failureForError(tasks.error(), "", "").sentence;
+  } else {
+    message = tasks.error().localizedDescription() +
+              " Check that florvane-transferd is installed beside florvane or in the PATH, and that the container is "
+              "writable.";
+  }
+  examination.add(account.name + ": agent", tasks.has_value(), message);
 }
 
 struct ServerAnswer {
@@ -140,9 +156,13 @@ void examineServer(Examination& examination, const Output& output, const Account
   // A cookie that the server has forgotten is gone now.
   if (answer.error && answer.error->is(URLErrorDomain, 401)) answer = askServer(service, patience);
   auto failure = answer.error ? std::optional(failureForError(*answer.error, server, "")) : std::nullopt;
-  bool answers = !failure || failure->status != ExitStatus::Offline;
-  examination.add(account.name + ": server", answers, answers ? server + " answers" : failure->sentence);
-  if (!answers) return;
+  const bool isOfServer = failure && failure->status != ExitStatus::SigningInFailed;
+  const bool isAway = failure && failure->status == ExitStatus::Offline;
+  std::string message = server + " answers";
+  if (isAway) message = failure->sentence;
+  if (isOfServer && !isAway) message += ", but not as it should: " + failure->sentence + " See the server's own log.";
+  examination.add(account.name + ": server", !isOfServer, message);
+  if (isOfServer) return;
   examination.add(account.name + ": sign-in", !failure, failure ? failure->sentence : "signed in");
   auto skew = clockSkew(answer.date);
   if (!skew) return;
@@ -155,6 +175,7 @@ void examineServer(Examination& examination, const Output& output, const Account
 
 void examineAccount(Examination& examination, const Output& output, AccountStore& store, const Account& account) {
   examineCache(examination, account);
+  examineAgent(examination, account);
   auto password = store.credentials().password(account.identifier);
   bool hasPassword = password && *password;
   examination.add(account.name + ": password", hasPassword,
@@ -162,7 +183,6 @@ void examineAccount(Examination& examination, const Output& output, AccountStore
                   : password  ? "missing; remove the account and add it again"
                               : password.error().localizedDescription());
   if (!hasPassword) return;
-  examineAgent(examination, account);
   examineServer(examination, output, account);
 }
 
@@ -190,7 +210,9 @@ ExitStatus examine(const Output& output) {
   auto store = AccountStore::shared();
   auto accounts = store ? (*store)->accounts() : Result<std::vector<Account>>(Failure(store.error()));
   if (!accounts) {
-    examination.add("accounts", false, accounts.error().localizedDescription());
+    examination.add("accounts", false,
+                    accounts.error().localizedDescription() +
+                        " Restore the file from a backup, or remove it and add the accounts again.");
     return examination.finish();
   }
   examination.add("accounts", true,

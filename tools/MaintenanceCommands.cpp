@@ -39,6 +39,7 @@ ExitStatus showStatus(const Output& output, const std::optional<std::string>& ac
     if (!tree) return output.fail(tree.error());
     auto reached = tree->reach();
     const auto examination = DCCacheExamination::examinationOfService(tree->service());
+    if (examination.storeError) return output.fail(failureForError(*examination.storeError, "", account.name));
     auto version = DCPreferences::preferences()->currentDataVersionNumber();
     nlohmann::ordered_json object = {{"name", account.name},
                                      {"connected", reached.has_value()},
@@ -63,6 +64,9 @@ ExitStatus rebuildCache(const Output& output, const std::string& accountName) {
   auto rebuilt = std::make_shared<std::promise<void>>();
   tree->manager()->rebuildDatabaseWithCompletionHandler([rebuilt] { rebuilt->set_value(); });
   rebuilt->get_future().wait();
+  if (auto error = tree->manager()->rebuildError()) {
+    return output.fail(failureForError(*error, "", "The database of " + accountName + " is as it was"));
+  }
   const auto examination = DCCacheExamination::examinationOfService(tree->service());
   if (examination.storeError) return output.fail(failureForError(*examination.storeError, "", accountName));
   if (output.options().json) {
@@ -78,6 +82,14 @@ ExitStatus resetCache(const Output& output, const ResetOptions& options) {
   auto tree = CachedTree::open(options.account, output.options(), Freshness::Preferred);
   if (!tree) return output.fail(tree.error());
   const auto before = DCCacheExamination::examinationOfService(tree->service());
+  if (before.storeError && !options.discardUnsent) {
+    return output.fail({ExitStatus::Failed,
+                        "The database of " + options.account + " cannot be read (" +
+                            before.storeError->localizedDescription() +
+                            "), so nobody knows what the server does not have yet. Try florvane rebuild " +
+                            options.account + " first, or say --discard-unsent.",
+                        before.storeError});
+  }
   if (!before.unsentFiles.empty() && !options.discardUnsent) {
     return output.fail({ExitStatus::Failed,
                         options.account + " has " + count(before.unsentFiles.size(), "file") +

@@ -34,9 +34,7 @@ void DCDocumentManager::attributesOfItemAtPath(const std::string& path, Attribut
   static constexpr char function[] = "-[DCDocumentManager attributesOfItemAtPath:completionHandler:]";
   DCLogTrace(function, {{"path", path}});
   auto handler = shareHandler(std::move(completionHandler));
-  queue_->dispatchAsynchronousBlock([self = shared_from_this(), path, handler] {
-    auto checks = self->_performPreOperationChecksWithPath(path, ItemClass::Any, true);
-    self->_logFunction(function, path, checks.item, checks.relativePath);
+  _performWithKnownItemAtPath(function, path, ItemClass::Any, [handler](const Ptr& self, const PreOperation& checks) {
     if (checks.error || !checks.item) {
       callUserHandler(*self, handler, function, __LINE__, kUnknown, std::optional<Dictionary>(), checks.error);
       return;
@@ -59,37 +57,37 @@ void DCDocumentManager::contentsOfFileAtPath(const std::string& path, FileHandle
 void DCDocumentManager::_contentsOfFileAtPath(const std::string& path, const std::shared_ptr<FileHandler>& handler,
                                               bool asksAgain) {
   static constexpr char function[] = "-[DCDocumentManager contentsOfFileAtPath:completionHandler:]";
-  queue_->dispatchAsynchronousBlock([self = shared_from_this(), path, handler, asksAgain] {
-    auto checks = self->_performPreOperationChecksWithPath(path, ItemClass::File, true);
-    self->_logFunction(function, path, checks.item, checks.relativePath);
-    auto file = std::static_pointer_cast<DCCachedFile>(checks.item);
-    auto settle = [self, file, handler](const OptionalError& error) {
-      self->_continueContentsOfFile(
-          file, error, [self, handler](State state, const std::optional<URL>& url, const OptionalError& settled) {
-            callUserHandler(*self, handler, function, __LINE__, state, url, settled);
+  _performWithKnownItemAtPath(
+      function, path, ItemClass::File, [path, handler, asksAgain](const Ptr& self, const PreOperation& checks) {
+        auto file = std::static_pointer_cast<DCCachedFile>(checks.item);
+        auto settle = [self, file, handler](const OptionalError& error) {
+          self->_continueContentsOfFile(
+              file, error, [self, handler](State state, const std::optional<URL>& url, const OptionalError& settled) {
+                callUserHandler(*self, handler, function, __LINE__, state, url, settled);
+              });
+        };
+        const auto upload = file ? self->database()->knownUploadForPath(file->relativePath()->string()) : nullptr;
+        if (upload && upload->isConflict()) {
+          // Newer than anything known, and confirmed by nobody: the server has something else.
+          settle(DCError::errorVersionConflictWithUserInfo(DCError::userInfoWithItem(*file)));
+        } else if (checks.error || self->_isUpToDateOrWatchedItem(*file)) {
+          settle(checks.error);
+        } else {
+          self->_downloadItem(file, [self, path, handler, asksAgain, file, settle](const OptionalError& error) {
+            const auto parent = file->parent();
+            const bool isGone =
+                error && (pc_isDCErrorWithCode(*error, kNoSuchItem) || error->is(URLErrorDomain, kNotFound));
+            if (!asksAgain || !parent || !isGone) {
+              settle(error);
+              return;
+            }
+            // Another document may have come to the path while this one was asked for.
+            self->_refreshItem(parent, [self, path, handler](const OptionalError&) {
+              self->_contentsOfFileAtPath(path, handler, false);
+            });
           });
-    };
-    const auto upload = file ? self->database()->knownUploadForPath(file->relativePath()->string()) : nullptr;
-    if (upload && upload->isConflict()) {
-      // Newer than anything known, and confirmed by nobody: the server has something else.
-      settle(DCError::errorVersionConflictWithUserInfo(DCError::userInfoWithItem(*file)));
-    } else if (checks.error || self->_isUpToDateOrWatchedItem(*file)) {
-      settle(checks.error);
-    } else {
-      self->_downloadItem(file, [self, path, handler, asksAgain, file, settle](const OptionalError& error) {
-        const auto parent = file->parent();
-        const bool isGone =
-            error && (pc_isDCErrorWithCode(*error, kNoSuchItem) || error->is(URLErrorDomain, kNotFound));
-        if (!asksAgain || !parent || !isGone) {
-          settle(error);
-          return;
         }
-        // Another document may have come to the path while this one was asked for.
-        self->_refreshItem(
-            parent, [self, path, handler](const OptionalError&) { self->_contentsOfFileAtPath(path, handler, false); });
       });
-    }
-  });
 }
 
 bool DCDocumentManager::_isUpToDateOrWatchedItem(const DCCachedItem& item) {
@@ -165,9 +163,7 @@ void DCDocumentManager::thumbnailOfItemAtPath(const std::string& path, FileHandl
   static constexpr char function[] = "-[DCDocumentManager thumbnailOfItemAtPath:completionHandler:]";
   DCLogTrace(function, {{"path", path}});
   auto handler = shareHandler(std::move(completionHandler));
-  queue_->dispatchAsynchronousBlock([self = shared_from_this(), path, handler] {
-    auto checks = self->_performPreOperationChecksWithPath(path, ItemClass::Any, true);
-    self->_logFunction(function, path, checks.item, checks.relativePath);
+  _performWithKnownItemAtPath(function, path, ItemClass::Any, [handler](const Ptr& self, const PreOperation& checks) {
     if (checks.error || !checks.item) {
       callUserHandler(*self, handler, function, __LINE__, kUnknown, std::optional<URL>(), checks.error);
       return;
@@ -226,9 +222,7 @@ void DCDocumentManager::previewOfItemAtPath(const std::string& path, FileHandler
   static constexpr char function[] = "-[DCDocumentManager previewOfItemAtPath:completionHandler:]";
   DCLogTrace(function, {{"path", path}});
   auto handler = shareHandler(std::move(completionHandler));
-  queue_->dispatchAsynchronousBlock([self = shared_from_this(), path, handler] {
-    auto checks = self->_performPreOperationChecksWithPath(path, ItemClass::Any, true);
-    self->_logFunction(function, path, checks.item, checks.relativePath);
+  _performWithKnownItemAtPath(function, path, ItemClass::Any, [handler](const Ptr& self, const PreOperation& checks) {
     OptionalError error = checks.error;
     // The protocol has no request for previews.
     if (!error) {

@@ -18,20 +18,6 @@ constexpr char kSource[] = "Client/Client/DCDocumentManager";
 
 using NamesToEntries = std::map<std::string_view, const Value*>;
 
-const Value* valueOf(const Value& entry, const Key& key) {
-  const DictionaryEntry* entries = entry.dictionaryBegin();
-  for (std::size_t i = 0; entries && i < entry.dictionarySize(); ++i) {
-    if (entries[i].key == key) return &entries[i].value;
-  }
-  return nullptr;
-}
-
-std::string_view nameOf(const Value& entry) {
-  static const Key key(ResourceNameKey);
-  const Value* name = valueOf(entry, key);
-  return name ? name->asString().value_or(std::string_view()) : std::string_view();
-}
-
 std::string childPath(const std::string& directory, std::string_view name) {
   std::string path = directory;
   if (!path.empty()) path += '/';
@@ -62,37 +48,38 @@ void DCDocumentManager::_contentsOfDirectoryAtPath(const std::string& path, bool
       "-[DCDocumentManager _contentsOfDirectoryAtPath:downloadIfNecessary:completionHandler:]";
   DCLogTrace(function, {{"path", path}, {"downloadIfNecessary", downloadIfNecessary ? "yes" : "no"}});
   auto handler = shareHandler(std::move(completionHandler));
-  queue_->dispatchAsynchronousBlock([self = shared_from_this(), path, downloadIfNecessary, handler] {
-    auto checks = self->_performPreOperationChecksWithPath(path, ItemClass::Directory, true);
-    self->_logFunction(function, path, checks.item, checks.relativePath);
-    auto directory = std::static_pointer_cast<DCCachedDirectory>(checks.item);
-    if (checks.error || !directory) {
-      callUserHandler(*self, handler, function, __LINE__, DCDocumentManagerFreshnessStateUnknown,
-                      std::optional<Array>(), checks.error);
-      return;
-    }
-    Listing listing = self->_listingOfDirectory(directory);
-    const bool isStale = listing.state != DCDocumentManagerFreshnessStateFresh;
-    const bool downloads = isStale && downloadIfNecessary;
-    // The wish belongs to this call, whatever becomes of it.
-    const bool waits = downloads && std::exchange(self->synchronousContentsOfDirectory_, false);
-    if (!waits) {
-      callUserHandler(*self, handler, function, __LINE__, listing.state,
-                      std::optional<Array>(std::move(listing.contents)), OptionalError());
-    }
-    if (!downloads) return;
-    const bool calledCompletionHandler = !waits && handler;
-    self->_downloadItem(directory, [self, path, waits, calledCompletionHandler, handler](const OptionalError& error) {
-      if (!waits) return;
-      DCAssert(!calledCompletionHandler, kSource);
-      if (!error) {
-        self->contentsOfDirectoryAtPath(path, std::move(*handler));
-      } else {
-        callUserHandler(*self, handler, function, __LINE__, DCDocumentManagerFreshnessStateUnknown,
-                        std::optional<Array>(), error);
-      }
-    });
-  });
+  _performWithKnownItemAtPath(
+      function, path, ItemClass::Directory,
+      [path, downloadIfNecessary, handler](const Ptr& self, const PreOperation& checks) {
+        auto directory = std::static_pointer_cast<DCCachedDirectory>(checks.item);
+        if (checks.error || !directory) {
+          callUserHandler(*self, handler, function, __LINE__, DCDocumentManagerFreshnessStateUnknown,
+                          std::optional<Array>(), checks.error);
+          return;
+        }
+        Listing listing = self->_listingOfDirectory(directory);
+        const bool isStale = listing.state != DCDocumentManagerFreshnessStateFresh;
+        const bool downloads = isStale && downloadIfNecessary;
+        // The wish belongs to this call, whatever becomes of it.
+        const bool waits = downloads && std::exchange(self->synchronousContentsOfDirectory_, false);
+        if (!waits) {
+          callUserHandler(*self, handler, function, __LINE__, listing.state,
+                          std::optional<Array>(std::move(listing.contents)), OptionalError());
+        }
+        if (!downloads) return;
+        const bool calledCompletionHandler = !waits && handler;
+        self->_downloadItem(directory,
+                            [self, path, waits, calledCompletionHandler, handler](const OptionalError& error) {
+                              if (!waits) return;
+                              DCAssert(!calledCompletionHandler, kSource);
+                              if (!error) {
+                                self->contentsOfDirectoryAtPath(path, std::move(*handler));
+                              } else {
+                                callUserHandler(*self, handler, function, __LINE__,
+                                                DCDocumentManagerFreshnessStateUnknown, std::optional<Array>(), error);
+                              }
+                            });
+      });
 }
 
 // Names in plain order, each a child that the server lists, a file that waits to be sent, or both.
@@ -113,7 +100,7 @@ DCDocumentManager::Listing DCDocumentManager::_listingOfDirectory(const DCCached
   std::vector<std::string_view> names;
   names.reserve((contents ? contents->entries().size() : 0) + localItems.size());
   if (contents) {
-    for (const Value& entry : contents->entries()) names.push_back(nameOf(entry));
+    for (const Value& entry : contents->entries()) names.push_back(DCDirectoryContents::nameOfEntry(entry));
   }
   for (const auto& [name, item] : localItems) {
     if (!contents || !contents->entryNamed(name)) names.push_back(name);
@@ -130,7 +117,7 @@ DCDocumentManager::Listing DCDocumentManager::_listingOfDirectory(const DCCached
     if (!item && entry) {
       const std::string entryPath = childPath(path, name);
       static const Key identifierKey(FVDocumentIdentifierKey);
-      const Value* identifier = valueOf(*entry, identifierKey);
+      const Value* identifier = DCDirectoryContents::valueOfEntry(*entry, identifierKey);
       const bool isKnown = identifier && database->knownDocumentIdentifierForPath(entryPath) == identifier->asData();
       if (isKnown) ++local;
       // Of what was never fetched there is nothing to say beyond its entry, and no item to make for it.
@@ -171,7 +158,7 @@ DCDocumentManager::Listing DCDocumentManager::_listingOfDirectory(const DCCached
 // The child of a listing's entry; null, and reported, for an entry of another type.
 DCCachedItem::Ptr DCDocumentManager::_itemOfEntry(const Value& entry, const std::string& path) {
   static const Key typeKey(ResourceFileResourceTypeKey);
-  const Value* type = valueOf(entry, typeKey);
+  const Value* type = DCDirectoryContents::valueOfEntry(entry, typeKey);
   auto text = type ? type->asString() : std::nullopt;
   auto relativePath = DCRelativePath::relativePathWithString(path, service_);
   if (text == ResourceTypeDirectory) return DCCachedItemManager::directoryAtRelativePath(relativePath);

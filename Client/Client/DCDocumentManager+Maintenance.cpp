@@ -20,6 +20,7 @@ namespace {
 constexpr char kLastOutdatedDataVersion[] = "1.0";
 constexpr char kDataVersionLockName[] = ".lock-data-version";
 constexpr char kStoresDirectoryName[] = "db";
+constexpr std::string_view kStoreExtension = ".sqlite";
 
 // Number by number; a missing one counts as 0, and so does what is no number.
 bool isNumericallyGreater(std::string_view version, std::string_view than) {
@@ -53,15 +54,28 @@ std::vector<std::string> entriesOf(const std::string& folder) {
 
 std::string nameOf(const std::string& path) { return path.substr(path.rfind('/') + 1); }
 
-// Keeps what was never sent of every service that has a folder, with or without an account. Those for which that fails.
-std::set<std::string> servicesWithUnsentFilesLeft(const std::string& documentsDirectory) {
-  std::set<std::string> left;
+// Keeps what was never sent of every service that has a folder or a store, with or without an account. Those for which
+// that fails, and those whose store only a newer version can read.
+std::set<std::string> servicesWithUnsentFilesLeft(const std::string& documentsDirectory,
+                                                  const std::string& metadataDirectory) {
+  std::set<std::string> identifiers, left;
   for (const auto& folder : entriesOf(documentsDirectory)) {
-    std::string identifier = nameOf(folder);
-    if (entriesOf(folder).empty()) continue;
+    if (!entriesOf(folder).empty()) identifiers.insert(nameOf(folder));
+  }
+  for (const auto& store : entriesOf(metadataDirectory + "/" + kStoresDirectoryName)) {
+    const std::string name = nameOf(store);
+    if (name.ends_with(kStoreExtension)) {
+      identifiers.insert(name.substr(0, name.size() - kStoreExtension.size()));
+    }
+  }
+  for (const auto& identifier : identifiers) {
     // Only its folders and its store are used, and those are named by the identifier.
     auto service = DCService::serviceWithHostName("localhost", identifier);
     DCDatabase database(service);
+    if (database.newerVersionError()) {
+      left.insert(identifier);
+      continue;
+    }
     const auto unsent = DCUnsentFiles::unsentFilesOfService(service, database);
     if (!DCUnsentFiles::recoverFiles(unsent, Date::now())) left.insert(identifier);
   }
@@ -114,7 +128,7 @@ void DCDocumentManager::_deleteAllContent() {
   DCLogTrace("+[DCDocumentManager _deleteAllContent]");
   DUPathVerifyPathSetup();
   const std::string documents = *DUPathRootDirectoryPath(), metadata = *DUPathMetadataDirectoryPath();
-  const auto left = servicesWithUnsentFilesLeft(documents);
+  const auto left = servicesWithUnsentFilesLeft(documents, metadata);
   const FileCoordinator fileCoordinator(DCFlorvaneBundleIdentifier);
   for (const auto& folder : {documents, metadata}) {
     for (const auto& entry : entriesOf(folder)) {
@@ -142,6 +156,10 @@ void DCDocumentManager::deleteAllLocalData() {
   DCLogTrace("-[DCDocumentManager deleteAllLocalData]");
   auto work = [this] {
     auto database = DCDatabase::databaseForService(service_);
+    if (auto newer = database->newerVersionError()) {
+      DCLogError("Nothing of %@ is deleted: %@", *service_, *newer);
+      return;
+    }
     // Asked before the records of cancelled uploads say nothing any more; moved when nobody reads them any more.
     const auto unsent = DCUnsentFiles::unsentFilesOfService(service_, *database);
     DCUploadManager::uploadManagerForService(service_)->cancelAllUploadTasks();

@@ -8,7 +8,8 @@
 #include "platform/PropertyList.h"
 #include "platform/ResourceValues.h"
 
-#include <unordered_map>
+#include <set>
+#include <unordered_set>
 
 namespace florvane {
 
@@ -19,11 +20,6 @@ constexpr char kSource[] = "Client/Client/DCDocumentManager";
 constexpr Date kDistantPast = Date::fromMicroseconds(-62'135'769'600'000'000);
 constexpr char kStagingFolder[] = "/upload+";
 
-template <typename T>
-void setIfPresent(Dictionary& record, const char* key, const std::optional<T>& value) {
-  if (value) record.set(key, *value);
-}
-
 // Everything of one entity, cancelled uploads included.
 template <typename T, typename Visit>
 void forEachRecord(DCDatabase& database, std::size_t entity, const Visit& visit) {
@@ -31,37 +27,28 @@ void forEachRecord(DCDatabase& database, std::size_t entity, const Visit& visit)
   fetch.entity = entity;
   auto context = database.managedObjectContext();
   context->performAndWait([&] {
-    for (const auto& object : context->fetch(fetch)) visit(static_cast<const T&>(*object));
+    for (const auto& object : context->fetch(fetch)) visit(static_cast<T&>(*object));
   });
 }
 
-// Those of the store, and those that an interrupted rebuild had taken from it and not put back.
-Array recordsOfUploads(DCDatabase& database, const Array& interrupted) {
-  Array records;
-  std::set<std::string> known;
-  auto keyOf = [](const Dictionary& record) {
-    return record.string("path").value_or(format("/%@ %@", record.string("sessionIdentifier").value_or(""),
-                                                 record.integer("taskIdentifier").value_or(0)));
-  };
-  forEachRecord<DCManagedUpload>(database, DCEntityIndexUpload, [&](const DCManagedUpload& upload) {
-    if (!upload.path() && !upload.taskIdentifier()) return;
-    Dictionary record = upload.dictionaryRepresentation();
-    known.insert(keyOf(record));
-    records.append(record);
-  });
-  for (const Value& each : interrupted) {
-    auto record = each.asDictionary();
-    if (record && known.insert(keyOf(*record)).second) records.append(*record);
-  }
-  return records;
+std::string keyOfUpload(const Dictionary& record) {
+  return record.string("path").value_or(
+      format("/%@ %@", record.string("sessionIdentifier").value_or(""), record.integer("taskIdentifier").value_or(0)));
 }
 
+// Earlier versions carried the records in a journal; one that a kill left is put back, but for those that are in the
+// store.
 Result<void> storeUploads(DCDatabase& database, const Array& records) {
+  if (records.empty()) return {};
+  std::set<std::string> known;
+  forEachRecord<DCManagedUpload>(database, DCEntityIndexUpload, [&](const DCManagedUpload& upload) {
+    known.insert(keyOfUpload(upload.dictionaryRepresentation()));
+  });
   auto context = database.managedObjectContext();
   return database.performBatch([&] {
     for (const Value& each : records) {
       auto record = each.asDictionary();
-      if (!record) continue;
+      if (!record || !known.insert(keyOfUpload(*record)).second) continue;
       auto upload = std::static_pointer_cast<DCManagedUpload>(context->insert(DCEntityIndexUpload));
       upload->setValuesFromDictionary(*record);
       upload->setCancelled(upload->cancelled());  // one without a word would be neither pending nor cancelled
@@ -69,24 +56,39 @@ Result<void> storeUploads(DCDatabase& database, const Array& records) {
   });
 }
 
-// What an old store knew of the exchanges with the server; a store made from files alone can only go by dates.
-using Exchanges = std::unordered_map<std::string, Dictionary>;
+// What was known of the exchanges with the server stays, since files alone tell it by their dates at best. When they
+// were made is said anew by the files.
+Result<void> forgetDatesOfExchanges(DCDatabase& database) {
+  return database.performBatch([&] {
+    forEachRecord<DCManagedOtherMetadata>(database, DCEntityIndexOtherMetadata, [](DCManagedOtherMetadata& metadata) {
+      metadata.setLastDownloadedDate({});
+      metadata.setLastRemoteMetadataUpdateDate({});
+      metadata.setLastUploadDate({});
+    });
+  });
+}
 
-Exchanges exchangesOf(DCDatabase& database) {
-  Exchanges exchanges;
-  forEachRecord<DCManagedOtherMetadata>(
-      database, DCEntityIndexOtherMetadata, [&](const DCManagedOtherMetadata& metadata) {
-        auto key = metadata.documentIdentifier();
-        if (!key) return;
-        const Dictionary all = metadata.dictionaryRepresentation();
-        Dictionary generations;
-        for (const char* each : {DCFileLastUpdateGenerationIdentifierKey, DCFileLastUploadGenerationIdentifierKey,
-                                 DCFileLastDownloadGenerationIdentifierKey}) {
-          setIfPresent(generations, each, all.data(each));
-        }
-        if (!generations.empty()) exchanges.emplace(key->view(), generations);
-      });
-  return exchanges;
+// Of items that are not there.
+Result<void> forgetOtherExchanges(DCDatabase& database) {
+  std::unordered_set<std::string> keys;
+  if (auto root = database.documentIdentifierForPath("")) keys.emplace(root->view());
+  for (const auto& [path, identifier] : database.documentIdentifiersForPathsBelow("")) keys.emplace(identifier.view());
+  for (std::string& path : database.uploadPaths()) keys.insert(std::move(path));
+  std::vector<Data> others;
+  forEachRecord<DCManagedOtherMetadata>(database, DCEntityIndexOtherMetadata,
+                                        [&](const DCManagedOtherMetadata& metadata) {
+                                          auto key = metadata.documentIdentifier();
+                                          if (key && !keys.contains(std::string(key->view()))) others.push_back(*key);
+                                        });
+  return database.performBatch([&] {
+    for (const Data& key : others) (void)database.removeOtherMetadataForDocumentIdentifier(key);
+  });
+}
+
+bool isExchangeKnown(DCDatabase& database, const Data& documentIdentifier) {
+  auto known = database.otherMetadataForDocumentIdentifier(documentIdentifier);
+  return known && (known->lastUpdateGenerationIdentifier() || known->lastUploadGenerationIdentifier() ||
+                   known->lastDownloadedGenerationIdentifier());
 }
 
 // Whether a file's contents have the date and the size that came with them.
@@ -95,11 +97,6 @@ bool isAsTheServerSaid(const DCCachedFile& file, const Dictionary& remoteMetadat
   auto date = local ? local->date(ResourceContentModificationDateKey) : std::nullopt;
   return date && date == remoteMetadata.date(ResourceContentModificationDateKey) &&
          local->integer(ResourceFileSizeKey) == remoteMetadata.integer(ResourceFileSizeKey);
-}
-
-std::string journalPath(const DCDatabase& database, const DCService& service) {
-  std::string store = database.databaseURL().path();
-  return store.substr(0, store.rfind('/')) + "/rebuild-" + service.uniqueIdentifier() + ".plist";
 }
 
 Array readJournal(const std::string& path) {
@@ -113,7 +110,7 @@ Array readJournal(const std::string& path) {
 void DCDocumentManager::rebuildDatabaseWithCompletionHandler(CompletionHandler<> completionHandler) {
   DCLogTrace("-[DCDocumentManager rebuildDatabaseWithCompletionHandler:]");
   queue_->dispatchAsynchronousBlock([self = shared_from_this(), handler = std::move(completionHandler)]() mutable {
-    self->_rebuildDatabase();
+    self->_rebuildDatabase(false);
     if (!handler) return;
     DCLogCallback(DCLogLevelDebug, "%@: Calling completion handler %@ at %s:%u", *self,
                   baseDescription("Block", &handler), "-[DCDocumentManager rebuildDatabaseWithCompletionHandler:]",
@@ -122,37 +119,67 @@ void DCDocumentManager::rebuildDatabaseWithCompletionHandler(CompletionHandler<>
   });
 }
 
-void DCDocumentManager::_finishInterruptedRebuild() {
-  if (!fileExists(journalPath(*DCDatabase::databaseForService(service_), *service_))) return;
-  DCLogNotice("%@: Going on with a rebuild that was cut short", *this);
-  rebuildDatabaseWithCompletionHandler(nullptr);
+// Earlier versions kept a journal of the upload records in it.
+const std::string& DCDocumentManager::rebuildMark() {
+  if (rebuildMark_.empty()) rebuildMark_ = DCDatabase::rebuildMarkOfService(*service_);
+  return rebuildMark_;
 }
 
-void DCDocumentManager::_rebuildDatabase() {
-  auto database = DCDatabase::databaseForService(service_);
-  const std::string journal = journalPath(*database, *service_);
-  // The records of uploads are on stable storage before the store that holds them goes.
-  Array uploads = recordsOfUploads(*database, readJournal(journal));
-  auto bytes = writePropertyList(uploads, PropertyListFormat::Binary);
-  auto written = bytes ? writeFileAtomically(journal, *bytes, 0600, true) : Failure(bytes.error());
-  if (!written) {
-    DCLogError("Unable to rebuild the database: %@", written.error());
-    return;
+void DCDocumentManager::_finishInterruptedRebuild() {
+  if (!fileExists(rebuildMark())) return;
+  queue_->dispatchAsynchronousBlock([self = shared_from_this()] { self->_finishRebuildOfOthers(); });
+}
+
+// Half a rebuilt database would tell half a truth.
+void DCDocumentManager::_finishRebuildOfOthers() {
+  if (rebuildError() || !fileExists(rebuildMark())) return;
+  DCLogNotice("%@: Waiting for a rebuild, or going on with one that was cut short", *this);
+  _rebuildDatabase(true);
+}
+
+std::optional<Error> DCDocumentManager::rebuildError() const {
+  std::lock_guard lock(mutex_);
+  return rebuildError_;
+}
+
+void DCDocumentManager::_rebuildDatabase(bool onlyIfUnfinished) {
+  auto done = _rebuildDatabaseExclusively(onlyIfUnfinished);
+  if (!done) DCLogError("Unable to rebuild the database: %@", done.error());
+  std::lock_guard lock(mutex_);
+  rebuildError_ = done ? std::nullopt : std::optional(done.error());
+}
+
+Result<void> DCDocumentManager::_rebuildDatabaseExclusively(bool onlyIfUnfinished) {
+  auto database = this->database();
+  if (auto newer = database->newerVersionError()) return Failure(*newer);
+  // One at a time among all processes.
+  auto lock = FileLock::acquire(rebuildMark() + ".lock", true);
+  if (!lock) return Failure(lock.error());
+  if (!fileExists(rebuildMark())) {
+    if (onlyIfUnfinished) return {};
+    auto mark = writePropertyList(Array(), PropertyListFormat::Binary);
+    if (!mark) return Failure(mark.error());
+    if (auto marked = writeFileAtomically(rebuildMark(), *mark, 0600, true); !marked) return marked;
   }
-  rebuildExchanges_ = exchangesOf(*database);
   // An item that remembers its identifier would not record it again.
   _forgetItems();
-  database->reset();
-  if (auto stored = storeUploads(*database, uploads); !stored) return;  // logged there; the journal keeps them
+  {
+    // No upload starts or ends while its record goes over into another store.
+    std::lock_guard uploads(_uploadManager()->lock());
+    if (auto reset = database->resetKeepingExchanges(); !reset) return reset;
+  }
+  if (auto stored = storeUploads(*database, readJournal(rebuildMark())); !stored) return stored;
+  if (auto forgotten = forgetDatesOfExchanges(*database); !forgotten) return forgotten;
   auto root = cachedItemManager()->root();
   auto remoteMetadata = root->remoteMetadataFromDisk();
   if (remoteMetadata && remoteMetadata->data(FVDocumentIdentifierKey)) {
     _rebuildItemWithRelativePath(root->relativePath(), *remoteMetadata);
   }
-  rebuildExchanges_.clear();
+  (void)forgetOtherExchanges(*database);  // logged there; what is too much does no harm
   _queueStagedFiles();
-  (void)removeItem(journal);
+  (void)removeItem(rebuildMark());
   _adjustFetchingUpdatesIfNecessary();
+  return {};
 }
 
 void DCDocumentManager::_rebuildItemWithRelativePath(const DCRelativePath::Ptr& relativePath,
@@ -192,10 +219,7 @@ void DCDocumentManager::_rebuildFile(const DCCachedFile::Ptr& file, const Dictio
   auto identifier = file->documentIdentifier();
   if (!identifier || !file->existsOnDisk()) return;
   auto database = DCDatabase::databaseForService(service_);
-  auto known = rebuildExchanges_.find(std::string(identifier->view()));
-  if (known != rebuildExchanges_.end()) {
-    (void)database->saveOtherMetadata(known->second, *identifier);
-  } else if (isAsTheServerSaid(*file, remoteMetadata)) {
+  if (!isExchangeKnown(*database, *identifier) && isAsTheServerSaid(*file, remoteMetadata)) {
     auto path = file->fullPath();
     auto generation = path ? FVFGenerationIdentifierUtils::versionIdentifierForFileWithURL(path->url())
                            : Result<std::optional<Data>>(std::nullopt);
@@ -204,6 +228,8 @@ void DCDocumentManager::_rebuildFile(const DCCachedFile::Ptr& file, const Dictio
                                         *identifier);
     }
   }
+  auto thumbnail = DCCachedItemManager::thumbnailForUnderlyingItem(file);
+  if (thumbnail && thumbnail->existsOnDisk()) thumbnail->updateDocumentIdentifier(thumbnail->documentIdentifier());
 }
 
 void DCDocumentManager::_rebuildDirectory(const DCCachedDirectory::Ptr& directory, const Dictionary& remoteMetadata) {

@@ -154,6 +154,11 @@ DCDocumentManager::PreOperation DCDocumentManager::_performPreOperationChecksWit
   PreOperation checks;
   DCTemporarySweeper::shared().sweepIfDue(service_->clock());
   database()->refresh();
+  if (auto newer = database()->newerVersionError()) {
+    checks.error = *newer;
+    return checks;
+  }
+  _finishRebuildOfOthers();
   auto manager = cachedItemManager();
   try {
     checks.relativePath = DCRelativePath::relativePathWithString(path, service_);
@@ -188,6 +193,15 @@ DCDocumentManager::PreOperation DCDocumentManager::_performPreOperationChecksWit
     checks.error = DCError::errorNoSuchItemWithUserInfo(DCError::userInfoWithRelativePath(*checks.relativePath));
   }
   return checks;
+}
+
+void DCDocumentManager::_performWithKnownItemAtPath(const char* function, const std::string& path, ItemClass itemClass,
+                                                    KnownItemBlock block) {
+  queue_->dispatchAsynchronousBlock([self = shared_from_this(), function, path, itemClass, block = std::move(block)] {
+    const auto checks = self->_performPreOperationChecksWithPath(path, itemClass, true);
+    self->_logFunction(function, path, checks.item, checks.relativePath);
+    block(self, checks);
+  });
 }
 
 DCDocumentManager::OptionalError DCDocumentManager::_checkParentOfItem(DCCachedItemManager& manager,

@@ -45,9 +45,10 @@ inline constexpr std::int64_t DCFileUploadMaxNumberOfRetries = 2;
 // maintains the local copy. Paths are relative path strings ("" is the root). Asynchronous operations return at once
 // and do their work on the service's queue; their handlers may be null and are called exactly once on
 // completionHandlerQueue(), never in place. Errors are the client's (DCError.h), those of the server's refusals
-// (URLErrorDomain, the HTTP status as code), of the transfer (URLErrorDomain) and of files. An illegal path is answered
-// with "Invalid argument." (1). Thread-safe; what is said to be synchronous waits for the service's queue and must not
-// be called from it.
+// (URLErrorDomain, the HTTP status as code), of the transfer (URLErrorDomain) and of files; where a newer version of
+// this software has written the database, that (SQLiteStoreNewerVersionError) is the answer to everything and nothing
+// is changed. An illegal path is answered with "Invalid argument." (1). Thread-safe; what is said to be synchronous
+// waits for the service's queue and must not be called from it.
 class DCDocumentManager : public DCConnectivityTrackerDelegate, public std::enable_shared_from_this<DCDocumentManager> {
  public:
   using Ptr = std::shared_ptr<DCDocumentManager>;
@@ -108,7 +109,9 @@ class DCDocumentManager : public DCConnectivityTrackerDelegate, public std::enab
   void removePreflightedWriteToNewFileAtPath(const std::string& path);
   // Success means that the bytes are safe on this disk and queued for the server, whatever happens to the process.
   void writeToFileAtPath(const std::string& path, const URL& source, UploadHandler completionHandler);
+  // Joins the upload of the file, or starts one, also of what was given up or is in conflict; hears of its first end.
   void startUploadingItemAtPath(const std::string& path, UploadHandler completionHandler);
+  // Answers when the item is here, or why it is not.
   void startDownloadingItemAtPath(const std::string& path, ErrorHandler completionHandler);
   // These three do nothing, and succeed.
   void cancelUploadingItemAtPath(const std::string& path, ErrorHandler completionHandler);
@@ -129,18 +132,29 @@ class DCDocumentManager : public DCConnectivityTrackerDelegate, public std::enab
                                  bool isConnected) override;
 
   // Maintenance.
-  // Starts again every upload that is due.
+  // Starts again every upload that is due: at a start, and when something that uploads waited for has come. Returns at
+  // once; records whose file is gone go.
   void restartUploads();
   // A relaunched process hands the background session's events over.
   void handleEventsForBackgroundURLSession(const std::string& identifier, std::function<void()> completionHandler);
+  // The records of uploads that are due or were given up, the newest first.
   void allPendingUploadsWithCompletionHandler(UploadsHandler completionHandler);
   // These are synchronous.
   bool hasPendingUploads();
+  // Null when nothing of it is being downloaded, and for a path that is not known.
   DCServerRequest::Ptr downloadTaskForItemAtPath(const std::string& path);
+  // Null when there is none.
   std::shared_ptr<DCManagedUpload> uploadForItemAtPath(const std::string& path);
+  // Cancels the service's transfers and removes all that is kept of it, its login included. Unsent bytes go to the
+  // container's "Recovered" folder first; where that fails nothing is removed, and the log says why.
   void deleteAllLocalData();
-  // Makes the database anew from the files on disk.
+  // Makes the database anew from the files on disk. Uploads go on, and what equals the server's does not count as
+  // changed. Other processes wait for it; a kill in the middle is made good by whoever comes next.
   void rebuildDatabaseWithCompletionHandler(CompletionHandler<> completionHandler);
+  // Why the last rebuild came to nothing and left the database as it was; absent when none did. Any thread.
+  std::optional<Error> rebuildError() const;
+  // Wipes what version 1.0 or an unknown one has kept of all services, unsent bytes excepted. Run by the first manager
+  // of a process, under a lock of the container.
   static void deleleAllDataIfNecessary();
 
   // An upload has ended: for the upload manager, and for the background session of a relaunched process.
@@ -171,6 +185,10 @@ class DCDocumentManager : public DCConnectivityTrackerDelegate, public std::enab
   // Frame (DCDocumentManager.cpp).
   static Ptr _initWithService(const std::shared_ptr<DCService>& service);
   PreOperation _performPreOperationChecksWithPath(const std::string& path, ItemClass itemClass, bool itemMustBeKnown);
+  // How an operation on an item that must be known begins: on the queue, with what the checks found.
+  using KnownItemBlock = std::function<void(const Ptr& self, const PreOperation& checks)>;
+  void _performWithKnownItemAtPath(const char* function, const std::string& path, ItemClass itemClass,
+                                   KnownItemBlock block);
   void _logFunction(std::string_view function, const std::string& path, const DCCachedItem::Ptr& item,
                     const DCRelativePath::Ptr& relativePath);
   DCActivityInfo::Ptr _activityInfoForItem(const DCCachedItem& item);
@@ -336,7 +354,11 @@ class DCDocumentManager : public DCConnectivityTrackerDelegate, public std::enab
   // False when nothing was there or it could not be removed.
   static bool _synchronouslyRemoveItemAtURL(const URL& url, const FileCoordinator& withFileCoordinator);
   void _rebuildItemWithRelativePath(const DCRelativePath::Ptr& relativePath, const Dictionary& parentDirectoryMetadata);
-  void _rebuildDatabase();
+  const std::string& rebuildMark();
+  // Waits for one that another process is at, and does one that was cut short again.
+  void _finishRebuildOfOthers();
+  void _rebuildDatabase(bool onlyIfUnfinished);
+  Result<void> _rebuildDatabaseExclusively(bool onlyIfUnfinished);
   void _rebuildFile(const DCCachedFile::Ptr& file, const Dictionary& remoteMetadata);
   void _rebuildDirectory(const DCCachedDirectory::Ptr& directory, const Dictionary& remoteMetadata);
   void _queueStagedFiles();
@@ -363,7 +385,10 @@ class DCDocumentManager : public DCConnectivityTrackerDelegate, public std::enab
   // Paths of uploads of which only the server's listing can tell what became of them; they are not sent before.
   std::unordered_set<std::string> undecidedUploads_;
 
+  std::string rebuildMark_;
+
   mutable std::recursive_mutex mutex_;  // guards what follows; changed on callers' threads
+  OptionalError rebuildError_;
   std::shared_ptr<SerialQueue> completionHandlerQueue_;
   // The item manager that has got its purpose and its handlers.
   std::weak_ptr<DCCachedItemManager> preparedItemManager_;
@@ -392,8 +417,6 @@ class DCDocumentManager : public DCConnectivityTrackerDelegate, public std::enab
     int attempts = 0;
   };
   std::map<Data, Update> updates_;
-  // While a rebuild runs: what the old store knew of the files' generations, by document identifier.
-  std::unordered_map<std::string, Dictionary> rebuildExchanges_;
   FVFBackOff updateBackOff_;
   std::unique_ptr<Timer> updateTimer_;
 };

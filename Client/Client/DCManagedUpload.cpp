@@ -111,11 +111,18 @@ std::vector<DCUploadAttempt> DCManagedUpload::attempts() const {
   const auto flat = list ? list->asArray() : std::nullopt;
   if (!flat) return attempts;
   attempts.reserve(flat->size() / 3);
-  for (std::size_t i = 0; i + 2 < flat->size(); i += 3) {
+  for (std::size_t i = 0; i + 1 < flat->size();) {
     const auto size = (*flat)[i].asInteger();
     const auto date = (*flat)[i + 1].asDate();
-    const auto generation = (*flat)[i + 2].asData();
-    if (size && date && generation) attempts.push_back({*size, *date, *generation});
+    i += 2;
+    // The first ones were kept without their generation, and stood for the record's own.
+    auto generation = i < flat->size() ? (*flat)[i].asData() : std::nullopt;
+    if (generation) {
+      ++i;
+    } else {
+      generation = generationIdentifier().value_or(Data());
+    }
+    if (size && date) attempts.push_back({*size, *date, *generation});
   }
   return attempts;
 }

@@ -1,7 +1,7 @@
 // Clients of one container are killed while they list and read. Whoever comes next finds whole files and whole
 // listings, and in the end nothing of the dead is left.
 
-#include "tests/support/ChildProcess.h"
+#include "tests/client/ClientProcess.h"
 #include "tests/support/TemporaryDirectory.h"
 #include "tests/support/TestServer.h"
 
@@ -52,7 +52,7 @@ class Killing {
         if (kill > 0) check(*clients.back());
       }
       for (int edits = pick(4); edits > 0; --edits) edit(pick(kFolders), pick(kFiles));
-      for (auto& client : clients) ask(*client);
+      for (auto& client : clients) order(*client);
       std::this_thread::sleep_for(std::chrono::microseconds(pick(8000)));
       for (auto& client : clients) client->kill(SIGKILL);
     }
@@ -86,18 +86,10 @@ class Killing {
     contents_[remote(folder, file)].insert(contents);
   }
 
-  std::unique_ptr<ChildProcess> start() {
-    auto client = std::make_unique<ChildProcess>(
-        std::vector<std::string>{FLORVANE_BIN_DIR "/client_peer", std::to_string(server_.port()),
-                                 std::to_string(ahead_ += 11)},
-        std::vector<std::string>{"FLORVANE_CONTAINER=" + container_.path()});
-    if (!client->readLine()) throw std::runtime_error("the client did not start");
-    return client;
-  }
-  static json ask(ChildProcess& client, const json& request) { return json::parse(client.ask(request.dump())); }
+  std::unique_ptr<ChildProcess> start() { return startClient(container_.path(), server_.port(), ahead_ += 11); }
 
   // Work to be killed in; nobody waits for the answers.
-  void ask(ChildProcess& client) {
+  void order(ChildProcess& client) {
     client.writeLine(json{{"op", "list"}, {"path", ""}, {"sync", true}}.dump());
     client.writeLine(json{{"op", "advance"}, {"seconds", 11}}.dump());
     client.writeLine(json{{"op", "list"}, {"path", "Files"}, {"sync", true}}.dump());

@@ -1,11 +1,19 @@
 #include "tests/client/WatchFixture.h"
+#include "tests/support/Process.h"
 
 #include <sys/stat.h>
 
 namespace florvane::test {
 namespace {
 
-using Maintenance = WatchFixture;
+class Maintenance : public WatchFixture {
+ protected:
+  void rebuild() {
+    std::promise<void> rebuilt;
+    manager()->rebuildDatabaseWithCompletionHandler([&] { rebuilt.set_value(); });
+    rebuilt.get_future().wait();
+  }
+};
 
 std::shared_ptr<DCPreferences> preferences() { return DCPreferences::preferences(); }
 
@@ -42,21 +50,6 @@ TEST_F(Maintenance, WipesOnlyDataOfVersionsThatItCannotUse) {
   writeText(container.file("Preferences/group.quorl.Florvane.plist"), "no property list");
   DCDocumentManager::deleleAllDataIfNecessary();
   EXPECT_TRUE(std::filesystem::exists(cached));
-}
-
-TEST_F(Maintenance, WipesOnceWhenTwoStartForTheFirstTime) {
-  std::vector<std::thread> threads;
-  threads.reserve(8);
-  for (int i = 0; i < 8; ++i) {
-    threads.emplace_back([i] {
-      DCDocumentManager::deleleAllDataIfNecessary();
-      writeCached("of " + std::to_string(i));
-    });
-  }
-  for (auto& thread : threads) thread.join();
-  for (int i = 0; i < 8; ++i) {
-    EXPECT_TRUE(std::filesystem::exists(*DUPathMetadataDirectoryPath() + "/of " + std::to_string(i)));
-  }
 }
 
 TEST_F(Maintenance, KeepsUnsentBytesOfEveryServiceOutOfTheWipe) {
@@ -106,9 +99,7 @@ TEST_F(Maintenance, RebuildsWhatTheDiskKnowsAndChangesNothingElse) {
   const Dictionary record = upload->dictionaryRepresentation();
 
   auto known = database()->documentIdentifiersForPathsBelow("");
-  std::promise<void> rebuilt;
-  manager()->rebuildDatabaseWithCompletionHandler([&] { rebuilt.set_value(); });
-  rebuilt.get_future().wait();
+  rebuild();
 
   EXPECT_EQ(database()->documentIdentifiersForPathsBelow(""), known);
   EXPECT_FALSE(fileAt("Files/notes")->isUnsent());
@@ -121,10 +112,45 @@ TEST_F(Maintenance, RebuildsWhatTheDiskKnowsAndChangesNothingElse) {
   ASSERT_TRUE(upload);
   EXPECT_EQ(upload->dictionaryRepresentation(), record);
   EXPECT_EQ(database()->numberOfPendingUploads(), 1U);
+  // Nothing is kept of documents that are not there any more.
+  ASSERT_TRUE(database()->saveOtherMetadata({{DCFileLastUploadDateKey, clock.now()}}, Data::fromString("gone")));
+  rebuild();
+  EXPECT_EQ(database()->otherMetadataForDocumentIdentifier(Data::fromString("gone")), nullptr);
+  EXPECT_TRUE(database()->otherMetadataForDocumentIdentifier(*fileAt("Files/notes")->documentIdentifier()));
   // What is known now is enough to go on.
   writeText(server.files() + "/notes", "22");
   list({"", "Files", "Files/notes"});
   EXPECT_EQ(fileAt("Files/notes")->contents(), Data::fromString("22"));
+}
+
+TEST_F(Maintenance, LeavesWhatANewerVersionHasWrittenAlone) {
+  std::string store;
+  {
+    DCDatabase present(service());
+    ASSERT_TRUE(present.saveUploadFileURL(URL::fileURL(container.file("sent")), "Files/new"));
+    store = present.databaseURL().path();
+  }
+  auto made = runPython(
+      "import sqlite3,sys\nc=sqlite3.connect(sys.argv[1])\nc.execute('PRAGMA user_version = 1000')\nc.commit()\n",
+      {store});
+  ASSERT_EQ(made.exitStatus, 0) << made.standardError;
+  const std::string before = readText(store), cached = documentRoot() + "/ab01";
+  std::filesystem::create_directories(cached);
+  writeText(cached + "/notes", "perhaps unsent");
+
+  // A wipe for want of a version, and whoever asks for something else.
+  ASSERT_TRUE(preferences()->setCurrentDataVersionNumber(std::nullopt));
+  auto refused = refresh("");
+  ASSERT_TRUE(refused);
+  EXPECT_TRUE(refused->is(SQLiteErrorDomain, SQLiteStoreNewerVersionError)) << refused->description();
+  EXPECT_EQ(preferences()->currentDataVersionNumber(), "1.1");
+  manager()->deleteAllLocalData();
+  rebuild();
+  ASSERT_TRUE(manager()->rebuildError());
+  EXPECT_TRUE(manager()->rebuildError()->is(SQLiteErrorDomain, SQLiteStoreNewerVersionError));
+  EXPECT_EQ(readText(store), before);
+  EXPECT_EQ(readText(cached + "/notes"), "perhaps unsent");
+  EXPECT_TRUE(recovered().empty());
 }
 
 TEST_F(Maintenance, RebuildsByDatesWhenTheStoreIsLost) {
@@ -136,9 +162,7 @@ TEST_F(Maintenance, RebuildsByDatesWhenTheStoreIsLost) {
   writeText(staged + "/new", "never sent");
   // Not even damaged pages are left of it.
   database()->reset();
-  std::promise<void> rebuilt;
-  manager()->rebuildDatabaseWithCompletionHandler([&] { rebuilt.set_value(); });
-  rebuilt.get_future().wait();
+  rebuild();
   EXPECT_FALSE(fileAt("Files/notes")->isUnsent());
   EXPECT_TRUE(fileAt("Files/edited")->isUnsent());
   EXPECT_TRUE(database()->uploadForPath("Files/new")) << "a new file would wait for ever";

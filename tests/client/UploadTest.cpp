@@ -367,6 +367,46 @@ TEST(Upload, ARecordWithoutTaskAndATaskWithoutRecordAreTakenUpByTheNextStart) {
   EXPECT_THAT(client.assertions(), IsEmpty());
 }
 
+TEST(Upload, WhatIsOnItsWayDuringARebuildIsSentOnce) {
+  TestServer server;
+  writeText(server.files() + "/old", "old");
+  FaultyServer faulty(server);
+  UploadClient client(server, faulty);
+  client.listFresh("Files");
+  Signal mayAnswer;
+  for (const char* command : {"write", "replace"}) {
+    faulty.setFault(command, [&](const auto&) -> std::optional<std::string> {
+      mayAnswer.wait();
+      return std::nullopt;
+    });
+  }
+  ASSERT_FALSE(client.write("Files/new", "new bytes").error);
+  ASSERT_FALSE(client.write("Files/old", "newer bytes").error);
+  std::promise<std::optional<Error>> joined;
+  client.manager->startUploadingItemAtPath("Files/new",
+                                           [&](const auto&, const auto& error) { joined.set_value(error); });
+  std::promise<void> rebuilt;
+  client.manager->rebuildDatabaseWithCompletionHandler([&] { rebuilt.set_value(); });
+  rebuilt.get_future().wait();
+  EXPECT_FALSE(client.manager->rebuildError());
+  for (const char* path : {"Files/new", "Files/old"}) {
+    ASSERT_TRUE(client.record(path)) << path;
+    EXPECT_TRUE(client.record(path)->taskIdentifier()) << path;
+  }
+  mayAnswer.raise();
+  EXPECT_FALSE(joined.get_future().get());
+  for (const char* path : {"Files/new", "Files/old"}) {
+    for (int turn = 0; turn < 1000 && client.record(path); ++turn) client.refresh("Files");
+    EXPECT_FALSE(client.record(path)) << path;
+  }
+  EXPECT_EQ(faulty.requestsOf("write"), 1U);
+  EXPECT_EQ(faulty.requestsOf("replace"), 1U);
+  EXPECT_EQ(textOf(server.files() + "/new"), "new bytes");
+  EXPECT_EQ(textOf(server.files() + "/old"), "newer bytes");
+  EXPECT_EQ(client.text(client.read("Files/new")), "new bytes");
+  EXPECT_THAT(client.assertions(), IsEmpty());
+}
+
 TEST(Upload, ASourceThatVanishedTakesItsRecordAlong) {
   TestServer server;
   FaultyServer faulty(server);
