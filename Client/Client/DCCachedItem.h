@@ -90,6 +90,7 @@ class DCCachedItem : public std::enable_shared_from_this<DCCachedItem> {
   // Null for the root.
   virtual std::shared_ptr<DCCachedDirectory> parent() const;
   bool isRoot() const;
+  // Whether there is a local file, and whether the server has given an identifier.
   bool existsOnDisk() const;
   bool existsOnServer() const;
 
@@ -130,14 +131,19 @@ class DCCachedItem : public std::enable_shared_from_this<DCCachedItem> {
   void markContentsStale();
 
   virtual DCCachedItemOrder relativeAge() const;
+  // Whether there is no need to ask the server: local bytes are newer, or the download is at most 10 s old (a
+  // directory's: 1 s), or the parent is up to date.
   virtual bool isUpToDate() const;
   bool isRemoteMetadataUpToDate() const;
   bool isContentsUpToDate() const;
 
+  // An item that was removed is told so for ever; its path gets another object.
   bool hasBeenRemoved() const;
   void setHasBeenRemoved(bool hasBeenRemoved);
+  // Whether a date of it is recorded.
   bool hasBeenDownloaded() const;
   bool hasBeenUploaded() const;
+  // "Initial" is for the first time.
   bool needsInitialDownload() const;
   bool needsDownload() const;
   virtual bool needsInitialUpload() const;

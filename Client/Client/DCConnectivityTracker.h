@@ -56,6 +56,7 @@ class DCConnectivityTracker : public std::enable_shared_from_this<DCConnectivity
   void removeDelegate(const DCConnectivityTrackerDelegate* delegate);
   bool isConnected() const;
 
+  // What sessions tell of their tasks; only that the server was not reached counts against it.
   void didStartTask(const URLSessionPtr& session, const URLSessionTaskPtr& task);
   void didWriteData(const URLSessionPtr& session, const URLSessionTaskPtr& downloadTask, std::int64_t bytesWritten,
                     std::int64_t totalBytesWritten, std::int64_t totalBytesExpectedToWrite);

@@ -25,17 +25,25 @@ class DCDocumentManagerDelegate {
   // denies are skipped.
   virtual bool respondsToSelector(std::string_view /*selector*/) const { return true; }
 
+  // The new listing, an entry a child, as contentsOfDirectoryAtPath answers it.
   virtual void didUpdateContentsOfDirectoryAtPath(Manager /*documentManager*/, const std::string& /*path*/,
                                                   const Array& /*contents*/) {}
+  // As the server said them.
   virtual void didUpdateAttributesOfItemAtPath(Manager /*documentManager*/, const std::string& /*path*/,
                                                const Dictionary& /*attributes*/) {}
+  // New bytes are in the local copy.
   virtual void didUpdateContentsOfFileAtPath(Manager /*documentManager*/, const std::string& /*path*/) {}
+  // The URL is that of a local image.
   virtual void didUpdateThumbnailOfFileAtPath(Manager /*documentManager*/, const std::string& /*path*/,
                                               const URL& /*url*/) {}
+  // A refresh, a watch or an upload failed (error domains as in DCDocumentManager.h), or unsent bytes were moved to the
+  // "Recovered" folder (DCErrorDomain 5, the new place under FilePathErrorKey).
   virtual void didFailToUpdateItemAtPath(Manager /*documentManager*/, const std::string& /*path*/,
                                          const Error& /*error*/) {}
+  // The request counts its bytes, and can be cancelled.
   virtual void didStartDownloadingItemAtPath(Manager /*documentManager*/, const std::string& /*path*/,
                                              const DCServerRequest::Ptr& /*downloadTask*/) {}
+  // The record counts the bytes that were sent, and goes when the server has them.
   virtual void didStartUploadingItemAtPath(Manager /*documentManager*/, const std::string& /*path*/,
                                            const std::shared_ptr<DCManagedUpload>& /*upload*/) {}
 };

@@ -20,7 +20,7 @@ inline constexpr std::size_t DCEntityIndexStoredLocalMetadata = 1;
 inline constexpr std::size_t DCEntityIndexOtherMetadata = 2;
 inline constexpr std::size_t DCEntityIndexUpload = 3;
 
-// The model of the metadata database; one a process.
+// The model of the metadata database; one a process, never changed.
 const ManagedObjectModel& DCManagedObjectModel();
 // What brings a store from each version to the next; the last makes it as the model wants it.
 const std::vector<std::string>& DCManagedObjectMigrations();

@@ -9,7 +9,7 @@
 namespace florvane {
 
 // A file in the container's temporary directory that is to take another one's place, removed when it did not.
-// Swept by name when a process was killed. Errors as in platform/FileSystem.h.
+// Swept by name when a process was killed. Errors as in platform/FileSystem.h. For one thread at a time.
 class DCTemporaryFile {
  public:
   // The very same file under another name; a copy, not synced, where the file system cannot link. Made where it can be
