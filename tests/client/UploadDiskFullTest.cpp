@@ -16,7 +16,6 @@ namespace {
 namespace fs = std::filesystem;
 using std::chrono::seconds;
 using testing::AnyOf;
-using testing::Contains;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
@@ -79,7 +78,7 @@ class UploadDiskFull : public testing::Test {
   std::string onServer(const std::string& name) const { return textOf(server->files() + "/" + name); }
   void expectNoLitter() {
     for (const auto& each : fs::recursive_directory_iterator(client->container.path())) {
-      const std::string name = each.path().filename(), folder = each.path().parent_path().filename();
+      const std::string folder = each.path().parent_path().filename();
       EXPECT_FALSE(each.is_regular_file() && (folder == "tmp" || folder == "Answers")) << each.path();
     }
     EXPECT_FALSE(fs::exists(client->container.file("Recovered")));

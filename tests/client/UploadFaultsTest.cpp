@@ -179,9 +179,9 @@ TEST(UploadFaults, ALoginMayBeRefusedAtAnyMomentAndAsOftenAsItLikes) {
     std::vector<std::shared_ptr<std::atomic<std::size_t>>> counts;
     for (const auto& [command, answers] : each.answers) {
       auto count = counts.emplace_back(std::make_shared<std::atomic<std::size_t>>(0));
-      faulty.setFault(command, [count, answers = answers](const auto&) -> std::optional<std::string> {
+      faulty.setFault(command, [count, first = answers](const auto&) -> std::optional<std::string> {
         const std::size_t number = (*count)++;
-        return number < answers.size() ? std::optional(answers[number]) : std::nullopt;
+        return number < first.size() ? std::optional(first[number]) : std::nullopt;
       });
     }
     ASSERT_FALSE(client.write(each.path, "bytes").error);

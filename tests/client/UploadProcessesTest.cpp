@@ -21,7 +21,6 @@ namespace {
 namespace fs = std::filesystem;
 using nlohmann::json;
 using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::IsEmpty;
 
 // A process that works with the container.

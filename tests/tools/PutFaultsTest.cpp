@@ -16,10 +16,7 @@ class PutFaults : public PutFixture {
   // The program as it is on a machine without its agent.
   ProcessResult runWithoutAgent(const std::vector<std::string>& arguments) const {
     std::vector<std::string> all = command(arguments);
-    all.insert(all.begin() + 1, "FLORVANE_TRANSFERD=/nowhere/florvane-transferd");
-    // Options of env come before what it sets.
-    std::stable_partition(all.begin() + 1, std::find(all.begin(), all.end(), program),
-                          [](const std::string& word) { return word.find('=') == std::string::npos; });
+    all.insert(std::find(all.begin(), all.end(), program), "FLORVANE_TRANSFERD=/nowhere/florvane-transferd");
     return runProcess(all);
   }
 };
