@@ -152,10 +152,10 @@ DirectoryCatalog::Versions DirectoryCatalog::versionsOfNeighbours(
   for (const auto& [directory, files] : byDirectory) {
     if (files.size() < 2) continue;
     // What cannot be answered for here is left to whoever asks about it alone.
-    (void)in(directory, [&, &files = files](KnownDirectory& known, const LocatedDocument&) -> StoreResult<void> {
-      if (files.size() * kEntriesForAFile < known.contents.entries.size()) return {};
+    (void)in(directory, [&, &wanted = files](KnownDirectory& known, const LocatedDocument&) -> StoreResult<void> {
+      if (wanted.size() * kEntriesForAFile < known.contents.entries.size()) return {};
       for (const DirectoryEntry& entry : known.contents.entries) {
-        if (files.contains(entry.identifier)) versions.emplace(entry.identifier, entry.version);
+        if (wanted.contains(entry.identifier)) versions.emplace(entry.identifier, entry.version);
       }
       return {};
     });
