@@ -237,6 +237,8 @@ void DCDocumentManager::_takeInUploadAnswers(const std::string& directoryPath) {
   if (waiting == uploadAnswers_.end()) return;
   std::vector<UploadAnswer> answers = std::move(waiting->second);
   uploadAnswers_.erase(waiting);
+  // The listing that is taken in is the one that the files are looked up in.
+  const DCTakeInLock lock(service_);
 
   auto newest = std::max_element(answers.begin(), answers.end(), [](const UploadAnswer& a, const UploadAnswer& b) {
     return dateOfListing(a.container->metadata()) < dateOfListing(b.container->metadata());
@@ -275,6 +277,7 @@ void DCDocumentManager::_takeInUploadAnswers(const std::string& directoryPath) {
 void DCDocumentManager::_listForUploadAnswers(const DCCachedDirectory::Ptr& directory,
                                               std::vector<UploadAnswer> answers) {
   auto complete = [self = shared_from_this(), directory, answers = std::move(answers)] {
+    const DCTakeInLock lock(self->service_);
     const auto contents = directory->directoryContents();
     for (const UploadAnswer& answer : answers) {
       const std::string name = answer.file->relativePath()->lastPathComponent();

@@ -2,6 +2,7 @@
 #include "Client/Client/DCDocumentManager.h"
 #include "Client/Client/DCError.h"
 #include "Client/Client/DCLog.h"
+#include "Client/Client/DCTakeInLock.h"
 #include "platform/FileSystem.h"
 
 #include <cerrno>
@@ -108,6 +109,8 @@ void DCDocumentManager::writeToFileAtPath(const std::string& path, const URL& so
 }
 
 DCDocumentManager::OptionalError DCDocumentManager::_writeFile(const DCCachedFile::Ptr& file, const URL& source) {
+  // Where the bytes go depends on which document is at the path: another process must not find that out meanwhile.
+  const DCTakeInLock lock(service_);
   auto updated = file->updateFileFromURL(source);
   if (!updated) return updated.error();
   auto upload = database()->uploadForPath(file->relativePath()->string());
