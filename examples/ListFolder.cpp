@@ -28,9 +28,10 @@ static void refresh(const DCDocumentManager::Ptr& manager, const std::string& pa
 
 int main(int argc, char** argv) {
   auto store = AccountStore::shared();
-  auto account = store.and_then([&](auto accounts) { return accounts->accountWithName(argc > 1 ? argv[1] : ""); });
+  auto account =
+      store.and_then([&](const auto& accounts) { return accounts->accountWithName(argc > 1 ? argv[1] : ""); });
   if (!account || !*account) return std::puts("Usage: list-folder ACCOUNT [PATH]"), 2;
-  auto manager = DCDocumentManager::documentManagerForService(DCService::serviceWithAccount(**account));
+  auto manager = DCDocumentManager::documentManagerForService(DCService::serviceWithAccount(*account));
   const std::string path = argc > 2 ? argv[2] : "";
   manager->contentsOfDirectoryAtPath(path, print);
   refresh(manager, path, 0);
