@@ -16,7 +16,7 @@ struct Wakeup {
   std::mutex mutex;
   std::condition_variable condition;
   bool updated = false;
-  bool disconnected = false;
+  bool failed = false;
   void wake(bool Wakeup::* what) {
     std::lock_guard lock(mutex);
     this->*what = true;
@@ -64,7 +64,7 @@ class AccountWatch : public DCDocumentManagerDelegate,
   const std::shared_ptr<DCService>& service() const override { return tree_.service(); }
   void didUpdateConnectionStatus(const std::shared_ptr<DCConnectivityTracker>& /*connectivityTracker*/,
                                  bool isConnected) override {
-    wakeup_->wake(isConnected ? &Wakeup::updated : &Wakeup::disconnected);
+    wakeup_->wake(isConnected ? &Wakeup::updated : &Wakeup::failed);
   }
   void didUpdateContentsOfDirectoryAtPath(Manager /*documentManager*/, const std::string& /*path*/,
                                           const Array& /*contents*/) override {
@@ -72,7 +72,8 @@ class AccountWatch : public DCDocumentManagerDelegate,
   }
   void didFailToUpdateItemAtPath(Manager /*documentManager*/, const std::string& /*path*/,
                                  const Error& /*error*/) override {
-    wakeup_->wake(&Wakeup::updated);
+    // Also of a look of one's own, so it must not end the pause after that look.
+    wakeup_->wake(&Wakeup::failed);
   }
 
  private:
@@ -167,8 +168,11 @@ class Watching {
       if (!isFirst && isOver()) return remaining_ ? ExitStatus::Failed : ExitStatus::Done;
       if (failure && (isFirst || failure->status == ExitStatus::SigningInFailed)) return output_.fail(*failure);
       if (failure) {
-        output_.note("florvane: " + failure->sentence + " Trying again.");
+        // Once, however often it is tried.
+        if (told_ != failure->sentence) output_.note("florvane: " + failure->sentence + " Trying again.");
+        told_ = failure->sentence;
       } else {
+        told_.clear();
         if (isFirst) output_.note("Watching. Stop with Ctrl-C.");
         backOff_.reset();
       }
@@ -213,9 +217,9 @@ class Watching {
       auto pause = std::chrono::duration_cast<MonotonicTime::duration>(backOff_.next());
       waitUntil(std::chrono::steady_clock::now() + pause, [this] { return wakeup_->updated; });
     } else {
-      waitUntil(std::nullopt, [this] { return wakeup_->updated || wakeup_->disconnected; });
+      waitUntil(std::nullopt, [this] { return wakeup_->updated || wakeup_->failed; });
     }
-    wakeup_->updated = wakeup_->disconnected = false;
+    wakeup_->updated = wakeup_->failed = false;
     return !isOver();
   }
 
@@ -225,6 +229,7 @@ class Watching {
   const std::shared_ptr<Wakeup> wakeup_ = std::make_shared<Wakeup>();
   std::map<std::string, std::shared_ptr<AccountWatch>> accounts_;
   FVFBackOff backOff_;
+  std::string told_;  // why the last look failed
 };
 
 }  // namespace
