@@ -240,9 +240,14 @@ Result<TransferAgent::Answer> TransferAgent::list(const TransferPeerPtr& peer, c
       more = true;
       break;
     }
-    listed.append(Dictionary{{"task", task.identifier},
-                             {"state", static_cast<std::int64_t>(task.state)},
-                             {"description", encodeTransferTask(task, false)}});
+    Dictionary entry{{"task", task.identifier},
+                     {"state", static_cast<std::int64_t>(task.state)},
+                     {"description", encodeTransferTask(task, false)}};
+    if (auto running = running_.find(task.identifier); running != running_.end()) {
+      entry.set("sent", running->second.attempt->bytesSent());
+      entry.set("expected", running->second.attempt->bytesExpected());
+    }
+    listed.append(entry);
   }
   return Answer{{{"tasks", listed}, {"more", more}}, nullptr};
 }

@@ -323,6 +323,7 @@ Result<std::vector<URLSessionTaskPtr>> TransferSession::allTasks() {
       TaskPtr task = taskOf(*entry);
       if (!task) continue;
       task->noteState(static_cast<TransferState>(entry->integer("state").value_or(0)));
+      task->noteProgress(entry->integer("sent").value_or(0), entry->integer("expected").value_or(0));
       tasks.push_back(std::move(task));
     }
     more = more && !listed->empty();

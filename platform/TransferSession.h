@@ -4,6 +4,7 @@
 #include "platform/TransferLink.h"
 #include "platform/TransferTask.h"
 
+#include <atomic>
 #include <mutex>
 #include <unordered_map>
 #include <unordered_set>
@@ -84,10 +85,13 @@ class TransferSessionTask final : public URLSessionTask, public std::enable_shar
   void resume() override;
   void cancel() override;
   void cancelByProducingResumeData(std::function<void(std::optional<Data>)> handler) override;
+  std::int64_t countOfBytesSent() const override { return bytesSent_; }
+  std::int64_t countOfBytesExpectedToSend() const override { return bytesExpected_; }
   std::string description() const override;
 
   // What the agent says; never back from Canceling or Completed.
   void noteState(TransferState state);
+  void noteProgress(std::int64_t sent, std::int64_t expected);
   void complete();
   void setResponse(std::shared_ptr<const HTTPURLResponse> response);
 
@@ -96,6 +100,7 @@ class TransferSessionTask final : public URLSessionTask, public std::enable_shar
   const std::uint64_t identifier_;
   const URLRequest request_;
   const BackgroundTransfer transfer_;
+  std::atomic<std::int64_t> bytesSent_ = 0, bytesExpected_ = 0;
 
   mutable std::mutex mutex_;  // guards the two below
   URLSessionTaskState state_ = URLSessionTaskState::Suspended;

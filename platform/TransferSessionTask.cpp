@@ -64,6 +64,11 @@ void TransferSessionTask::noteState(TransferState state) {
   }
 }
 
+void TransferSessionTask::noteProgress(std::int64_t sent, std::int64_t expected) {
+  bytesSent_ = sent;
+  bytesExpected_ = expected;
+}
+
 void TransferSessionTask::complete() {
   std::lock_guard lock(mutex_);
   state_ = URLSessionTaskState::Completed;

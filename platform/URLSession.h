@@ -45,6 +45,9 @@ class URLSessionTask {
   virtual std::shared_ptr<const HTTPURLResponse> response() const = 0;
   // Null for the tasks of this process's own sessions.
   virtual const BackgroundTransfer* backgroundTransfer() const { return nullptr; }
+  // Of a background session's task, as of its listing: the bytes of the body, both 0 while it is not being sent.
+  virtual std::int64_t countOfBytesSent() const { return 0; }
+  virtual std::int64_t countOfBytesExpectedToSend() const { return 0; }
   virtual void resume() = 0;
   // The completion that follows says URLErrorCancelled, unless the task had ended by then. A suspended task completes,
   // too.

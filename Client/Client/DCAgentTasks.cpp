@@ -6,9 +6,11 @@
 #include "platform/TransferStore.h"
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <future>
 #include <memory>
+#include <utility>
 #include <vector>
 
 namespace florvane {
@@ -29,11 +31,24 @@ Tasks tasksOf(BackgroundURLSession& session) {
   return answer.get();
 }
 
-// Without a delegate, and so never attached.
-BackgroundURLSessionPtr sessionNamed(const std::string& identifier) {
+// Without a delegate never attached.
+BackgroundURLSessionPtr sessionNamed(const std::string& identifier,
+                                     std::shared_ptr<URLSessionDelegate> delegate = nullptr) {
   return BackgroundURLSession::create(URLSessionConfiguration::backgroundSessionConfigurationWithIdentifier(identifier),
-                                      nullptr);
+                                      std::move(delegate));
 }
+
+// Hears everything, which is as much as acknowledging it, until that is all.
+class Listener : public URLSessionDelegate {
+ public:
+  void didFinishEventsForBackgroundURLSession(SessionRef /*session*/) override {
+    if (!hasFinished_.exchange(true)) finished.set_value();
+  }
+  std::promise<void> finished;
+
+ private:
+  std::atomic<bool> hasFinished_ = false;
+};
 
 }  // namespace
 
@@ -47,6 +62,32 @@ Result<std::size_t> DCAgentTasks::numberOfTasksInSession(const std::string& sess
   session->finishTasksAndInvalidate();
   if (!tasks) return Failure(tasks.error());
   return tasks->size();
+}
+
+Result<std::unordered_map<std::int64_t, DCAgentTasks::Progress>> DCAgentTasks::progressOfTasksInSession(
+    const std::string& sessionIdentifier) {
+  auto session = sessionNamed(sessionIdentifier);
+  auto tasks = tasksOf(*session);
+  session->finishTasksAndInvalidate();
+  if (!tasks) return Failure(tasks.error());
+  std::unordered_map<std::int64_t, Progress> progress;
+  for (const auto& task : *tasks) {
+    if (task->countOfBytesExpectedToSend() == 0) continue;
+    progress[static_cast<std::int64_t>(task->taskIdentifier())] = {task->countOfBytesSent(),
+                                                                   task->countOfBytesExpectedToSend()};
+  }
+  return progress;
+}
+
+void DCAgentTasks::forgetEndedTasksInSession(const std::string& sessionIdentifier) {
+  auto listener = std::make_shared<Listener>();
+  auto finished = listener->finished.get_future();
+  auto session = sessionNamed(sessionIdentifier, listener);
+  auto tasks = tasksOf(*session);
+  if (tasks && !tasks->empty()) (void)finished.wait_for(kPatience);
+  // Behind the last acknowledgement.
+  (void)tasksOf(*session);
+  session->finishTasksAndInvalidate();
 }
 
 Result<void> DCAgentTasks::cancelTasksInSession(const std::string& sessionIdentifier) {
