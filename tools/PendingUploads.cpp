@@ -1,14 +1,19 @@
 #include "tools/PendingUploads.h"
 
+#include "Client/Client/DCAgentTasks.h"
 #include "Client/Client/DCBackgroundSessionIdentifier.h"
 #include "Client/Client/DCBackgroundSessionManager.h"
+#include "Client/Client/DCUnsentFiles.h"
+#include "Client/Client/DCUploadOutcome.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <condition_variable>
+#include <map>
 #include <mutex>
 #include <set>
 #include <system_error>
+#include <utility>
 
 #include <fcntl.h>
 #include <spawn.h>
@@ -22,7 +27,7 @@ namespace {
 constexpr Duration kLookInterval = std::chrono::seconds(1), kLookIntervalOfBar = std::chrono::milliseconds(200);
 // What the service's queue, the transfer agent, and the other side of a conflict may take.
 constexpr Duration kQueuePatience = std::chrono::seconds(5), kAgentPatience = std::chrono::seconds(5),
-                   kConflictPatience = std::chrono::seconds(10);
+                   kConflictPatience = std::chrono::seconds(10), kStandstillPatience = std::chrono::seconds(30);
 constexpr std::int64_t kPercent = 100;
 
 const char* nameOf(PendingUpload::State state) {
@@ -84,7 +89,7 @@ PendingUpload PendingUpload::of(const DCManagedUpload& upload) {
   const std::int64_t expected = upload.totalBytesExpectedToSend().value_or(0);
   pending.size = expected > 0 || !pending.localFile ? expected : sizeOf(*pending.localFile);
   pending.reason = upload.error();
-  const std::int64_t retries = upload.numberOfRetries().value_or(0);
+  pending.task = upload.task();
   if (upload.isConflict()) {
     pending.state = State::Conflict;
     if (auto url = upload.conflictingVersionURL()) pending.serversFile = url->path();
@@ -92,13 +97,19 @@ PendingUpload PendingUpload::of(const DCManagedUpload& upload) {
     pending.state = State::Sending;
   } else if (pending.hasTask) {
     pending.reason = "for its turn, or for the server to answer";
-  } else if (retries > DCFileUploadMaxNumberOfRetries ||
-             (retries == DCFileUploadMaxNumberOfRetries && pending.reason)) {
+  } else if (DCUploadOutcome::hasGivenUp(upload)) {
     pending.state = State::Failed;
   } else if (!pending.reason) {
     pending.reason = "for signing in";
   }
   return pending;
+}
+
+void PendingUpload::setProgress(std::int64_t sent, std::int64_t expected) {
+  if (!hasTask || state == State::Conflict || sent <= bytesSent) return;
+  bytesSent = sent;
+  if (expected > 0) size = expected;
+  state = State::Sending;
 }
 
 std::int64_t PendingUpload::percentSent() const {
@@ -160,6 +171,50 @@ std::vector<PendingUpload> PendingUploads::all() const {
     }
   }
   return all;
+}
+
+std::vector<PendingUpload> PendingUploads::allWithProgress() const {
+  std::vector<PendingUpload> uploads = all();
+  std::map<std::string, std::unordered_map<std::int64_t, DCAgentTasks::Progress>> sessions;
+  for (PendingUpload& upload : uploads) {
+    if (!upload.task) continue;
+    const auto [session, isNew] = sessions.try_emplace(upload.task->sessionIdentifier);
+    if (isNew) {
+      // What the agent does not say is as the records have it.
+      if (auto asked = DCAgentTasks::progressOfTasksInSession(session->first)) session->second = std::move(*asked);
+    }
+    auto progress = session->second.find(upload.task->taskIdentifier);
+    if (progress != session->second.end()) {
+      upload.setProgress(progress->second.bytesSent, progress->second.bytesExpected);
+    }
+  }
+  return uploads;
+}
+
+std::optional<CommandFailure> PendingUploads::failureOfEnded(const std::string& path) const {
+  auto database = DCDatabase::databaseForService(tree_.service());
+  database->refresh();
+  const std::string what = account_ + ":" + path;
+  const CommandFailure removed{ExitStatus::Failed,
+                               what + ": It has been removed on the server. What was not sent is kept in " +
+                                   DCUnsentFiles::directory().value_or("the container") + ".",
+                               std::nullopt};
+  const CommandFailure cancelled{ExitStatus::Failed, what + ": Its upload was cancelled. Put it once more to send it.",
+                                 std::nullopt};
+  const auto relativePath = DCRelativePath::relativePathWithString(path, tree_.service());
+  const auto folder = relativePath->relativePathByDeletingLastPathComponent();
+  if (DCCachedItemManager::fileResourceTypeAtRelativePath(folder) != ResourceTypeDirectory) return removed;
+  const auto directory = DCCachedItemManager::directoryAtRelativePath(folder);
+  if (!directory || !directory->documentIdentifier()) return removed;
+  if (directory->isDropBox()) {
+    // Of what it has taken nothing is kept.
+    auto staged = tree_.manager()->fileURLOfItemAtPath(path);
+    return staged && fileExists(staged->path()) ? std::optional(cancelled) : std::nullopt;
+  }
+  if (DCCachedItemManager::fileResourceTypeAtRelativePath(relativePath) != ResourceTypeRegular) return removed;
+  const auto file = DCCachedItemManager::fileAtRelativePath(relativePath);
+  if (!file || !file->existsOnDisk()) return removed;
+  return file->isUnsent() ? std::optional(cancelled) : std::nullopt;
 }
 
 void PendingUploads::attach() {
@@ -242,14 +297,16 @@ void UploadChanges::wait(Duration atMost) {
   state_->changed = false;
 }
 
-bool waitForUploads(const Output& output, const std::function<std::vector<PendingUpload>()>& look) {
+bool waitForUploads(const Output& output, const std::function<std::vector<PendingUpload>()>& look,
+                    const std::function<void()>& restart) {
   UploadChanges changes;
   ProgressBar bar(output);
   const Duration interval = bar.isShown() ? kLookIntervalOfBar : kLookInterval;
   const auto begin = std::chrono::steady_clock::now();
   const auto& timeout = output.options().timeout;
   std::optional<MonotonicTime> conflictSince;
-  std::int64_t total = 0;
+  std::int64_t total = 0, leftBefore = -1;
+  auto lastMove = begin;
   while (true) {
     const auto uploads = look();
     const auto now = std::chrono::steady_clock::now();
@@ -266,6 +323,11 @@ bool waitForUploads(const Output& output, const std::function<std::vector<Pendin
     std::int64_t left = 0;
     for (const auto& each : uploads) left += each.isUnderWay() ? each.size - each.bytesSent : 0;
     total = std::max(total, left);
+    if (std::exchange(leftBefore, left) != left) lastMove = now;
+    if (now - lastMove >= kStandstillPatience) {
+      lastMove = now;
+      restart();
+    }
     bar.show(underWay == 1 ? "1 file" : std::to_string(underWay) + " files", total - left, total);
     Duration pause = interval;
     if (timeout) pause = std::min(pause, std::chrono::duration_cast<Duration>(begin + *timeout - now));

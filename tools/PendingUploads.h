@@ -24,9 +24,12 @@ struct PendingUpload {
   std::int64_t bytesSent = 0, size = 0;
   std::optional<std::string> reason;  // why it waits or failed
   bool hasTask = false;               // the transfer agent has it, and goes on with it when nobody is there
+  std::optional<DCUploadTask> task;
   std::optional<std::string> localFile, serversFile;  // the two sides of a conflict
 
+  // As the record says, which knows how far a transfer is only while a process of the session hears of it.
   static PendingUpload of(const DCManagedUpload& upload);
+  void setProgress(std::int64_t sent, std::int64_t expected);
   bool isUnderWay() const { return state == State::Sending || state == State::Waiting; }
   std::int64_t percentSent() const;
 };
@@ -45,6 +48,10 @@ class PendingUploads {
   const std::string& account() const { return account_; }
   CachedTree& tree() { return tree_; }
   std::vector<PendingUpload> all() const;
+  // With the progress that the transfer agent knows, which is asked without being attached to.
+  std::vector<PendingUpload> allWithProgress() const;
+  // Why a file that is not pending any more did not reach the server; absent when it did.
+  std::optional<CommandFailure> failureOfEnded(const std::string& path) const;
 
   // Makes this process the one that hears of the account's transfers, and this program the one that the transfer agent
   // starts when they end and nobody hears of it. Before the first write.
@@ -87,7 +94,9 @@ class UploadChanges {
 
 // Waits until none of those uploads is under way; false when the time was over before. Reads them in turns with `look`,
 // which also gets to say what has ended.
-bool waitForUploads(const Output& output, const std::function<std::vector<PendingUpload>()>& look);
+// Where nothing moves, `restart` is called from time to time: what is under way may have lost its transfer.
+bool waitForUploads(const Output& output, const std::function<std::vector<PendingUpload>()>& look,
+                    const std::function<void()>& restart);
 
 // The failure to tell for an upload that will not go on by itself.
 CommandFailure failureOfUpload(const PendingUpload& upload, PendingUploads& uploads);

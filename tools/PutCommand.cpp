@@ -214,7 +214,7 @@ class Put {
     std::map<std::string, PendingUpload> ended;
     std::set<std::string> left = written_;
     (void)output_.flush();  // what is safe is known to who reads along
-    const bool isInTime = waitForUploads(output_, [&] {
+    auto look = [&] {
       std::vector<PendingUpload> pending;
       left.clear();
       ended.clear();
@@ -225,12 +225,19 @@ class Put {
         pending.push_back(std::move(upload));
       }
       return pending;
-    });
+    };
+    const bool isInTime = waitForUploads(output_, look, [&] { uploads_.restart(); });
     uploads_.settle();
     for (const std::string& path : written_) {
       if (auto found = ended.find(path); found != ended.end()) {
         fail(failureOfUpload(found->second, uploads_));
-      } else if (output_.options().json && !left.contains(path)) {
+        continue;
+      }
+      if (left.contains(path)) continue;
+      // A record also goes with what it stands for.
+      if (auto failure = uploads_.failureOfEnded(path)) {
+        fail(*failure);
+      } else if (output_.options().json) {
         output_.object({{"account", uploads_.account()}, {"path", path}, {"state", "sent"}});
       }
     }

@@ -1,3 +1,4 @@
+#include "Client/Client/DCAgentTasks.h"
 #include "Client/Client/DCBackgroundSessionManager.h"
 #include "tools/Commands.h"
 #include "tools/PendingUploads.h"
@@ -44,7 +45,7 @@ CommandResult<AllUploads> uploadsToShow(const Output& output, const std::optiona
 
 void print(const Output& output, const AllUploads& all) {
   for (const auto& uploads : all) {
-    for (const PendingUpload& upload : uploads->all()) {
+    for (const PendingUpload& upload : uploads->allWithProgress()) {
       if (output.options().json) {
         output.object(uploadObject(upload, uploads->account()));
       } else {
@@ -55,12 +56,15 @@ void print(const Output& output, const AllUploads& all) {
 }
 
 ExitStatus waitForAll(const Output& output, const AllUploads& all) {
-  const bool isInTime = waitForUploads(output, [&all] {
+  auto look = [&all] {
     std::vector<PendingUpload> pending;
     for (const auto& uploads : all) {
       for (auto& upload : uploads->all()) pending.push_back(std::move(upload));
     }
     return pending;
+  };
+  const bool isInTime = waitForUploads(output, look, [&all] {
+    for (const auto& uploads : all) uploads->restart();
   });
   ExitStatus status = ExitStatus::Done;
   for (const auto& uploads : all) {
@@ -129,7 +133,11 @@ ExitStatus resume(const Output& output, const std::string& session) {
   if (!accounts) return output.fail(accounts.error());
   auto account =
       std::find_if(accounts->begin(), accounts->end(), [&](const Account& each) { return each.identifier == service; });
-  if (account == accounts->end()) return ExitStatus::Done;  // removed meanwhile, with all that it had to send
+  if (account == accounts->end()) {
+    // Removed meanwhile, with all that it had to send; the agent would start us for it again and again.
+    DCAgentTasks::forgetEndedTasksInSession(session);
+    return ExitStatus::Done;
+  }
   const std::string folder = Container::directory().value_or("") + "/" + kResumeFolder;
   if (auto made = createDirectories(folder, 0700); !made) return output.fail(failureForError(made.error(), "", ""));
   const char* named = std::getenv("FLORVANE_BACKGROUND_SESSION");

@@ -270,6 +270,12 @@ void DCBackgroundSessionManager::cancelUpload(std::uint64_t taskIdentifier, cons
           self->database()->uploadForTaskIdentifier(static_cast<std::int64_t>(taskIdentifier), sessionIdentifier);
       if (upload) (void)self->database()->removeCancelledUpload(upload);
     }
+    if (tasks && !found) {
+      // It has ended, so that no callback will find the mark.
+      auto upload =
+          self->database()->uploadForTaskIdentifier(static_cast<std::int64_t>(taskIdentifier), sessionIdentifier);
+      if (upload && upload->cancelled()) (void)self->database()->removeCancelledUpload(upload);
+    }
     if (completionHandler) completionHandler(found);
   });
 }

@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <utility>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -23,6 +24,8 @@ namespace florvane {
 namespace {
 
 constexpr char kSource[] = "Client/Client/DCCachedFile";
+// Of a file that becomes known to the server while it is written, or whose folder goes with the last of the others.
+constexpr int kWriteAttempts = 8;
 
 std::string folderOf(const std::string& path) { return path.substr(0, path.rfind('/')); }
 
@@ -103,30 +106,47 @@ Date DCCachedFile::dateNewerThanKnown(Date date) const {
   return std::max(environment_->service->clock().now(), *known + Duration(1));
 }
 
-Result<void> DCCachedFile::recordUpload(const std::string& target, const std::optional<Data>& generationIdentifier) {
+Result<void> DCCachedFile::recordUpload(const std::string& target, const std::optional<Data>& generationIdentifier,
+                                        UploadBefore& before) {
   const std::string path = _pathsKeyString();
   const Data key = _dataKey();
   // The version that is replaced: what was downloaded, else what the listing shows. A file that waits as a new one
   // replaces none, even when somebody else's has taken its name.
-  std::optional<Data> baseVersion;
-  if (!lastRemoteMetadataVersionIdentifier() && !database().knownUploadForPath(path)) {
-    auto entry = parentContentsMetadata();
-    if (entry && documentIdentifier()) baseVersion = entry->data(FVVersionIdentifierKey);
-  }
+  const auto downloaded = lastRemoteMetadataVersionIdentifier();
+  const auto entry = documentIdentifier() ? parentContentsMetadata() : std::nullopt;
+  const auto listed = entry ? entry->data(FVVersionIdentifierKey) : std::nullopt;
   return database().performBatch(
       [&] {
-        (void)database().saveUploadFileURL(URL::fileURL(target), path);
         auto upload = database().uploadForPath(path);
+        before = {upload != nullptr, upload ? upload->generationIdentifier() : std::nullopt};
+        (void)database().saveUploadFileURL(URL::fileURL(target), path);
+        upload = database().uploadForPath(path);
+        if (!upload) return;
         // What a running task sends is known by the generation in its record.
-        if (upload && !upload->taskIdentifier() && upload->generationIdentifier() != generationIdentifier) {
+        if (!upload->taskIdentifier() && upload->generationIdentifier() != generationIdentifier) {
           upload->removeTemporaryUploadFileIfNecessary();
           upload->setGenerationIdentifier(generationIdentifier);
         }
-        if (baseVersion) {
-          (void)database().saveOtherMetadata({{DCFileLastRemoteMetadataVersionIdentifierKey, *baseVersion}}, key);
+        if (before.wasThere) return;
+        upload->setBaseVersionIdentifier(downloaded ? *downloaded : listed.value_or(Data()));
+        if (listed && !downloaded) {
+          (void)database().saveOtherMetadata({{DCFileLastRemoteMetadataVersionIdentifierKey, *listed}}, key);
         }
       },
       true);
+}
+
+// A write that failed before its contents were in place.
+void DCCachedFile::takeBackRecord(const UploadBefore& before) {
+  const std::string path = _pathsKeyString();
+  if (!before.wasThere) {
+    (void)database().removeUploadForPath(path);
+    return;
+  }
+  (void)database().performBatch([&] {
+    auto upload = database().uploadForPath(path);
+    if (upload && !upload->taskIdentifier()) upload->setGenerationIdentifier(before.generationIdentifier);
+  });
 }
 
 Result<void> DCCachedFile::preflightUploadFromURL(const URL& url) {
@@ -152,72 +172,106 @@ void DCCachedFile::registerFileForUploadOfURL(const URL& url, std::int64_t taskI
 
 Result<void> DCCachedFile::updateFileFromURL(const URL& url) {
   DCLogTrace("-[DCCachedFile updateFileFromURL:]", {{"url", url}});
+  std::string place;
+  Result<bool> written = false;
+  for (int attempt = 0; attempt < kWriteAttempts && written && !*written; ++attempt) {
+    const std::string before = std::exchange(place, {});
+    written = writeInPlace(url, place);
+    // Nobody looks for a new file there any more.
+    const bool isLeftBehind = written && *written && !before.empty() && before != place;
+    if (isLeftBehind && removeItem(before)) rmdir(folderOf(before).c_str());  // stays while others wait in it
+  }
+  if (written && !*written) written = Failure(Error::fileWrite(EBUSY, place));
+  if (!written) {
+    DCLogNotice("%@: Skip update of file '%@'", description(), place);
+    return Failure(written.error());
+  }
+  auto locked = lock();
+  forgetRemoteMetadata();
+  return {};
+}
+
+// False when another process has learnt meanwhile which document it is, so that the contents belong elsewhere.
+Result<bool> DCCachedFile::writeInPlace(const URL& url, std::string& target) {
   DCFullPath::Ptr fullPath;
-  bool hadUpload = false;
   {
     auto locked = lock();
     if (hasBeenRemoved()) return Failure(Error::fileWrite(ENOENT, _pathsKeyString()));
     fullPath = fullPathForWriting();
-    hadUpload = database().knownUploadForPath(_pathsKeyString()) != nullptr;
   }
-  auto skipped = [&](const Error& error) {
-    DCLogNotice("%@: Skip update of file '%@'", description(), fullPath);
-    return Failure(error);
-  };
-  if (!fullPath) return skipped(Error::fileWrite(ENOENT, _pathsKeyString()));
-  const std::string& target = fullPath->string();
+  if (!fullPath) return Failure(Error::fileWrite(ENOENT, _pathsKeyString()));
+  target = fullPath->string();
   // A new file's folder has just been made by the question for it.
   const bool isNewFolder = !DCFileStamp::of(target);
-  if (auto made = createDirectories(folderOf(target)); !made) return skipped(made.error());
+  if (auto made = createDirectories(folderOf(target)); !made) return Failure(made.error());
   auto source = DCFileStamp::of(url.path()), present = DCFileStamp::of(target);
   const bool isSame = source && present && source->isSameFile(*present);
 
   std::optional<DCTemporaryFile> copy;
   if (!isSame) {
     auto copied = DCTemporaryFile::copyOf(url.path(), target);
-    if (!copied) return skipped(copied.error());
+    if (!copied) return Failure(copied.error());
     copy.emplace(std::move(*copied));
   }
-  const std::string& written = copy ? copy->path() : target;
+  const std::string written = copy ? copy->path() : target;
   struct stat status{};
-  if (stat(written.c_str(), &status) != 0) return skipped(Error::fileRead(errno, written));
+  if (stat(written.c_str(), &status) != 0) return Failure(Error::fileRead(errno, written));
   const Date date = Date::fromTimespec(status.st_mtim);
   if (const Date newer = dateNewerThanKnown(date); newer != date) {
-    if (auto dated = setDate(written, newer); !dated) return skipped(dated.error());
+    if (auto dated = setDate(written, newer); !dated) return Failure(dated.error());
   }
-  if (auto synced = copy ? copy->sync() : syncFile(target); !synced) return skipped(synced.error());
+  if (auto synced = copy ? copy->sync() : syncFile(target); !synced) return Failure(synced.error());
   if (isNewFolder) {
-    if (auto synced = syncDirectory(folderOf(folderOf(target))); !synced) return skipped(synced.error());
+    if (auto synced = syncDirectory(folderOf(folderOf(target))); !synced) return Failure(synced.error());
   }
 
   Result<void> done;
+  bool isThere = false;
   auto put = [&](const URL&) {
-    done = recordUpload(target, generationOf(written));
-    if (!done || !copy) return;
-    done = copy->moveTo(target).and_then([&] { return syncDirectory(folderOf(target)); });
-    if (!done && !hadUpload) (void)database().removeUploadForPath(_pathsKeyString());
+    if (!belongsAt(target)) return;
+    UploadBefore before;
+    done = recordUpload(target, generationOf(written), before);
+    if (!done) return;
+    if (copy) done = copy->moveTo(target);
+    if (!done) {
+      takeBackRecord(before);
+      // With its last file another process has taken the folder away.
+      if (!DCFileStamp::of(folderOf(target))) done = {};
+      return;
+    }
+    if (copy) done = syncDirectory(folderOf(target));
+    // Whoever attaches an identifier looks for a new file once more when it is recorded.
+    isThere = belongsAt(target);
   };
   auto manager = environment_->manager.lock();
-  if (!manager) return skipped(Error::fileWrite(ECANCELED, target));
+  if (!manager) return Failure(Error::fileWrite(ECANCELED, target));
   auto coordinated =
       manager->coordinateWritingItemAtURL(URL::fileURL(target), FileCoordinatorWritingOptions::ForReplacing, put);
-  if (!coordinated) return skipped(coordinated.error());
-  if (!done) return skipped(done.error());
+  if (!coordinated) return Failure(coordinated.error());
+  if (!done) return Failure(done.error());
+  return isThere;
+}
+
+bool DCCachedFile::belongsAt(const std::string& target) const {
+  // Of other processes, too.
+  database().refresh();
   auto locked = lock();
-  forgetRemoteMetadata();
-  return {};
+  auto fullPath = fullPathForWriting();
+  return fullPath && fullPath->string() == target;
 }
 
 bool DCCachedFile::undoInterruptedWrite() {
   DCLogTrace("-[DCCachedFile undoInterruptedWrite]");
   auto locked = lock();
-  auto upload = database().knownUploadForPath(_pathsKeyString());
+  auto upload = database().uploadForPath(_pathsKeyString());
   if (!upload || upload->taskIdentifier() || !upload->generationIdentifier()) return false;
   auto generation = _localGenerationIdentifier();
   if (generation == upload->generationIdentifier()) return false;
   // Contents that are neither those of the write nor the server's are somebody's later ones.
   if (generation && !isKnownGeneration(generation)) return false;
   if (!generation && existsOnDisk()) return false;
+  const auto recorded = upload->fileURL();
+  if (recorded && recorded != contentsPath() && fileExists(*recorded)) return false;
   DCLogInfo("Taking back a write to '%@' that did not come to its end", _pathsKeyString());
   (void)database().removeUploadForPath(_pathsKeyString());
   return true;
@@ -256,30 +310,42 @@ void DCCachedFile::updateUploadedFileFromRemoteMetadata(const Dictionary& remote
   _setRemoteMetadataWithoutNeedingLocking(remoteMetadata);
   (void)_saveRemoteMetadataOnDisk(remoteMetadata, *identifier, previousVersion);
 
-  auto upload = database().knownUploadForPath(_pathsKeyString());
+  auto upload = database().uploadForPath(_pathsKeyString());
   auto sentFile = upload ? upload->fileURL() : std::nullopt;
   if (sentFile && holdsNewerThan(*upload)) {
     keepNewerThan(remoteMetadata);
   } else if (sentFile) {
     auto replaced = _replaceFileWithURL(URL::fileURL(*sentFile), Replacement::WithSent);
     if (!replaced) DCAssertionFailed(kSource, __LINE__, "!error");
-    if (auto date = remoteMetadata.date(ResourceContentModificationDateKey)) {
-      auto dated = dateContents(*date, DCFileLastUploadGenerationIdentifierKey);
-      if (!dated) DCLogWarning("Unable to update attributes of '%@': %@", *sentFile, dated.error());
+    if (recordAsSent(upload->sentGenerationIdentifier(), remoteMetadata)) {
+      (void)database().removeUploadForPath(_pathsKeyString());
     }
-    if (auto generation = _localGenerationIdentifier()) {
-      saveOtherMetadata({{DCFileLastUploadGenerationIdentifierKey, *generation},
-                         {DCFileLastUpdateGenerationIdentifierKey, *generation}});
-    }
-    (void)database().removeUploadForPath(_pathsKeyString());
   }
   if (!existsOnDisk()) DCAssertionFailed(kSource, __LINE__, "self.existsOnDisk");
+}
+
+// False when the contents turn out not to be those: somebody has just written them who does not coordinate.
+bool DCCachedFile::recordAsSent(const std::optional<Data>& sentGenerationIdentifier, const Dictionary& remoteMetadata) {
+  auto sent = sentGenerationIdentifier ? sentGenerationIdentifier : _localGenerationIdentifier();
+  if (!sent) return true;
+  saveOtherMetadata(
+      {{DCFileLastUploadGenerationIdentifierKey, *sent}, {DCFileLastUpdateGenerationIdentifierKey, *sent}});
+  if (auto date = remoteMetadata.date(ResourceContentModificationDateKey)) {
+    auto dated = dateContents(*date, DCFileLastUploadGenerationIdentifierKey);
+    if (!dated) DCLogWarning("Unable to update attributes of '%@': %@", contentsPath(), dated.error());
+  }
+  auto present = _localGenerationIdentifier();
+  if (!present) return true;
+  auto managed = managedOtherMetadata();
+  const bool isSent = *present == *sent || (managed && managed->lastUploadGenerationIdentifier() == *present);
+  if (isSent) saveOtherMetadata({{DCFileLastUpdateGenerationIdentifierKey, *present}});
+  return isSent;
 }
 
 void DCCachedFile::updateUploadedFileToDropBox() {
   DCLogTrace("-[DCCachedFile updateUploadedFileToDropBox]");
   auto locked = lock();
-  auto upload = database().knownUploadForPath(_pathsKeyString());
+  auto upload = database().uploadForPath(_pathsKeyString());
   if (upload && holdsNewerThan(*upload)) return;
   auto staged = upload ? upload->fileURL() : std::nullopt;
   (void)database().removeUploadForPath(_pathsKeyString());

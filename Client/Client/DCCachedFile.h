@@ -34,7 +34,8 @@ class DCCachedFile : public DCCachedItem {
   // At a start: a write that a kill stopped between its record and its contents is taken back. True when it was.
   bool undoInterruptedWrite();
   // After an upload: what the server says of the file now. The local contents are those that were sent; the upload
-  // record goes unless newer bytes wait.
+  // record goes unless newer bytes wait. These two with writers of other processes kept out
+  // (DCCachedItemManager::coordinateEndOfUpload).
   void updateUploadedFileFromRemoteMetadata(const Dictionary& remoteMetadata);
   // After an upload into a drop box, of which nothing is kept.
   void updateUploadedFileToDropBox();
@@ -56,9 +57,19 @@ class DCCachedFile : public DCCachedItem {
   // Where contents that are written now belong.
   DCFullPath::Ptr fullPathForWriting() const;
   Date dateNewerThanKnown(Date date) const;
-  Result<void> recordUpload(const std::string& target, const std::optional<Data>& generationIdentifier);
+  // What a write finds of the upload before it.
+  struct UploadBefore {
+    bool wasThere = false;
+    std::optional<Data> generationIdentifier;
+  };
+  Result<void> recordUpload(const std::string& target, const std::optional<Data>& generationIdentifier,
+                            UploadBefore& before);
+  void takeBackRecord(const UploadBefore& before);
+  Result<bool> writeInPlace(const URL& url, std::string& target);
+  bool belongsAt(const std::string& target) const;
   bool holdsNewerThan(const DCManagedUpload& upload) const;
   void keepNewerThan(const Dictionary& remoteMetadata);
+  bool recordAsSent(const std::optional<Data>& sentGenerationIdentifier, const Dictionary& remoteMetadata);
 };
 
 }  // namespace florvane

@@ -15,6 +15,9 @@
 #include "platform/GenerationCounter.h"
 #include "platform/ResourceValues.h"
 
+#include <cerrno>
+#include <cstdio>
+
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -242,13 +245,21 @@ bool DCCachedItem::updateDocumentIdentifier(const std::optional<Data>& documentI
   auto stored = database().knownStoredLocalMetadataForDocumentIdentifier(previousDataKey);
   auto upload = database().knownUploadForPath(path_->string());
   const std::string path = path_->string();
+  if (upload) {
+    // The process that sends it may have been told, too.
+    database().refresh();
+    if (auto present = this->documentIdentifier()) return *present == *documentIdentifier;
+  }
   if (!other && !stored && !upload) {
     (void)database().setDocumentIdentifier(*documentIdentifier, path);
   } else {
     const auto staged = upload ? upload->fileURL() : std::nullopt;
     const std::string target = contentsPathForDocumentIdentifier(*documentIdentifier);
     const bool isAdopted = upload && adoptStagedFile(*documentIdentifier);
+    std::optional<Data> present;
     (void)database().performBatch([&] {
+      present = database().documentIdentifierForPath(path);
+      if (present) return;
       (void)database().setDocumentIdentifier(*documentIdentifier, path);
       if (isAdopted) upload->setFileURL(target);
       if (other) {
@@ -259,21 +270,14 @@ bool DCCachedItem::updateDocumentIdentifier(const std::optional<Data>& documentI
         (void)database().saveStoredLocalMetadata(stored->dictionaryRepresentation(), *documentIdentifier);
         (void)database().removeStoredLocalMetadataForDocumentIdentifier(previousDataKey);
       }
-    });
-    if (upload) {
       // The bytes were written as a new file: they replace no version that is known.
-      forgetRemoteMetadata();
-      auto managed = managedOtherMetadata();
-      if (managed && managed->lastRemoteMetadataVersionIdentifier()) {
-        managed->setLastRemoteMetadataVersionIdentifier(std::nullopt);
-        (void)database().save();
-      }
-    }
+      auto managed = upload ? database().otherMetadataForDocumentIdentifier(*documentIdentifier) : nullptr;
+      if (managed) managed->setLastRemoteMetadataVersionIdentifier(std::nullopt);
+    });
+    if (present && *present != *documentIdentifier) return false;
+    if (upload && !present) forgetRemoteMetadata();
     // Until now the record named the staged file, and from now on the other name of the same.
-    if (isAdopted && staged && *staged != target) {
-      (void)removeItem(*staged);
-      rmdir(folderOf(*staged).c_str());  // stays while others wait in it
-    }
+    if (isAdopted && staged && *staged != target) takeStagedFileAway(*staged, target);
   }
   if (_dataKey() == previousDataKey)
     DCAssertionFailed(kSource, __LINE__, "![previousDataKey isEqualToData:self._dataKey]");
@@ -285,6 +289,9 @@ bool DCCachedItem::adoptStagedFile(const Data& documentIdentifier) {
   if (!staged || !fileExists(*staged)) return false;
   const std::string target = contentsPathForDocumentIdentifier(documentIdentifier);
   if (*staged == target) return true;
+  // Another process is about to say the same.
+  auto stagedStamp = DCFileStamp::of(*staged), targetStamp = DCFileStamp::of(target);
+  if (stagedStamp && targetStamp && stagedStamp->isSameFile(*targetStamp)) return true;
   auto manager = environment_->manager.lock();
   if (manager && fileExists(target)) manager->recoverFileIfUnsent(target, documentIdentifier, path_);
   auto linked =
@@ -293,6 +300,18 @@ bool DCCachedItem::adoptStagedFile(const Data& documentIdentifier) {
   if (moved) moved = syncDirectory(folderOf(target));
   if (!moved) DCLogWarning("Failed to rename '%@' to '%@': %@", *staged, target, moved.error());
   return moved.has_value();
+}
+
+// Another process may have put newer contents there when the identifier was not recorded yet. Whoever does so
+// afterwards sees it there and writes once more.
+void DCCachedItem::takeStagedFileAway(const std::string& staged, const std::string& target) const {
+  auto left = DCFileStamp::of(staged), present = DCFileStamp::of(target);
+  if (left && present && left->isSameFile(*present)) {
+    (void)removeItem(staged);
+  } else if (left && rename(staged.c_str(), target.c_str()) != 0) {
+    DCLogWarning("Failed to rename '%@' to '%@': %@", staged, target, Error::fileWrite(errno, target));
+  }
+  rmdir(folderOf(staged).c_str());  // stays while others wait in it
 }
 
 void DCCachedItem::throwDocumentIdentifierChanged(const Data& documentIdentifier) const {

@@ -233,6 +233,7 @@ class DCCachedItem : public std::enable_shared_from_this<DCCachedItem> {
   Result<void> dateContents(Date date, std::string_view generationKey);
   // The bytes of a new file go where its identifier says, and its upload record with them; false when there are none.
   bool adoptStagedFile(const Data& documentIdentifier);
+  void takeStagedFileAway(const std::string& staged, const std::string& target) const;
   std::optional<PreparedResponse> _prepareForResponse(const FVFResponseContainer& responseContainer);
   bool _storeResponse(const FVFResponseContainer& responseContainer, const PreparedResponse& response);
   [[noreturn]] void throwDocumentIdentifierChanged(const Data& documentIdentifier) const;

@@ -70,8 +70,15 @@ bool DCCachedItemManager::makeRoom(const DCCachedItem::Ptr& item, const DCRelati
     return false;
   }
   // Nothing can be made of bytes where a folder is now.
-  if (fileExists(*staged) && !recover(*staged, to)) return false;
-  (void)database().removeUploadForPath(to);
+  return recoverUpload(to);
+}
+
+// The bytes of an upload are kept, and its record goes; false when they could not be.
+bool DCCachedItemManager::recoverUpload(const std::string& path) {
+  auto upload = database().uploadForPath(path);
+  const auto source = upload ? upload->fileURL() : std::nullopt;
+  if (source && fileExists(*source) && !recover(*source, path)) return false;
+  if (upload) (void)database().removeUploadForPath(path);
   return true;
 }
 
@@ -82,12 +89,12 @@ void DCCachedItemManager::giveDocumentToStagedFile(const DCCachedItem::Ptr& item
   const std::string from = item->relativePath()->string();
   auto newFile = file(path);
   if (!newFile || !identifier) return;
+  if (!recoverUpload(from)) return;
   if (auto contents = item->contentsPath(); contents && fileExists(*contents)) {
     if (item->isUnsent() && !recover(*contents, from)) return;
     (void)florvane::removeItem(*contents);
   }
   forgetItem(item);
-  (void)database().removeUploadForPath(from);
   (void)newFile->updateDocumentIdentifier(identifier);
   (void)database().removePath(from);
 }
@@ -176,7 +183,9 @@ void DCCachedItemManager::moveStagedFiles(const std::string& to) {
       logFailedRename(*staged, target, moved.error());
       continue;
     }
-    (void)florvane::removeItem(*staged);
+    auto left = DCFileStamp::of(*staged), present = DCFileStamp::of(target);
+    // Not what another process has just put there.
+    if (left && present && left->isSameFile(*present)) (void)florvane::removeItem(*staged);
     rmdir(folderOf(*staged).c_str());  // stays while others wait in it
   }
 }

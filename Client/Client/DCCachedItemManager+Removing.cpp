@@ -89,8 +89,7 @@ Result<void> DCCachedItemManager::removeFiles(Removal& removal, const std::unord
   std::erase_if(remaining, [&](const std::string& path) { return removedPaths.contains(path); });
   removal.isLastPath = remaining.empty();
   if (!removal.isLastPath) return leaveToOtherPath(removal, remaining);
-  if (auto recovered = recoverUnsent(removal); !recovered) return recovered;
-  return removeDocument(*removal.documentIdentifier);
+  return removeDocument(removal);
 }
 
 // Bytes that were never sent leave the cache before anything removes them.
@@ -138,21 +137,36 @@ Result<void> DCCachedItemManager::leaveToOtherPath(const Removal& removal, const
   });
 }
 
-Result<void> DCCachedItemManager::removeDocument(const Data& documentIdentifier) {
-  const std::string folder = "/" + pu_hex(documentIdentifier);
+Result<void> DCCachedItemManager::removeDocument(const Removal& removal) {
+  const std::string folder = "/" + pu_hex(*removal.documentIdentifier);
   for (const std::string& path : {environment_->documentRoot + folder, environment_->metadataRoot + folder}) {
     if (!DCFileStamp::of(path)) continue;
     Result<void> removed;
-    auto coordinated = coordinateWritingItemAtURL(URL::fileURL(path), FileCoordinatorWritingOptions::ForDeleting,
-                                                  [&](const URL&) { removed = removeTree(path); });
+    auto coordinated =
+        coordinateWritingItemAtURL(URL::fileURL(path), FileCoordinatorWritingOptions::ForDeleting, [&](const URL&) {
+          // Another process may have written the file until now.
+          removed = recoverUnsent(removal);
+          if (removed) removed = removeTree(path);
+        });
     if (!coordinated) return coordinated;
     if (!removed) return removed;
   }
   return {};
 }
 
+// What the record names was moved away with the item's files, unless another process has written the file since.
+bool DCCachedItemManager::hasLateUpload(const Removal& removal) const {
+  auto upload = removal.isLastPath ? database().knownUploadForPath(removal.path->string()) : nullptr;
+  const auto source = upload ? upload->fileURL() : std::nullopt;
+  return source && fileExists(*source);
+}
+
 void DCCachedItemManager::removeRecords(const std::vector<Removal>& removals) {
   if (removals.empty()) return;
+  database().refresh();
+  for (const Removal& removal : removals) {
+    if (hasLateUpload(removal)) (void)recoverUpload(removal.path->string());
+  }
   auto remove = [&] {
     for (const Removal& removal : removals) {
       const std::string& path = removal.path->string();
@@ -166,7 +180,8 @@ void DCCachedItemManager::removeRecords(const std::vector<Removal>& removals) {
           (void)database().removeOtherMetadataForDocumentIdentifier(key);
         }
       }
-      if (database().knownUploadForPath(path)) (void)database().removeUploadForPath(path);
+      // One that came at the very last is sent as a new file.
+      if (database().knownUploadForPath(path) && !hasLateUpload(removal)) (void)database().removeUploadForPath(path);
     }
   };
   (void)database().performBatch(remove);

@@ -449,6 +449,26 @@ Result<void> DCCachedItemManager::coordinateReadingForUploadingItem(const DCCach
   return Failure(Error::fileRead(EBUSY, fullPath->string()));
 }
 
+Result<void> DCCachedItemManager::coordinateEndOfUpload(const DCCachedItem::Ptr& item,
+                                                        const std::optional<Data>& documentIdentifier,
+                                                        const std::function<void()>& work) {
+  DCLogTrace("-[DCCachedItemManager coordinateEndOfUpload:documentIdentifier:]", {{"item", item->description()}});
+  const auto present = item->contentsPath();
+  const auto identifier = documentIdentifier ? documentIdentifier : item->documentIdentifier();
+  const auto target = identifier ? std::optional(item->contentsPathForDocumentIdentifier(*identifier)) : present;
+  if (!target) {
+    work();
+    return {};
+  }
+  if (!present || *present == *target) {
+    return coordinateWritingItemAtURL(URL::fileURL(*target), FileCoordinatorWritingOptions::None,
+                                      [&](const URL&) { work(); });
+  }
+  return coordinator().coordinateWritingItemAtURL(URL::fileURL(*present), FileCoordinatorWritingOptions::None,
+                                                  URL::fileURL(*target), FileCoordinatorWritingOptions::None,
+                                                  [&](const URL&, const URL&) { work(); });
+}
+
 std::optional<URL> DCCachedItemManager::presentedItemURL() const { return URL::fileURL(environment_->documentRoot); }
 
 std::shared_ptr<SerialQueue> DCCachedItemManager::presentedItemOperationQueue() const { return operationQueue_; }

@@ -111,6 +111,9 @@ class DCCachedItemManager : public FilePresenter, public std::enable_shared_from
   // presentedItemOperationQueue.
   using RecoveryHandler = std::function<void(const std::string& relativePath, const URL& recoveredURL)>;
   void setRecoveryHandler(RecoveryHandler handler);
+  // Moves the file of an upload there, when it is there, and removes the record; false, with the record left, when that
+  // cannot be done. Not within a batch of the database.
+  bool recoverUpload(const std::string& path);
   // An item's: moves the file there, when it holds bytes that the server does not have.
   void recoverFileIfUnsent(const std::string& contentsPath, const Data& documentIdentifier,
                            const DCRelativePath::Ptr& relativePath);
@@ -129,6 +132,11 @@ class DCCachedItemManager : public FilePresenter, public std::enable_shared_from
   // an error (EBUSY as underlying one).
   using UploadAccessor = std::function<void(const URL& url, const Data& generationIdentifier)>;
   Result<void> coordinateReadingForUploadingItem(const DCCachedItem::Ptr& item, const UploadAccessor& byAccessor);
+
+  // Keeps writers and senders of the file, in any process, out while the work takes in what an upload of it has come
+  // to, also where the file still lies as a new one. Throws and fails as the three above.
+  Result<void> coordinateEndOfUpload(const DCCachedItem::Ptr& item, const std::optional<Data>& documentIdentifier,
+                                     const std::function<void()>& work);
 
   // The service's document root.
   std::optional<URL> presentedItemURL() const override;
@@ -183,7 +191,8 @@ class DCCachedItemManager : public FilePresenter, public std::enable_shared_from
   Result<void> removeFiles(Removal& removal, const std::unordered_set<std::string>& removedPaths);
   Result<void> recoverUnsent(const Removal& removal);
   Result<void> leaveToOtherPath(const Removal& removal, const std::vector<std::string>& remaining);
-  Result<void> removeDocument(const Data& documentIdentifier);
+  Result<void> removeDocument(const Removal& removal);
+  bool hasLateUpload(const Removal& removal) const;
   void removeRecords(const std::vector<Removal>& removals);
 
   // Recovery (DCCachedItemManager+Recovery.cpp).

@@ -8,10 +8,10 @@ namespace florvane {
 
 namespace {
 
-ManagedObjectFetch pendingUploads() {
+ManagedObjectFetch uploads(bool areCancelled) {
   ManagedObjectFetch fetch;
   fetch.entity = DCEntityIndexUpload;
-  fetch.equals = {{DCManagedUpload::Cancelled, false}};
+  fetch.equals = {{DCManagedUpload::Cancelled, areCancelled}};
   fetch.newestFirstBy = DCManagedUpload::CreationDate;
   return fetch;
 }
@@ -22,11 +22,20 @@ void DCDatabase::announceUploads() { NotificationCenter::shared().post(FlorvaneD
 
 std::vector<DCDatabase::UploadPtr> DCDatabase::allUploads() {
   DCLogTrace("-[DCDatabase allUploads]");
-  std::vector<UploadPtr> uploads;
-  for (auto& object : managedObjectContext()->fetch(pendingUploads())) {
-    uploads.push_back(std::static_pointer_cast<DCManagedUpload>(object));
+  return fetchUploads(uploads(false));
+}
+
+std::vector<DCDatabase::UploadPtr> DCDatabase::cancelledUploads() {
+  DCLogTrace("-[DCDatabase cancelledUploads]");
+  return fetchUploads(uploads(true));
+}
+
+std::vector<DCDatabase::UploadPtr> DCDatabase::fetchUploads(const ManagedObjectFetch& fetch) {
+  std::vector<UploadPtr> found;
+  for (auto& object : managedObjectContext()->fetch(fetch)) {
+    found.push_back(std::static_pointer_cast<DCManagedUpload>(object));
   }
-  return uploads;
+  return found;
 }
 
 std::vector<std::string> DCDatabase::uploadPaths() {
@@ -40,7 +49,7 @@ std::vector<std::string> DCDatabase::uploadPaths() {
 
 std::size_t DCDatabase::numberOfPendingUploads() {
   DCLogTrace("-[DCDatabase numberOfPendingUploads]");
-  return managedObjectContext()->count(pendingUploads());
+  return managedObjectContext()->count(uploads(false));
 }
 
 DCDatabase::UploadPtr DCDatabase::uploadForPath(const std::string& path) {

@@ -84,6 +84,8 @@ class DCDatabase : public std::enable_shared_from_this<DCDatabase> {
 
   // Uploads that are not cancelled, the newest first.
   std::vector<UploadPtr> allUploads();
+  // Those whose tasks have still to end.
+  std::vector<UploadPtr> cancelledUploads();
   std::vector<std::string> uploadPaths();
   std::size_t numberOfPendingUploads();
   UploadPtr uploadForPath(const std::string& path);
@@ -163,6 +165,7 @@ class DCDatabase : public std::enable_shared_from_this<DCDatabase> {
   std::shared_ptr<T> metadataMade(std::size_t entity, const Data& documentIdentifier, ManagedObjectContext& context);
   std::unordered_map<std::string, Data> documentIdentifiers(const std::string& directoryPath, bool onlyChildren);
   void renameUploads(const std::string& srcPath, const std::string& dstPath, ManagedObjectContext& context);
+  std::vector<UploadPtr> fetchUploads(const ManagedObjectFetch& fetch);
   void announceUploads();
   std::string directory() const;
 

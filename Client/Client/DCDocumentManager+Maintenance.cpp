@@ -1,5 +1,6 @@
 #include "Client/Client/DCAgentTasks.h"
 #include "Client/Client/DCBackgroundSessionIdentifier.h"
+#include "Client/Client/DCBackgroundSessionManager.h"
 #include "Client/Client/DCDocumentManager.h"
 #include "Client/Client/DCLog.h"
 #include "Client/Client/DCPreferences.h"
@@ -161,19 +162,35 @@ void DCDocumentManager::deleteAllLocalData() {
       return;
     }
     // Asked before the records of cancelled uploads say nothing any more; moved when nobody reads them any more.
-    const auto unsent = DCUnsentFiles::unsentFilesOfService(service_, *database);
+    auto unsent = DCUnsentFiles::unsentFilesOfService(service_, *database);
     DCUploadManager::uploadManagerForService(service_)->cancelAllUploadTasks();
+    // Nothing that an agent still has may be sent with the login of an account that is going.
+    if (auto removed = DCBackgroundSessionManager::removeCookiesOfService(service_); !removed) {
+      DCLogError("Unable to take the login from the transfers of '%@': %@", *service_, removed.error());
+    }
     cancelTasksOfAllProcesses(*service_, *database);
     DCDownloadManager::downloadManagerForService(service_)->cancelAllDownloadTasks();
     DCLogDebug("Canceled all upload and download tasks for service: %@", *service_);
-    auto recovered = DCUnsentFiles::recoverFiles(unsent, service_->clock().now());
-    if (!recovered) return;
-    for (std::size_t i = 0; i < unsent.size(); ++i) {
-      _didRecoverFileAtPath(unsent[i].relativePath, URL::fileURL((*recovered)[i]));
-    }
+    auto recover = [&] {
+      auto recovered = DCUnsentFiles::recoverFiles(unsent, service_->clock().now());
+      for (std::size_t i = 0; recovered && i < unsent.size(); ++i) {
+        _didRecoverFileAtPath(unsent[i].relativePath, URL::fileURL((*recovered)[i]));
+      }
+      return recovered.has_value();
+    };
+    if (!recover()) return;
     const FileCoordinator fileCoordinator(purposeIdentifier().value_or(DCFlorvaneBundleIdentifier));
     URL documentRoot = DCFullPath::documentRootForService(service_)->url();
-    if (_synchronouslyRemoveItemAtURL(documentRoot, fileCoordinator)) {
+    bool isRecovered = false, isRemoved = false;
+    // What others have written meanwhile; nobody writes there now.
+    (void)fileCoordinator.coordinateWritingItemAtURL(
+        documentRoot, FileCoordinatorWritingOptions::ForDeleting, [&](const URL&) {
+          unsent = DCUnsentFiles::unsentFilesOfService(service_, *database);
+          isRecovered = recover();
+          if (isRecovered) isRemoved = _synchronouslyRemoveItemAtURL(documentRoot, fileCoordinator);
+        });
+    if (!isRecovered) return;
+    if (isRemoved) {
       DCLogDebug("Deleted document root at %@", documentRoot);
     }
     URL metadataRoot = DCFullPath::metadataRootForService(service_)->url();

@@ -53,20 +53,27 @@ void DCDocumentManager::_reconcileUpload(const DCCachedFile::Ptr& file, const Er
       self->_countFailureOfUpload(file, error);
       return;
     }
-    if (auto upload = self->database()->uploadForPath(path)) {
-      upload->setError({});
-      (void)self->database()->save();
-    }
-    (void)self->uploadLosses_[path];  // not at once: the server has just not answered
-    self->_afterPause(path, [self, file, path, error] {
-      self->undecidedUploads_.erase(path);
-      auto upload = self->database()->uploadForPath(path);
-      if (!upload || upload->taskIdentifier() || self->_uploadManager()->isUploadingFile(*file)) return;
-      self->_reconcileUpload(file, error, std::make_shared<ErrorHandler>());
-    });
+    self->_reconcileUploadLater(file, std::nullopt, error);
   };
   DCRemoteDocumentManager::remoteDocumentManagerForService(service_)->contentsOfDirectoryWithDocumentIdentifier(
       *identifier, std::nullopt, _activityInfoForItem(*parent), std::move(listed));
+}
+
+void DCDocumentManager::_reconcileUploadLater(const DCCachedFile::Ptr& file, const UploadTask& task,
+                                              const Error& error) {
+  const std::string path = file->relativePath()->string();
+  if (!_clearUploadTask(path, task)) {
+    undecidedUploads_.erase(path);
+    return;
+  }
+  undecidedUploads_.insert(path);
+  (void)uploadLosses_[path];  // not at once: it has just failed
+  _afterPause(path, [self = shared_from_this(), file, path, error] {
+    self->undecidedUploads_.erase(path);
+    auto upload = self->database()->uploadForPath(path);
+    if (!upload || upload->task() || self->_uploadManager()->isUploadingFile(*file)) return;
+    self->_reconcileUpload(file, error, std::make_shared<ErrorHandler>());
+  });
 }
 
 void DCDocumentManager::_decideUpload(const DCCachedFile::Ptr& file, const Error& error,
@@ -76,7 +83,8 @@ void DCDocumentManager::_decideUpload(const DCCachedFile::Ptr& file, const Error
     if (*settled) (*settled)(outcome);
   };
   auto upload = database()->uploadForPath(file->relativePath()->string());
-  if (!upload || file->hasBeenRemoved()) {
+  // Nothing is left to decide, or another process has begun anew.
+  if (!upload || upload->task() || file->hasBeenRemoved()) {
     settle(error);
     return;
   }
@@ -95,7 +103,7 @@ void DCDocumentManager::_decideUpload(const DCCachedFile::Ptr& file, const Error
   }
   if (DCUploadOutcome::isEntryOfLastAttempt(entry, upload)) {
     uploadLosses_.erase(file->relativePath()->string());
-    _completeUpload({file, nullptr, nullptr, settled}, entry, true);
+    _completeUpload({file, std::nullopt, nullptr, nullptr, settled}, entry, true);
     return;
   }
   const auto version = entry->data(FVVersionIdentifierKey);

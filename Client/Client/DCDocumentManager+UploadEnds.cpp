@@ -9,7 +9,11 @@
 #include "platform/ResourceValues.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <cstdio>
 #include <utility>
+
+#include <fcntl.h>
 
 namespace florvane {
 
@@ -50,7 +54,9 @@ DCDirectoryContents::Ptr contentsOf(const FVFResponseContainer& container) {
 
 void DCDocumentManager::_finishUploadFile(const DCCachedFile::Ptr& file, const FVFResponseContainer::Ptr& container,
                                           const OptionalError& error) {
-  _uploadDidEnd(file, container, error, nullptr);
+  // The record's present transfer, whichever that is.
+  auto upload = database()->uploadForPath(file->relativePath()->string());
+  _uploadDidEnd({file, upload ? upload->task() : std::nullopt, container, error}, nullptr);
 }
 
 void DCDocumentManager::_finishUploadFileForTaskIdentifier(std::uint64_t taskIdentifier,
@@ -65,18 +71,18 @@ void DCDocumentManager::_finishUploadFileForTaskIdentifier(std::uint64_t taskIde
   if (file) _uploadManager()->taskDidEnd(file, taskIdentifier, sessionIdentifier, responseContainer, error);
 }
 
-void DCDocumentManager::_uploadDidEnd(const DCCachedFile::Ptr& file, const FVFResponseContainer::Ptr& container,
-                                      const OptionalError& error, ErrorHandler settled) {
+void DCDocumentManager::_uploadDidEnd(const DCUploadManager::End& end, ErrorHandler settled) {
+  const auto& [file, task, container, error] = end;
   DCLogTrace("-[DCDocumentManager _finishUploadFile:container:error:]",
              {{"file", file}, {"container", container}, {"error", error}});
   (void)queue_->checkIsCurrent(kSource, __LINE__);
   auto shared = std::make_shared<ErrorHandler>(std::move(settled));
   if (error) {
-    _uploadDidFail(file, *error, shared);
+    _uploadDidFail(file, task, *error, shared);
     return;
   }
   uploadLosses_.erase(file->relativePath()->string());
-  UploadAnswer answer{file, container, nullptr, shared};
+  UploadAnswer answer{file, task, container, nullptr, shared};
   // The answer's file goes with this call, and is read in another turn.
   if (container && container->url()) {
     const std::string path = container->url()->path();
@@ -94,36 +100,69 @@ void DCDocumentManager::_uploadDidEnd(const DCCachedFile::Ptr& file, const FVFRe
 
 // Failures
 
-void DCDocumentManager::_uploadDidFail(const DCCachedFile::Ptr& file, const Error& error,
+// Whether there is anything to send. Record and file are brought together where one of them has moved without the
+// other.
+bool DCDocumentManager::_findUploadSource(const DCCachedFile& file, const std::shared_ptr<DCManagedUpload>& upload) {
+  const auto recorded = upload ? upload->fileURL() : std::nullopt;
+  const auto fullPath = file.fullPathIfKnown();
+  const bool isRecordedThere = recorded && fileExists(*recorded);
+  if (!fullPath || recorded == fullPath->string()) return isRecordedThere;
+  const std::string& target = fullPath->string();
+  if (!fileExists(target)) {
+    if (!isRecordedThere) return false;
+    auto moved = createDirectories(target.substr(0, target.rfind('/')));
+    if (moved && renameat2(AT_FDCWD, recorded->c_str(), AT_FDCWD, target.c_str(), RENAME_NOREPLACE) != 0) {
+      moved = Failure(Error::fileWrite(errno, target));
+    }
+    if (!moved) {
+      DCLogWarning("Failed to rename '%@' to '%@': %@", *recorded, target, moved.error());
+      return true;
+    }
+  } else if (isRecordedThere) {
+    return true;
+  }
+  if (upload && upload->path()) (void)database()->saveUploadFileURL(fullPath->url(), *upload->path());
+  return true;
+}
+
+void DCDocumentManager::_uploadDidFail(const DCCachedFile::Ptr& file, const UploadTask& task, const Error& error,
                                        const std::shared_ptr<ErrorHandler>& settled) {
   auto answer = [&] {
     if (*settled) (*settled)(error);
   };
   auto database = this->database();
   const std::string path = file->relativePath()->string();
-  auto upload = database->uploadForPath(path);
   const bool isSourceMissing =
       error.is(QuilbarErrorDomain, FileReadNoSuchFileError) || error.is(URLErrorDomain, URLErrorFileDoesNotExist);
-  const auto recorded = upload ? upload->fileURL() : std::nullopt;
+  // What the listing is still to decide is no failure yet: a kill meanwhile must not make it count as one.
+  const bool isUndecided = DCUploadOutcome::isLostReply(error) || error.is(URLErrorDomain, kConflict);
+  std::shared_ptr<DCManagedUpload> upload;
+  bool isSuperseded = false;
+  (void)database->performBatch([&] {
+    upload = database->uploadForPath(path);
+    isSuperseded = upload && upload->task() != task;
+    if (!upload || isSuperseded) return;
+    upload->setTaskIdentifier({});
+    upload->setSessionIdentifier({});
+    upload->setError(isUndecided ? std::nullopt : std::optional(DCUploadOutcome::textOfError(error)));
+  });
+  if (isSuperseded) {
+    answer();
+    return;
+  }
   // Only the copy that was to be sent may be gone; then there is another to be made.
-  if (isSourceMissing && !(recorded && fileExists(*recorded))) {
+  if (isSourceMissing && !_findUploadSource(*file, upload)) {
     const auto fullPath = file->fullPathIfKnown();
     DCLogInfo("The file we're trying to upload (%@) doesn't exist at '%@'", file->relativePath(),
-              fullPath ? std::optional(fullPath->string()) : recorded);
+              fullPath ? std::optional(fullPath->string()) : (upload ? upload->fileURL() : std::nullopt));
     (void)database->removeUploadForPath(path);
     answer();
     return;
   }
-  if (!upload || !upload->path()) {
+  if (!upload) {
     answer();
     return;
   }
-  upload->setTaskIdentifier({});
-  upload->setSessionIdentifier({});
-  // What the listing is still to decide is no failure yet: a kill meanwhile must not make it count as one.
-  const bool isUndecided = DCUploadOutcome::isLostReply(error) || error.is(URLErrorDomain, kConflict);
-  upload->setError(isUndecided ? std::nullopt : std::optional(DCUploadOutcome::textOfError(error)));
-  (void)database->save();
   if (error.is(URLErrorDomain, kUnauthorized)) {
     DCLogInfo("Got an authentication error. Retrying upload of file at '%@'", file->relativePath());
     answer();
@@ -312,13 +351,41 @@ void DCDocumentManager::_listForUploadAnswers(const DCCachedDirectory::Ptr& dire
       });
 }
 
+void DCDocumentManager::_serverReturnedNoMetadata(const UploadAnswer& answer) {
+  const auto& file = answer.file;
+  DCLogError("Server failed to return metadata for uploaded file: %@", file);
+  DCLogError("%@: Server failed to return metadata for uploaded file %@, container = %@", *this, file,
+             answer.container);
+  DCAssertionFailed(kSource, __LINE__, "remoteMetadata");
+  _askWhatBecameOfUpload(answer);
+}
+
+// Whether it was stored is asked of the server.
+void DCDocumentManager::_askWhatBecameOfUpload(const UploadAnswer& answer) {
+  if (_clearUploadTask(answer.file->relativePath()->string(), answer.task)) {
+    _reconcileUpload(answer.file, Error(URLErrorDomain, URLErrorCannotParseResponse), answer.settled);
+  } else if (*answer.settled) {
+    (*answer.settled)(std::nullopt);
+  }
+}
+
+// False when the record is of another transfer by now, or gone.
+bool DCDocumentManager::_clearUploadTask(const std::string& path, const UploadTask& task) {
+  bool isCleared = false;
+  (void)database()->performBatch([&] {
+    auto upload = database()->uploadForPath(path);
+    isCleared = upload && upload->task() == task;
+    if (!isCleared) return;
+    upload->setTaskIdentifier({});
+    upload->setSessionIdentifier({});
+    upload->setError({});
+  });
+  return isCleared;
+}
+
 void DCDocumentManager::_completeUpload(const UploadAnswer& answer, const std::optional<Dictionary>& remoteMetadata,
                                         bool isOfListing) {
   const auto& file = answer.file;
-  const std::string path = file->relativePath()->string();
-  const Date now = service_->clock().now();
-  const bool isDropBox =
-      answer.container && answer.container->transferType() == FVFResponseContainerTransferTypeDropBoxFile;
   auto settle = [&](const OptionalError& error) {
     if (*answer.settled) (*answer.settled)(error);
   };
@@ -326,28 +393,18 @@ void DCDocumentManager::_completeUpload(const UploadAnswer& answer, const std::o
     settle(std::nullopt);
     return;
   }
+  const bool isDropBox =
+      answer.container && answer.container->transferType() == FVFResponseContainerTransferTypeDropBoxFile;
   const DCTakeInLock lock(service_);
-  const auto identifier = file->documentIdentifier();
-  const bool isOther =
-      remoteMetadata && !isDropBox && identifier && identifier != remoteMetadata->data(FVDocumentIdentifierKey);
-  if (!remoteMetadata || isOther) {
-    if (isOther) {
-      DCLogInfo("Another document has the name of the uploaded file '%@' by now", path);
-    } else {
-      DCLogError("Server failed to return metadata for uploaded file: %@", file);
-      DCLogError("%@: Server failed to return metadata for uploaded file %@, container = %@", *this, file,
-                 answer.container);
-      DCAssertionFailed(kSource, __LINE__, "remoteMetadata");
-    }
-    // Whether it was stored is asked of the server.
-    if (auto upload = database()->uploadForPath(path)) {
-      upload->setTaskIdentifier({});
-      upload->setSessionIdentifier({});
-      (void)database()->save();
-      _reconcileUpload(file, Error(URLErrorDomain, URLErrorCannotParseResponse), answer.settled);
-    } else {
-      settle(std::nullopt);
-    }
+  const auto known = file->documentIdentifier();
+  const bool isOther = remoteMetadata && !isDropBox && known && known != remoteMetadata->data(FVDocumentIdentifierKey);
+  if (isOther) {
+    DCLogInfo("Another document has the name of the uploaded file '%@' by now", file->relativePath());
+    _askWhatBecameOfUpload(answer);
+    return;
+  }
+  if (!remoteMetadata) {
+    _serverReturnedNoMetadata(answer);
     return;
   }
   if (isOfListing && file->parentContentsMetadata() != remoteMetadata) {
@@ -355,30 +412,54 @@ void DCDocumentManager::_completeUpload(const UploadAnswer& answer, const std::o
                       "container.transferType == FVFResponseContainerTransferTypeDropBoxFile || [remoteMetadata "
                       "isEqualToDictionary:file.parentContentsMetadata]");
   }
+  const auto identifier = isDropBox ? std::nullopt : remoteMetadata->data(FVDocumentIdentifierKey);
+  bool isDone = true;
+  // A write of another process comes before or after all of this, never in between.
+  auto coordinated = cachedItemManager()->coordinateEndOfUpload(
+      file, identifier, [&] { isDone = _takeInUpload(answer, *remoteMetadata, isDropBox); });
+  if (!coordinated) {
+    DCLogError("Could not take in what became of the upload of '%@': %@", file->relativePath(), coordinated.error());
+    settle(coordinated.error());
+    _reconcileUploadLater(file, answer.task, Error(URLErrorDomain, URLErrorNetworkConnectionLost));
+    return;
+  }
+  settle(std::nullopt);
+  if (!isDone) _restartUpload(file);
+}
+
+bool DCDocumentManager::_takeInUpload(const UploadAnswer& answer, const Dictionary& remoteMetadata, bool isDropBox) {
+  const auto& file = answer.file;
+  const std::string path = file->relativePath()->string();
+  const Date now = service_->clock().now();
+  auto upload = database()->uploadForPath(path);
+  // Another process has begun anew, with newer contents, or has even come to their end: this is the past.
+  const bool hadRecord = answer.task || !answer.container;
+  if (upload ? upload->task() != answer.task : hadRecord) return true;
   if (isDropBox) {
     // Nobody may ask for it again, so that nothing is kept of it.
     file->updateUploadedFileToDropBox();
   } else {
-    file->updateUploadedFileFromRemoteMetadata(*remoteMetadata);
+    file->updateUploadedFileFromRemoteMetadata(remoteMetadata);
     if (file->remoteMetadata() != remoteMetadata) {
       DCLogError("FAILED ASSERTION [remoteMetadata isEqualToDictionary:file.remoteMetadata]");
-      DCLogError("remoteMetadata = %@", DCStringFromCollection(*remoteMetadata));
+      DCLogError("remoteMetadata = %@", DCStringFromCollection(remoteMetadata));
       DCLogError("file.remoteMetadata = %@", DCStringFromCollection(file->remoteMetadata().value_or(Dictionary())));
       DCAssertionFailed(kSource, __LINE__, "[remoteMetadata isEqualToDictionary:file.remoteMetadata]");
     }
   }
-  auto upload = database()->uploadForPath(path);
-  if (upload) {
+  bool isDone = true;
+  (void)database()->performBatch([&] {
+    auto waiting = database()->uploadForPath(path);
+    if (!waiting || waiting->task() != answer.task) return;
+    isDone = false;
     // Newer bytes wait. They are based on what was just stored, and nothing of that is left to be recognised.
-    upload->resetAndIncrementNumberOfRetries();
-    upload->setNumberOfRetries(0);
-    if (!isDropBox) upload->setBaseVersionIdentifier(remoteMetadata->data(FVVersionIdentifierKey));
-    upload->removeAttempts();
-    (void)database()->save();
-  }
+    waiting->resetAndIncrementNumberOfRetries();
+    waiting->setNumberOfRetries(0);
+    if (!isDropBox) waiting->setBaseVersionIdentifier(remoteMetadata.data(FVVersionIdentifierKey));
+    waiting->removeAttempts();
+  });
   if (!isDropBox) file->setLastUploadDate(now);
-  settle(std::nullopt);
-  if (upload) _restartUpload(file);
+  return isDone;
 }
 
 }  // namespace florvane

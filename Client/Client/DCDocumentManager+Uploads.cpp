@@ -1,7 +1,9 @@
 #include "Client/Client/DCBackgroundSessionManager.h"
 #include "Client/Client/DCDocumentManager+Handlers.h"
 #include "Client/Client/DCDocumentManager.h"
+#include "Client/Client/DCError.h"
 #include "Client/Client/DCLog.h"
+#include "Client/Client/DCUploadOutcome.h"
 #include "platform/Exceptions.h"
 #include "platform/FileSystem.h"
 
@@ -26,12 +28,11 @@ DCUploadManager::Ptr DCDocumentManager::_uploadManager() {
         });
   });
   manager->setUploadDidEndHandler(
-      [weak = weak_from_this()](const DCCachedFile::Ptr& file, const FVFResponseContainer::Ptr& container,
-                                const OptionalError& error, DCUploadCompletionHandler settled) {
+      [weak = weak_from_this()](const DCUploadManager::End& end, DCUploadCompletionHandler settled) {
         if (auto self = weak.lock()) {
-          self->_uploadDidEnd(file, container, error, std::move(settled));
+          self->_uploadDidEnd(end, std::move(settled));
         } else {
-          settled(error);
+          settled(end.error);
         }
       });
   manager->setRestartHandler([weak = weak_from_this()] {
@@ -60,24 +61,37 @@ void DCDocumentManager::_restartUploads() {
   }
   std::lock_guard lock(uploads->lock());
   std::vector<std::string> gone;
-  for (const auto& upload : database()->allUploads()) _restartUploadOfRecord(*upload, gone);
+  for (const auto& upload : database()->allUploads()) _restartUploadOfRecord(upload, gone);
   for (const std::string& path : gone) (void)database()->removeUploadForPath(path);
 }
 
-void DCDocumentManager::_restartUploadOfRecord(const DCManagedUpload& upload, std::vector<std::string>& gone) {
-  const auto path = upload.path();
-  const auto fileURL = upload.fileURL();
+// Nobody can send it; whoever asks is told, and nobody waits for it.
+void DCDocumentManager::_abandonUpload(DCManagedUpload& upload, const Error& error) {
+  if (DCUploadOutcome::hasGivenUp(upload)) return;
+  upload.setError(DCUploadOutcome::textOfError(error));
+  upload.setNumberOfRetries(DCFileUploadMaxNumberOfRetries + 1);
+  (void)database()->save();
+  NotificationCenter::shared().post(FlorvaneUploadDidFailNotification);
+}
+
+void DCDocumentManager::_restartUploadOfRecord(const std::shared_ptr<DCManagedUpload>& upload,
+                                               std::vector<std::string>& gone) {
+  const auto path = upload->path();
   if (!path) return;
   DCCachedFile::Ptr file;
   try {
     file = DCCachedItemManager::fileAtRelativePath(DCRelativePath::relativePathWithString(*path, service_));
   } catch (const InvalidArgumentException& exception) {
     DCLogError("Ignoring an upload of '%@': %s", *path, exception.reason());
+    _abandonUpload(*upload, DCError::errorInvalidArgumentWithUserInfo(DCError::userInfoWithArgument(*path)));
     return;
   }
   DCAssert(file, kSource);
-  if (!file) return;
-  if (auto fullPath = file->fullPathIfKnown(); fullPath && !upload.taskIdentifier()) {
+  if (!file) {
+    _abandonUpload(*upload, DCError::errorMistmatchedTypeWithUserInfo(DCError::userInfoWithArgument(*path)));
+    return;
+  }
+  if (auto fullPath = file->fullPathIfKnown(); fullPath && !upload->taskIdentifier()) {
     // Whoever is writing the file at this moment is waited for.
     bool wasUndone = false;
     (void)cachedItemManager()->coordinateWritingItemAtURL(
@@ -85,15 +99,12 @@ void DCDocumentManager::_restartUploadOfRecord(const DCManagedUpload& upload, st
         [&](const URL&) { wasUndone = file->undoInterruptedWrite(); });
     if (wasUndone) return;
   }
-  if (!fileURL || !fileExists(*fileURL)) {
+  if (!_findUploadSource(*file, upload)) {
     gone.push_back(*path);
     return;
   }
-  // At the limit, but not failed: sent a last time, and a kill came before its end was known.
-  const bool isUndecided = !upload.error() && !upload.attempts().empty();
-  const bool hasGivenUp = upload.numberOfRetries().value_or(0) >= DCFileUploadMaxNumberOfRetries && !isUndecided;
   const bool isUnderWay = _uploadManager()->isUploadingFile(*file) || undecidedUploads_.contains(*path);
-  if (!file->existsOnDisk() || isUnderWay || upload.isConflict() || hasGivenUp) return;
+  if (isUnderWay || upload->isConflict() || DCUploadOutcome::hasGivenUp(*upload)) return;
   _startUploadingFile(file, nullptr);
 }
 

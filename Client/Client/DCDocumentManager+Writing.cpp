@@ -73,6 +73,10 @@ void DCDocumentManager::preflightWriteToNewFileAtPath(const std::string& path, c
 void DCDocumentManager::removePreflightedWriteToNewFileAtPath(const std::string& path) {
   DCLogTrace("-[DCDocumentManager removePreflightedWriteToNewFileAtPath:]", {{"path", path}});
   queue_->dispatchSynchronousBlock([&] {
+    auto upload = database()->uploadForPath(path);
+    // What a write has promised to send is more than prepared: nobody would find it where new files wait.
+    const bool isWritten = upload && upload->generationIdentifier() && !database()->documentIdentifierForPath(path);
+    if (isWritten && !cachedItemManager()->recoverUpload(path)) return;
     (void)database()->removeUploadForPath(path);
     (void)database()->save();
   });

@@ -285,19 +285,25 @@ class DCDocumentManager : public DCConnectivityTrackerDelegate, public std::enab
   // The service's upload manager, told whom to ask what an end means.
   DCUploadManager::Ptr _uploadManager();
   void _restartUploads();
-  void _restartUploadOfRecord(const DCManagedUpload& upload, std::vector<std::string>& gone);
+  void _restartUploadOfRecord(const std::shared_ptr<DCManagedUpload>& upload, std::vector<std::string>& gone);
+  void _abandonUpload(DCManagedUpload& upload, const Error& error);
 
   // Ends of uploads (DCDocumentManager+UploadEnds.cpp, +UploadConflicts.cpp).
+  using UploadTask = std::optional<DCUploadTask>;
   struct UploadAnswer {
     DCCachedFile::Ptr file;
+    // As in DCUploadManager::End; absent, too, when the listing tells what became of a transfer.
+    UploadTask task;
     FVFResponseContainer::Ptr container;
     // Keeps the container's file; absent where the answer brought none.
     std::shared_ptr<DCTemporaryFile> body;
     std::shared_ptr<ErrorHandler> settled;
   };
-  void _uploadDidEnd(const DCCachedFile::Ptr& file, const FVFResponseContainer::Ptr& container,
-                     const OptionalError& error, ErrorHandler settled);
-  void _uploadDidFail(const DCCachedFile::Ptr& file, const Error& error, const std::shared_ptr<ErrorHandler>& settled);
+  void _uploadDidEnd(const DCUploadManager::End& end, ErrorHandler settled);
+  void _uploadDidFail(const DCCachedFile::Ptr& file, const UploadTask& task, const Error& error,
+                      const std::shared_ptr<ErrorHandler>& settled);
+  bool _findUploadSource(const DCCachedFile& file, const std::shared_ptr<DCManagedUpload>& upload);
+  bool _clearUploadTask(const std::string& path, const UploadTask& task);
   void _countFailureOfUpload(const DCCachedFile::Ptr& file, const Error& error);
   void _giveUpUpload(const DCCachedFile::Ptr& file, DCManagedUpload& upload, const Error& error);
   // In a turn of its own; with a pause after a loss of the connection, longer each time.
@@ -308,9 +314,14 @@ class DCDocumentManager : public DCConnectivityTrackerDelegate, public std::enab
   void _takeInUploadAnswers(const std::string& directoryPath);
   void _listForUploadAnswers(const DCCachedDirectory::Ptr& directory, std::vector<UploadAnswer> answers);
   void _completeUpload(const UploadAnswer& answer, const std::optional<Dictionary>& remoteMetadata, bool isOfListing);
+  void _serverReturnedNoMetadata(const UploadAnswer& answer);
+  void _askWhatBecameOfUpload(const UploadAnswer& answer);
+  // With writers kept out. False when newer bytes wait.
+  bool _takeInUpload(const UploadAnswer& answer, const Dictionary& remoteMetadata, bool isDropBox);
   // What became of an upload whose answer was lost or that was refused for the name or the version.
   void _reconcileUpload(const DCCachedFile::Ptr& file, const Error& error,
                         const std::shared_ptr<ErrorHandler>& settled);
+  void _reconcileUploadLater(const DCCachedFile::Ptr& file, const UploadTask& task, const Error& error);
   void _decideUpload(const DCCachedFile::Ptr& file, const Error& error, const std::optional<Dictionary>& entry,
                      const std::shared_ptr<ErrorHandler>& settled);
   void _uploadIsInConflict(const DCCachedFile::Ptr& file, DCManagedUpload& upload, const Dictionary& entry);

@@ -171,6 +171,11 @@ std::optional<std::string> DCManagedUpload::sessionIdentifier() const { return s
 void DCManagedUpload::setSessionIdentifier(const std::optional<std::string>& sessionIdentifier) {
   setValue(SessionIdentifier, sessionIdentifier);
 }
+std::optional<DCUploadTask> DCManagedUpload::task() const {
+  const auto identifier = taskIdentifier();
+  if (!identifier) return std::nullopt;
+  return DCUploadTask{*identifier, sessionIdentifier().value_or("")};
+}
 std::optional<std::int64_t> DCManagedUpload::state() const { return value(TransferState).asInteger(); }
 void DCManagedUpload::setState(const std::optional<std::int64_t>& state) { setValue(TransferState, state); }
 std::optional<std::int64_t> DCManagedUpload::totalBytesExpectedToSend() const {

@@ -21,6 +21,13 @@ struct DCUploadAttempt {
   bool operator==(const DCUploadAttempt&) const = default;
 };
 
+// A background transfer as a record names it.
+struct DCUploadTask {
+  std::int64_t taskIdentifier = 0;
+  std::string sessionIdentifier = {};
+  bool operator==(const DCUploadTask&) const = default;
+};
+
 // Entity "Upload": a file whose contents are still to reach the server. Saves that touch one are on stable storage when
 // they return. Any thread.
 class DCManagedUpload : public ManagedObject {
@@ -79,6 +86,8 @@ class DCManagedUpload : public ManagedObject {
   void setTaskIdentifier(const std::optional<std::int64_t>& taskIdentifier);
   std::optional<std::string> sessionIdentifier() const;
   void setSessionIdentifier(const std::optional<std::string>& sessionIdentifier);
+  // Both of these; absent while nothing is on its way.
+  std::optional<DCUploadTask> task() const;
   // Of the transfer; its values are the upload manager's.
   std::optional<std::int64_t> state() const;
   void setState(const std::optional<std::int64_t>& state);

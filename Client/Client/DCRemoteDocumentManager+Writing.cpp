@@ -28,12 +28,10 @@ HTTPHeaders DCRemoteDocumentManager::requestHeadersFromMetadata(const std::optio
   return headers;
 }
 
-DCServerRequest::Ptr DCRemoteDocumentManager::startUpload(const std::string& uri,
-                                                          const DCServerRequest::QueryItems& queryItems,
-                                                          const URL& source,
-                                                          const std::optional<Dictionary>& attributes,
-                                                          const BackgroundTransfer& transfer,
-                                                          DCRemoteCompletionHandler completionHandler) {
+DCServerRequest::Ptr DCRemoteDocumentManager::startUpload(
+    const std::string& uri, const DCServerRequest::QueryItems& queryItems, const URL& source,
+    const std::optional<Dictionary>& attributes, const BackgroundTransfer& transfer,
+    DCRemoteCompletionHandler completionHandler, const DCUploadWillStart& willStart) {
   auto request = DCServerRequest::make();
   // CompletionHandler is moved, and what a request stores must be copyable.
   auto handler = std::make_shared<DCRemoteCompletionHandler>(std::move(completionHandler));
@@ -44,7 +42,8 @@ DCServerRequest::Ptr DCRemoteDocumentManager::startUpload(const std::string& uri
                                            const std::optional<URL>& location, const std::optional<Error>& error) {
         DCUploadAnswer answer(location);
         self->handleResponse(response, location, error, std::move(*handler));
-      });
+      },
+      willStart);
   return request;
 }
 
@@ -52,7 +51,7 @@ DCServerRequest::Ptr DCRemoteDocumentManager::writeToFileWithName(
     const std::string& name, const std::optional<Data>& parentDocumentIdentifier,
     const std::optional<Data>& parentVersionIdentifier, const DCActivityInfo::Ptr& activityInfo, const URL& source,
     const std::optional<Dictionary>& attributes, const BackgroundTransfer& transfer,
-    DCRemoteCompletionHandler completionHandler) {
+    DCRemoteCompletionHandler completionHandler, const DCUploadWillStart& willStart) {
   DCLogTrace(
       "-[DCRemoteDocumentManager "
       "writeToFileWithName:parentDocumentIdentifier:parentVersionIdentifier:activityInfo:source:attributes:"
@@ -66,14 +65,15 @@ DCServerRequest::Ptr DCRemoteDocumentManager::writeToFileWithName(
   DCServerRequest::QueryItems queryItems;
   std::string uri = FVFRequestUtils::URIForWriteFileWithName(name, parentDocumentIdentifier, parentVersionIdentifier,
                                                              sharepointOf(activityInfo), &queryItems);
-  return startUpload(uri, queryItems, source, attributes, transfer, std::move(completionHandler));
+  return startUpload(uri, queryItems, source, attributes, transfer, std::move(completionHandler), willStart);
 }
 
 DCServerRequest::Ptr DCRemoteDocumentManager::writeToFileWithDocumentIdentifier(
     const Data& documentIdentifier, const std::optional<Data>& versionIdentifier,
     const std::optional<Data>& parentDocumentIdentifier, const std::optional<Data>& parentVersionIdentifier,
     const DCActivityInfo::Ptr& activityInfo, const URL& source, const std::optional<Dictionary>& attributes,
-    const BackgroundTransfer& transfer, DCRemoteCompletionHandler completionHandler) {
+    const BackgroundTransfer& transfer, DCRemoteCompletionHandler completionHandler,
+    const DCUploadWillStart& willStart) {
   DCLogTrace(
       "-[DCRemoteDocumentManager "
       "writeToFileWithDocumentIdentifier:versionIdentifier:parentDocumentIdentifier:parentVersionIdentifier:"
@@ -89,7 +89,7 @@ DCServerRequest::Ptr DCRemoteDocumentManager::writeToFileWithDocumentIdentifier(
   std::string uri = FVFRequestUtils::URIForReplaceFileWithDocumentIdentifier(
       documentIdentifier, versionIdentifier, parentDocumentIdentifier, parentVersionIdentifier,
       sharepointOf(activityInfo), &queryItems);
-  return startUpload(uri, queryItems, source, attributes, transfer, std::move(completionHandler));
+  return startUpload(uri, queryItems, source, attributes, transfer, std::move(completionHandler), willStart);
 }
 
 void DCRemoteDocumentManager::handleEventsForBackgroundURLSession(

@@ -57,18 +57,20 @@ class DCRemoteDocumentManager : public std::enable_shared_from_this<DCRemoteDocu
   // Send the file at `source` with the background session: as a new file of that name, or in place of a document whose
   // version is the given one. The answer is the parent's listing, of a drop box the stored file's own metadata.
   // `attributes` are the dates that the stored file is to have; `transfer` says what is sent, for whoever finds the
-  // task after a relaunch.
+  // task after a relaunch; `willStart` is asked before anything is sent.
   DCServerRequest::Ptr writeToFileWithName(const std::string& name, const std::optional<Data>& parentDocumentIdentifier,
                                            const std::optional<Data>& parentVersionIdentifier,
                                            const DCActivityInfo::Ptr& activityInfo, const URL& source,
                                            const std::optional<Dictionary>& attributes,
                                            const BackgroundTransfer& transfer,
-                                           DCRemoteCompletionHandler completionHandler);
+                                           DCRemoteCompletionHandler completionHandler,
+                                           const DCUploadWillStart& willStart = {});
   DCServerRequest::Ptr writeToFileWithDocumentIdentifier(
       const Data& documentIdentifier, const std::optional<Data>& versionIdentifier,
       const std::optional<Data>& parentDocumentIdentifier, const std::optional<Data>& parentVersionIdentifier,
       const DCActivityInfo::Ptr& activityInfo, const URL& source, const std::optional<Dictionary>& attributes,
-      const BackgroundTransfer& transfer, DCRemoteCompletionHandler completionHandler);
+      const BackgroundTransfer& transfer, DCRemoteCompletionHandler completionHandler,
+      const DCUploadWillStart& willStart = {});
   // A relaunched process takes on the events of a background session; what each upload task came to is told on the
   // service's queue.
   using ServerRequestResponseHandler = std::function<void(
@@ -118,7 +120,8 @@ class DCRemoteDocumentManager : public std::enable_shared_from_this<DCRemoteDocu
   HTTPHeaders requestHeadersFromMetadata(const std::optional<Dictionary>& metadata) const;
   DCServerRequest::Ptr startUpload(const std::string& uri, const DCServerRequest::QueryItems& queryItems,
                                    const URL& source, const std::optional<Dictionary>& attributes,
-                                   const BackgroundTransfer& transfer, DCRemoteCompletionHandler completionHandler);
+                                   const BackgroundTransfer& transfer, DCRemoteCompletionHandler completionHandler,
+                                   const DCUploadWillStart& willStart);
   std::optional<std::string> _getUniqueHostIdentifier() const;
   DCServerRequest::Ptr startDownload(const std::string& uri, const DCServerRequest::QueryItems& queryItems,
                                      const std::optional<Data>& unlessVersionIdentifier,

@@ -18,7 +18,8 @@ URLSessionTaskPtr DCServerRequest::startUploadTaskWithFile(const URL& file, cons
                                                            const QueryItems& queryItems,
                                                            std::shared_ptr<DCService> service,
                                                            const HTTPHeaders& headers, BackgroundTransfer transfer,
-                                                           DCServerRequestResponseHandler responseHandler) {
+                                                           DCServerRequestResponseHandler responseHandler,
+                                                           const DCUploadWillStart& willStart) {
   DCLogTrace("-[DCServerRequest startUploadTaskWithFile:URI:queryItems:service:headers:responseHandler:]",
              {{"file", file}, {"URI", uri}, {"service", service}});
   usingBackgroundSession_ = true;
@@ -47,6 +48,10 @@ URLSessionTaskPtr DCServerRequest::startUploadTaskWithFile(const URL& file, cons
   }
   auto task = session->uploadTask(*request_, file, std::move(transfer));
   if (!task) return couldNotStart(task.error());
+  if (willStart && !willStart((*task)->taskIdentifier())) {
+    (*task)->cancel();
+    return couldNotStart(Error(URLErrorDomain, URLErrorCancelled));
+  }
   {
     std::lock_guard lock(taskMutex_);
     task_ = *task;

@@ -23,6 +23,9 @@ using DCServerRequestResponseHandler =
     CompletionHandler<std::optional<std::uint64_t>, std::shared_ptr<const HTTPURLResponse>, std::optional<URL>,
                       std::optional<Error>>;
 
+// Asked when an upload's task is stored, suspended: with false nothing is sent and the task is cancelled.
+using DCUploadWillStart = std::function<bool(std::uint64_t taskIdentifier)>;
+
 // One HTTP exchange with the server: request, authentication, one task on a private session, and the outcome for the
 // response handler, which is called exactly once on the service's serial queue (on the caller's thread when signing in
 // failed). A request is made by make(), started once, and lives until it has ended. Its callbacks run on the service's
@@ -46,11 +49,12 @@ class DCServerRequest : public URLSessionDelegate, public std::enable_shared_fro
 
   // POST of the file's contents by the service's background session, which goes on without this process. `transfer`
   // says what is sent, for whoever finds the task; the pin is filled in. The handler owns the file that the answer's
-  // body is stored in. Null when signing in failed or the task could not be stored: the handler has had the error then.
+  // body is stored in. `willStart`, if any, is asked when the task is stored and nothing has been sent. Null when
+  // signing in failed, the task could not be stored or was not to start: the handler has had the error then.
   URLSessionTaskPtr startUploadTaskWithFile(const URL& file, const std::string& uri, const QueryItems& queryItems,
                                             std::shared_ptr<DCService> service, const HTTPHeaders& headers,
-                                            BackgroundTransfer transfer,
-                                            DCServerRequestResponseHandler responseHandler);
+                                            BackgroundTransfer transfer, DCServerRequestResponseHandler responseHandler,
+                                            const DCUploadWillStart& willStart = {});
   // Takes on a task of that background session which an earlier process, or another request, started.
   void continueUploadForBackgroundURLSessionWithService(std::shared_ptr<DCService> service, URLSessionPtr session,
                                                         DCServerRequestResponseHandler responseHandler);

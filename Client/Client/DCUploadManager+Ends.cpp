@@ -31,7 +31,7 @@ void DCUploadManager::transferDidEnd(std::uint64_t taskIdentifier, const std::st
       return;
     }
   }
-  settle(file, path, container, error);
+  settle({file, DCUploadTask{static_cast<std::int64_t>(taskIdentifier), sessionIdentifier}, container, error}, path);
 }
 
 void DCUploadManager::taskDidEnd(const DCCachedFile::Ptr& file, std::uint64_t taskIdentifier,
@@ -50,19 +50,19 @@ void DCUploadManager::taskDidEnd(const DCCachedFile::Ptr& file, std::uint64_t ta
     if (!upload || upload->cancelled()) return;
     forgetTransfer(path);
   }
-  settle(file, path, container, error);
+  settle({file, DCUploadTask{static_cast<std::int64_t>(taskIdentifier), sessionIdentifier}, container, error}, path);
 }
 
-void DCUploadManager::settle(const DCCachedFile::Ptr& file, const std::string& path,
-                             const FVFResponseContainer::Ptr& container, const std::optional<Error>& error) {
+void DCUploadManager::settle(const End& end, const std::string& path) {
   EndHandler handler;
   {
     std::lock_guard lock(mutex_);
     // Whatever began in the meantime will end by itself.
     if (uploadTasks_.contains(path) || !settling_.insert(path).second) return;
     handler = endHandler_;
-    const bool isRefusal = error && error->is(URLErrorDomain, 401);
-    const bool isAnswer = !error || (error->domain() == URLErrorDomain && error->code() >= 400 && !isRefusal);
+    const bool isRefusal = end.error && end.error->is(URLErrorDomain, 401);
+    const bool isAnswer =
+        !end.error || (end.error->domain() == URLErrorDomain && end.error->code() >= 400 && !isRefusal);
     if (isRefusal) {
       ++refusals_;
     } else if (isAnswer) {
@@ -70,14 +70,14 @@ void DCUploadManager::settle(const DCCachedFile::Ptr& file, const std::string& p
       signInBackOff_.reset();
     }
   }
-  DCUploadCompletionHandler settled = [self = shared_from_this(), file, path,
-                                       wasSent = container != nullptr](const std::optional<Error>& outcome) {
+  DCUploadCompletionHandler settled = [self = shared_from_this(), file = end.file, path,
+                                       wasSent = end.container != nullptr](const std::optional<Error>& outcome) {
     self->didSettle(file, path, wasSent, outcome);
   };
   if (handler) {
-    handler(file, container, error, std::move(settled));
+    handler(end, std::move(settled));
   } else {
-    settled(error);
+    settled(end.error);
   }
 }
 
@@ -159,7 +159,11 @@ void DCUploadManager::checkTransfersOfOthers() {
       auto upload = database().uploadForPath(path);
       if (upload && upload->taskIdentifier() == static_cast<std::int64_t>(transfer.taskIdentifier)) continue;
       std::optional<Error> error;
-      if (upload) error = Error(URLErrorDomain, URLErrorNetworkConnectionLost, upload->error().value_or(""));
+      if (upload) {
+        error = Error(URLErrorDomain, URLErrorNetworkConnectionLost, upload->error().value_or(""));
+      } else if (transfer.file->isUnsent()) {
+        error = Error(URLErrorDomain, URLErrorCancelled);
+      }
       ended.push_back({transfer.file, path, error});
     }
     for (const Ended& each : ended) forgetTransfer(each.path);

@@ -14,10 +14,10 @@ namespace florvane {
 struct DCUploadManager::Recovery {
   struct Record {
     std::string path;
-    std::optional<std::int64_t> taskIdentifier;
-    std::optional<std::string> sessionIdentifier;
+    std::optional<DCUploadTask> task;
   };
   std::vector<Record> records;
+  std::vector<std::shared_ptr<DCManagedUpload>> cancelled;
   std::size_t sessionsToAsk = 0;
   std::optional<Error> error;
   std::function<void(const std::optional<Error>&)> continuation;
@@ -32,12 +32,16 @@ void DCUploadManager::recoverTasks(std::function<void(const std::optional<Error>
     std::lock_guard lock(mutex_);
     for (const auto& upload : database().allUploads()) {
       auto path = upload->path();
-      if (!path || uploadTasks_.contains(*path) || settling_.contains(*path)) continue;
-      recovery->records.push_back({*path, upload->taskIdentifier(), upload->sessionIdentifier()});
-      if (auto session = upload->sessionIdentifier()) sessions.insert(*session);
+      if (!path || settling_.contains(*path)) continue;
+      recovery->records.push_back({*path, upload->task()});
+      if (auto task = upload->task()) sessions.insert(task->sessionIdentifier);
+    }
+    recovery->cancelled = database().cancelledUploads();
+    for (const auto& upload : recovery->cancelled) {
+      if (auto task = upload->task()) sessions.insert(task->sessionIdentifier);
     }
   }
-  if (recovery->records.empty()) {
+  if (recovery->records.empty() && recovery->cancelled.empty()) {
     // A record is there before its task is.
     queue_->dispatchAsynchronousBlock([recovery] {
       if (recovery->continuation) recovery->continuation(std::nullopt);
@@ -59,31 +63,50 @@ void DCUploadManager::recoverTasks(std::function<void(const std::optional<Error>
 
 void DCUploadManager::recover(const Recovery& recovery, const std::string& sessionIdentifier,
                               const std::vector<URLSessionTaskPtr>& tasks) {
-  std::unordered_map<std::uint64_t, URLSessionTaskPtr> byIdentifier;
+  std::unordered_map<std::int64_t, URLSessionTaskPtr> byIdentifier;
   std::unordered_map<std::string, URLSessionTaskPtr> byPath;
   for (const auto& task : tasks) {
-    byIdentifier[task->taskIdentifier()] = task;
+    byIdentifier[static_cast<std::int64_t>(task->taskIdentifier())] = task;
     // The latest task of a path is the one that counts.
     if (const auto* transfer = task->backgroundTransfer()) byPath[transfer->path] = task;
   }
   const bool isOwnSession = sessionIdentifier == DCBackgroundSessionIdentifier(*service_, DCMainBundleIdentifier());
   std::lock_guard lock(mutex_);
+  for (const auto& upload : recovery.cancelled) {
+    if (upload->isDeleted()) continue;
+    const auto marked = upload->task();
+    if (marked && marked->sessionIdentifier != sessionIdentifier) continue;
+    auto task = marked ? byIdentifier.find(marked->taskIdentifier) : byIdentifier.end();
+    if (task != byIdentifier.end()) task->second->cancel();
+    (void)database().removeCancelledUpload(upload);
+  }
   for (const Recovery::Record& record : recovery.records) {
-    const bool isOfSession = record.taskIdentifier && record.sessionIdentifier == sessionIdentifier;
-    if (!isOfSession && (record.taskIdentifier || !isOwnSession)) continue;
-    if (uploadTasks_.contains(record.path) || settling_.contains(record.path)) continue;
+    const bool isOfSession = record.task && record.task->sessionIdentifier == sessionIdentifier;
+    if (!isOfSession && (record.task || !isOwnSession)) continue;
+    if (settling_.contains(record.path)) continue;
     auto upload = database().uploadForPath(record.path);
-    if (!upload || upload->taskIdentifier() != record.taskIdentifier) continue;
+    if (!upload || upload->task() != record.task) continue;
     auto file = DCCachedItemManager::fileAtRelativePath(DCRelativePath::relativePathWithString(record.path, service_));
     if (!file) continue;
+    const auto transfer = uploadTasks_.find(record.path);
+    const bool isInTransfer = transfer != uploadTasks_.end();
     if (isOfSession) {
-      auto task = byIdentifier.find(static_cast<std::uint64_t>(*record.taskIdentifier));
-      if (task != byIdentifier.end()) {
+      auto task = byIdentifier.find(record.task->taskIdentifier);
+      const bool isKnown =
+          isInTransfer &&
+          pathsByTask_.contains(taskKey(static_cast<std::uint64_t>(record.task->taskIdentifier), sessionIdentifier));
+      if (task == byIdentifier.end()) {
+        forgetTransfer(record.path);
+        failLater(file, Error(URLErrorDomain, URLErrorNetworkConnectionLost), record.task);
+      } else if (!isKnown) {
         adopt(file, record.path, task->second, sessionIdentifier);
-      } else {
-        failLater(file, Error(URLErrorDomain, URLErrorNetworkConnectionLost));
       }
       continue;
+    }
+    if (isInTransfer) {
+      const auto own = static_cast<std::int64_t>(transfer->second.taskIdentifier);
+      if (transfer->second.sessionIdentifier != sessionIdentifier || byIdentifier.contains(own)) continue;
+      dropTransfer(record.path);
     }
     auto task = byPath.find(record.path);
     if (task == byPath.end() || task->second->state() == URLSessionTaskState::Canceling) continue;
@@ -91,17 +114,23 @@ void DCUploadManager::recover(const Recovery& recovery, const std::string& sessi
     if (backgroundSessionManager()->hasEnded(task->second->taskIdentifier())) continue;
     const auto& generation = task->second->backgroundTransfer()->generationIdentifier;
     if (!generation || generation != file->_localGenerationIdentifier()) continue;
-    const auto source = upload->fileURL();
-    if (!source) continue;
     // Made by a process that was killed before it could say so.
-    (void)database().saveUploadFileURL(URL::fileURL(*source), generation,
-                                       static_cast<std::int64_t>(task->second->taskIdentifier()), record.path);
+    if (!recordTask(record.path, task->second->taskIdentifier(), *generation)) continue;
     adopt(file, record.path, task->second, sessionIdentifier);
   }
 }
 
+void DCUploadManager::dropTransfer(const std::string& path) {
+  auto transfer = uploadTasks_.find(path);
+  if (transfer == uploadTasks_.end()) return;
+  if (transfer->second.isOwn && transfer->second.task) transfer->second.task->cancel();
+  forgetTransfer(path);
+  callLater(_handlersToCallForItemAtSubpath(path), Error(URLErrorDomain, URLErrorCancelled));
+}
+
 void DCUploadManager::adopt(const DCCachedFile::Ptr& file, const std::string& path, const URLSessionTaskPtr& task,
                             const std::string& sessionIdentifier) {
+  forgetTransfer(path);
   uploadTasks_[path] = {file, task, task->taskIdentifier(), sessionIdentifier, false};
   pathsByTask_[taskKey(task->taskIdentifier(), sessionIdentifier)] = path;
   ++transfersOfOthers_;

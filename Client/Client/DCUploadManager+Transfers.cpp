@@ -3,6 +3,7 @@
 #include "Client/Client/DCCachedItemManager.h"
 #include "Client/Client/DCLog.h"
 #include "Client/Client/DCUploadManager.h"
+#include "Client/Client/DCUploadOutcome.h"
 #include "common/FVFMetadataUtils.h"
 #include "platform/Format.h"
 #include "platform/ResourceValues.h"
@@ -60,19 +61,49 @@ void DCUploadManager::uploadFile(const DCCachedFile::Ptr& file,
     if (isSignedIn()) startWaiting();
     return;
   }
-  // Its record went with another process, which saw to its end or to that of the item.
-  if (uploadTasks_.contains(path) && !uploadForItemAtPath(path)) forgetUploadWithoutRecord(path);
+  // Another process saw to its end, to that of the item, or sends it by now.
+  dropOutdatedTransfer(path);
   if (_isUploadingFileAtPath(path) && !replacesRunningUpload(file, path)) {
     const bool isFirst = _needsToStartUploadingItemAtSubpath(path, std::move(completionHandler));
     // A transfer that this process did not start has no handler of ours before.
     const auto transfer = uploadTasks_.find(path);
     const bool count = !isFirst || transfer == uploadTasks_.end() || !transfer->second.isOwn;
     if (!count) DCAssertionFailed(kSource, __LINE__, "count > 1");
-    if (transfer == uploadTasks_.end()) recoverTasks({});
+    if (transfer == uploadTasks_.end()) joinTransferOfOthers(order);
     return;
   }
   (void)_needsToStartUploadingItemAtSubpath(path, std::move(completionHandler));
   start(order);
+}
+
+// What it comes to is heard of when its record changes; when it has ended before that can be heard, it is as if it had
+// not been there.
+void DCUploadManager::joinTransferOfOthers(const Order& order) {
+  recoverTasks([weak = weak_from_this(), order](const std::optional<Error>& /*error*/) {
+    auto self = weak.lock();
+    if (!self) return;
+    std::lock_guard lock(self->mutex_);
+    const std::string path = order.file->relativePath()->string();
+    const bool isUnderWay =
+        self->uploadTasks_.contains(path) || self->settling_.contains(path) || self->waitingForSignIn_.contains(path);
+    if (isUnderWay || !self->uploadingFiles_.contains(path)) return;
+    const auto upload = self->uploadForItemAtPath(path);
+    if (upload && !upload->task() && !order.file->hasBeenRemoved()) {
+      self->start(order);
+    } else {
+      self->callLater(self->_handlersToCallForItemAtSubpath(path), Error(URLErrorDomain, URLErrorCancelled));
+    }
+  });
+}
+
+// Another process has taken the upload over, or ended it.
+void DCUploadManager::dropOutdatedTransfer(const std::string& path) {
+  const auto transfer = uploadTasks_.find(path);
+  if (transfer == uploadTasks_.end()) return;
+  const auto upload = uploadForItemAtPath(path);
+  const DCUploadTask task{static_cast<std::int64_t>(transfer->second.taskIdentifier),
+                          transfer->second.sessionIdentifier};
+  if (!upload || upload->task() != task) dropTransfer(path);
 }
 
 // Whether there was an upload of older contents; it has been cancelled then.
@@ -83,23 +114,28 @@ bool DCUploadManager::replacesRunningUpload(const DCCachedFile::Ptr& file, const
   if (!sent) DCAssertionFailed(kSource, __LINE__, "upload.generationIdentifier");
   if (!local) DCAssertionFailed(kSource, __LINE__, "file._localGenerationIdentifier");
   if (!upload || (sent && local && *sent == *local)) return false;
-  _cancelExistingUpload(upload, file);
-  return true;
+  return _cancelExistingUpload(upload, file);
 }
 
 // The mark and the record that takes the marked one's place are one save: a kill finds the file queued in any case.
-void DCUploadManager::_cancelExistingUpload(const std::shared_ptr<DCManagedUpload>& upload,
+// False when another process has begun anew meanwhile.
+bool DCUploadManager::_cancelExistingUpload(const std::shared_ptr<DCManagedUpload>& upload,
                                             const DCCachedFile::Ptr& file) {
   const std::string path = file->relativePath()->string();
-  DCLogInfo("Marking existing upload as cancelled for file at '%@'", path);
+  const auto task = upload->task();
   const auto fullPath = file->fullPath();
-  const std::string source = fullPath ? fullPath->string() : upload->fileURL().value_or("");
-  const auto retries = upload->numberOfRetries();
-  const auto base = upload->baseVersionIdentifier();
-  const auto attempts = upload->attempts();
-  const auto copy = DCManagedUpload::temporaryUploadFileURLForItemAtPath(path, upload->generationIdentifier());
+  std::optional<URL> copy;
+  bool isMarked = false;
   DCDatabase& database = this->database();
   (void)database.performBatch([&] {
+    isMarked = !upload->isDeleted() && upload->path() == path && upload->task() == task;
+    if (!isMarked) return;
+    DCLogInfo("Marking existing upload as cancelled for file at '%@'", path);
+    const std::string source = fullPath ? fullPath->string() : upload->fileURL().value_or("");
+    const auto retries = upload->numberOfRetries();
+    const auto base = upload->baseVersionIdentifier();
+    const auto attempts = upload->attempts();
+    copy = DCManagedUpload::temporaryUploadFileURLForItemAtPath(path, upload->generationIdentifier());
     upload->markAsCancelled();
     (void)database.saveUploadFileURL(URL::fileURL(source), path);
     auto successor = database.uploadForPath(path);
@@ -109,8 +145,10 @@ void DCUploadManager::_cancelExistingUpload(const std::shared_ptr<DCManagedUploa
     // What was sent before may have been stored: its entry is still ours.
     for (const DCUploadAttempt& attempt : attempts) successor->addAttempt(attempt);
   });
+  if (!isMarked) return false;
   cancelTransferOfRecord(upload, path);
   if (copy) (void)removeItem(copy->path());
+  return true;
 }
 
 void DCUploadManager::cancelTransferOfRecord(const std::shared_ptr<DCManagedUpload>& upload, const std::string& path) {
@@ -161,6 +199,7 @@ void DCUploadManager::start(const Order& order) {
   if (read) return;
   if (auto upload = uploadForItemAtPath(path)) {
     upload->setNumberOfRetries(upload->numberOfRetries().value_or(0) + 1);
+    upload->setError(DCUploadOutcome::textOfError(read.error()));
     (void)database().save();
   }
   failLater(order.file, read.error());
@@ -174,10 +213,11 @@ std::optional<Data> DCUploadManager::versionToReplace(const DCCachedFile& file, 
 }
 
 // What is sent is in the record before the task exists, so that its entry is recognised whatever is lost.
-Result<Dictionary> DCUploadManager::prepareRecord(const Order& order, const URL& source,
-                                                  const Data& generationIdentifier) {
+DCUploadManager::Preparation DCUploadManager::prepareRecord(const Order& order, const URL& source,
+                                                            const Data& generationIdentifier) {
   const std::string path = order.file->relativePath()->string();
-  Dictionary attributes;
+  Preparation preparation;
+  Dictionary& attributes = preparation.attributes;
   if (auto local = order.file->localMetadata()) {
     for (auto key : kAttributesToSend) {
       if (auto date = local->date(key)) attributes.set(key, *date);
@@ -196,12 +236,32 @@ Result<Dictionary> DCUploadManager::prepareRecord(const Order& order, const URL&
       upload = database.uploadForPath(path);
     }
     if (!upload) return;
+    preparation.isTaken = upload->task().has_value();
+    if (preparation.isTaken) return;
     upload->resetAndIncrementNumberOfRetries();
     upload->setBaseVersionIdentifier(versionToReplace(*order.file, *upload).value_or(Data()));
     if (size && date) upload->addAttempt({*size, *date, generationIdentifier});
+    preparation.upload = upload;
   });
-  if (!saved) return Failure(saved.error());
-  return attributes;
+  if (!saved) preparation.error = saved.error();
+  return preparation;
+}
+
+// Of two processes that have made a task for one file, the second takes its own back before it is sent.
+bool DCUploadManager::recordTask(const std::string& path, std::uint64_t taskIdentifier,
+                                 const Data& generationIdentifier) {
+  DCDatabase& database = this->database();
+  bool isTaken = false;
+  // A record that cannot be written is found again by the path and the generation that the task carries.
+  (void)database.performBatch([&] {
+    auto upload = database.uploadForPath(path);
+    const auto source = upload ? upload->fileURL() : std::nullopt;
+    isTaken = !source || upload->task();
+    if (isTaken) return;
+    (void)database.saveUploadFileURL(URL::fileURL(*source), generationIdentifier,
+                                     static_cast<std::int64_t>(taskIdentifier), path);
+  });
+  return !isTaken;
 }
 
 void DCUploadManager::send(const Order& order, const URL& source, const Data& generationIdentifier) {
@@ -219,21 +279,32 @@ void DCUploadManager::send(const Order& order, const URL& source, const Data& ge
       DCAssertionFailed(kSource, __LINE__, "file.remoteMetadata.count == 0");
     if (file->parentContentsMetadata()) DCAssertionFailed(kSource, __LINE__, "!file.parentContentsMetadata");
   }
-  const auto attributes = prepareRecord(order, source, generationIdentifier);
-  auto upload = uploadForItemAtPath(path);
-  if (!attributes || !upload) {
-    failLater(file, attributes ? Error(QuilbarErrorDomain, FileWriteUnknownError) : attributes.error());
+  const Preparation preparation = prepareRecord(order, source, generationIdentifier);
+  if (preparation.isTaken) {
+    joinTransferOfOthers(order);
+    return;
+  }
+  if (preparation.error || !preparation.upload) {
+    failLater(file, preparation.error.value_or(Error(QuilbarErrorDomain, FileWriteUnknownError)));
     return;
   }
   const BackgroundTransfer transfer{path, generationIdentifier, std::nullopt};
   const std::string sessionIdentifier = DCBackgroundSessionIdentifier(*service_, DCMainBundleIdentifier());
-  auto started = std::make_shared<std::optional<std::uint64_t>>();
+  struct Start {
+    std::optional<std::uint64_t> task;
+    bool isTaken = false;
+  };
+  auto started = std::make_shared<Start>();
+  auto willStart = [this, path, generationIdentifier, started](std::uint64_t taskIdentifier) {
+    started->isTaken = !recordTask(path, taskIdentifier, generationIdentifier);
+    return !started->isTaken;
+  };
   auto ended = [weak = weak_from_this(), file, started, sessionIdentifier](const FVFResponseContainer::Ptr& container,
                                                                            const std::optional<Error>& error) {
     auto self = weak.lock();
-    if (!self) return;
-    if (*started) {
-      self->transferDidEnd(**started, sessionIdentifier, container, error);
+    if (!self || started->isTaken) return;
+    if (started->task) {
+      self->transferDidEnd(*started->task, sessionIdentifier, container, error);
     } else if (error) {
       self->failLater(file, *error);
     }
@@ -244,30 +315,32 @@ void DCUploadManager::send(const Order& order, const URL& source, const Data& ge
                "-[DCUploadManager uploadFile:usingRemoteFileManager:activityInfo:completionHandler:]", path,
                *documentIdentifier);
     request = order.remoteFileManager->writeToFileWithDocumentIdentifier(
-        *documentIdentifier, versionToReplace(*file, *upload), parentDocumentIdentifier, parentVersionIdentifier,
-        order.activityInfo, source, *attributes, transfer, std::move(ended));
+        *documentIdentifier, versionToReplace(*file, *preparation.upload), parentDocumentIdentifier,
+        parentVersionIdentifier, order.activityInfo, source, preparation.attributes, transfer, std::move(ended),
+        willStart);
   } else {
     DCLogDebug("%s: Attempting upload of file at '%@' with parentDocumentIdentifier = %@",
                "-[DCUploadManager uploadFile:usingRemoteFileManager:activityInfo:completionHandler:]", path,
                parentDocumentIdentifier);
     request = order.remoteFileManager->writeToFileWithName(
         file->relativePath()->lastPathComponent(), parentDocumentIdentifier, parentVersionIdentifier,
-        order.activityInfo, source, *attributes, transfer, std::move(ended));
+        order.activityInfo, source, preparation.attributes, transfer, std::move(ended), willStart);
+  }
+  if (started->isTaken) {
+    joinTransferOfOthers(order);
+    return;
   }
   auto task = request ? request->task() : nullptr;
   if (!task) return;
-  *started = task->taskIdentifier();
+  started->task = task->taskIdentifier();
   uploadTasks_[path] = {file, task, task->taskIdentifier(), sessionIdentifier, true};
   pathsByTask_[taskKey(task->taskIdentifier(), sessionIdentifier)] = path;
-  const auto recorded = upload->fileURL();
-  // A record that cannot be written is found again by the path and the generation that the task carries.
-  (void)database().saveUploadFileURL(recorded ? URL::fileURL(*recorded) : source, generationIdentifier,
-                                     static_cast<std::int64_t>(task->taskIdentifier()), path);
 }
 
-void DCUploadManager::failLater(const DCCachedFile::Ptr& file, const Error& error) {
-  queue_->dispatchAsynchronousBlock([weak = weak_from_this(), file, error] {
-    if (auto self = weak.lock()) self->settle(file, file->relativePath()->string(), nullptr, error);
+void DCUploadManager::failLater(const DCCachedFile::Ptr& file, const Error& error,
+                                const std::optional<DCUploadTask>& task) {
+  queue_->dispatchAsynchronousBlock([weak = weak_from_this(), file, error, task] {
+    if (auto self = weak.lock()) self->settle({file, task, nullptr, error}, file->relativePath()->string());
   });
 }
 

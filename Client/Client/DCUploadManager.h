@@ -37,11 +37,18 @@ using DCUploadCompletionHandler = CompletionHandler<std::optional<Error>>;
 class DCUploadManager : public DCConnectivityTrackerDelegate, public std::enable_shared_from_this<DCUploadManager> {
  public:
   using Ptr = std::shared_ptr<DCUploadManager>;
+  // How a transfer ended. The task is the one that the record named then, absent for an upload that never got one: the
+  // end counts only while the record still says so, since another process may have begun anew meanwhile.
+  struct End {
+    DCCachedFile::Ptr file;
+    std::optional<DCUploadTask> task;
+    FVFResponseContainer::Ptr container;
+    std::optional<Error> error;
+  };
   // Decides what the end of a transfer means: once a transfer, on the service's queue, without the lock, before the
   // queued handlers, which hear what `settled` is given. `settled` may be called later; until then the file counts as
   // being uploaded. An upload that is to be sent again is asked for in a later turn of the queue.
-  using EndHandler = std::function<void(const DCCachedFile::Ptr& file, const FVFResponseContainer::Ptr& container,
-                                        const std::optional<Error>& error, DCUploadCompletionHandler settled)>;
+  using EndHandler = std::function<void(const End& end, DCUploadCompletionHandler settled)>;
 
   static Ptr uploadManagerForService(const std::shared_ptr<DCService>& service);
   explicit DCUploadManager(std::shared_ptr<DCService> service);
@@ -65,9 +72,10 @@ class DCUploadManager : public DCConnectivityTrackerDelegate, public std::enable
   // The transfers end; their handlers hear of it as an error (URLErrorCancelled). Records stay.
   void cancelAllUploadTasks();
 
-  // Takes on what the transfer agent has of earlier processes: a record whose task is there counts as being uploaded,
-  // a task whose record was never written is adopted, a record whose task is gone has lost its connection. Then calls
-  // the continuation, on the service's queue; with the error when the agent could not be asked.
+  // Compares the records with what the transfer agent has: a record whose task is there counts as being uploaded, a
+  // task whose record was never written is adopted, a record whose task is gone has lost its connection, whichever
+  // process made it, and a cancelled record goes. Then calls the continuation, on the service's queue; with the error
+  // when the agent could not be asked.
   void recoverTasks(std::function<void(const std::optional<Error>& error)> continuation);
   // A transfer of an earlier process has ended; on the service's queue.
   void taskDidEnd(const DCCachedFile::Ptr& file, std::uint64_t taskIdentifier, const std::string& sessionIdentifier,
@@ -113,25 +121,34 @@ class DCUploadManager : public DCConnectivityTrackerDelegate, public std::enable
   void callLater(Handlers handlers, const Error& error);
 
   // Transfers (DCUploadManager+Transfers.cpp), under the lock.
+  void dropOutdatedTransfer(const std::string& path);
   bool replacesRunningUpload(const DCCachedFile::Ptr& file, const std::string& path);
   void start(const Order& order);
   void send(const Order& order, const URL& source, const Data& generationIdentifier);
-  // The attributes that are sent; the store's error when the record could not be written.
-  Result<Dictionary> prepareRecord(const Order& order, const URL& source, const Data& generationIdentifier);
+  // What an attempt begins with.
+  struct Preparation {
+    Dictionary attributes;
+    std::shared_ptr<DCManagedUpload> upload;  // null when there is none
+    bool isTaken = false;                     // another process sends the file
+    std::optional<Error> error;               // the store's, when the record could not be written
+  };
+  Preparation prepareRecord(const Order& order, const URL& source, const Data& generationIdentifier);
+  // False when another process was first.
+  bool recordTask(const std::string& path, std::uint64_t taskIdentifier, const Data& generationIdentifier);
   static std::optional<Data> versionToReplace(const DCCachedFile& file, const DCManagedUpload& upload);
-  void _cancelExistingUpload(const std::shared_ptr<DCManagedUpload>& upload, const DCCachedFile::Ptr& file);
+  void joinTransferOfOthers(const Order& order);
+  bool _cancelExistingUpload(const std::shared_ptr<DCManagedUpload>& upload, const DCCachedFile::Ptr& file);
   void cancelTransferOfRecord(const std::shared_ptr<DCManagedUpload>& upload, const std::string& path);
   static std::string taskKey(std::uint64_t taskIdentifier, const std::string& sessionIdentifier);
   void forgetTransfer(const std::string& path);
   // In a turn of its own.
-  void failLater(const DCCachedFile::Ptr& file, const Error& error);
+  void failLater(const DCCachedFile::Ptr& file, const Error& error, const std::optional<DCUploadTask>& task = {});
   std::shared_ptr<DCBackgroundSessionManager> backgroundSessionManager() const;
 
   // Ends (DCUploadManager+Ends.cpp). Not under the lock.
   void transferDidEnd(std::uint64_t taskIdentifier, const std::string& sessionIdentifier,
                       const FVFResponseContainer::Ptr& container, const std::optional<Error>& error);
-  void settle(const DCCachedFile::Ptr& file, const std::string& path, const FVFResponseContainer::Ptr& container,
-              const std::optional<Error>& error);
+  void settle(const End& end, const std::string& path);
   void didSettle(const DCCachedFile::Ptr& file, const std::string& path, bool wasSent,
                  const std::optional<Error>& error);
   void _finishUploadFile(const DCCachedFile::Ptr& file, const DCCachedDirectory::Ptr& parent,
@@ -142,6 +159,8 @@ class DCUploadManager : public DCConnectivityTrackerDelegate, public std::enable
   struct Recovery;
   void recover(const Recovery& recovery, const std::string& sessionIdentifier,
                const std::vector<URLSessionTaskPtr>& tasks);
+  // A transfer of this process that the record no longer names, or the agent no longer has.
+  void dropTransfer(const std::string& path);
   void adopt(const DCCachedFile::Ptr& file, const std::string& path, const URLSessionTaskPtr& task,
              const std::string& sessionIdentifier);
 

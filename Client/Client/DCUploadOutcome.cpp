@@ -1,6 +1,6 @@
 #include "Client/Client/DCUploadOutcome.h"
 
-#include "Client/Client/DCManagedUpload.h"
+#include "Client/Client/DCDocumentManager.h"
 #include "platform/Format.h"
 #include "platform/ResourceValues.h"
 
@@ -24,8 +24,26 @@ std::string DCUploadOutcome::textOfError(const Error& error) {
 }
 
 bool DCUploadOutcome::isLostReply(const Error& error) {
-  return error.is(URLErrorDomain, URLErrorNetworkConnectionLost) || error.is(URLErrorDomain, URLErrorTimedOut) ||
-         error.is(URLErrorDomain, URLErrorCannotParseResponse);
+  if (error.domain() != URLErrorDomain) return false;
+  switch (error.code()) {
+    case URLErrorTimedOut:
+    case URLErrorCannotConnectToHost:
+    case URLErrorNetworkConnectionLost:
+    case URLErrorDNSLookupFailed:
+    case URLErrorCannotParseResponse:
+      return true;
+    default:
+      return false;
+  }
+}
+
+bool DCUploadOutcome::hasGivenUp(const DCManagedUpload& upload) {
+  if (upload.isConflict() || upload.task() || upload.numberOfRetries().value_or(0) < DCFileUploadMaxNumberOfRetries) {
+    return false;
+  }
+  // Sent a last time, and a kill came before anybody knew its end.
+  const bool isUndecided = !upload.error() && !upload.attempts().empty();
+  return !isUndecided;
 }
 
 bool DCUploadOutcome::isEntryOfLastAttempt(const std::optional<Dictionary>& entry,

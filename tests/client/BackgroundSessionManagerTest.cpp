@@ -1,5 +1,7 @@
+#include "Client/Client/DCAgentTasks.h"
 #include "Client/Client/DCBackgroundSessionIdentifier.h"
 #include "Client/Client/DCUploadManager.h"
+#include "platform/BackgroundURLSession.h"
 #include "platform/Encoding.h"
 #include "tests/client/UploadClient.h"
 
@@ -78,6 +80,40 @@ TEST(BackgroundSessionManager, CancellingEndsTheTaskAndItsRecordWhicheverApplica
   EXPECT_FALSE(client.manager->hasPendingUploads());
 }
 
+TEST(BackgroundSessionManager, TheAgentSaysHowFarAnUploadIsToWhoeverAsks) {
+  TestServer server;
+  FaultyServer faulty(server);
+  UploadClient client(server, faulty);
+  HeldUpload held(client, faulty, "Files/a");
+  std::int64_t sent = 0;
+  // The server has it all by now; that the agent has noticed may take a moment.
+  for (int turn = 0; turn < 1000 && sent == 0; ++turn) {
+    auto progress = DCAgentTasks::progressOfTasksInSession(held.session);
+    ASSERT_TRUE(progress);
+    const auto& known = (*progress)[static_cast<std::int64_t>(held.task)];
+    sent = known.bytesSent;
+    EXPECT_EQ(known.bytesExpected, 10);
+  }
+  EXPECT_EQ(sent, 10);
+}
+
+TEST(BackgroundSessionManager, TheAgentForgetsWhatNobodyIsToBeToldOf) {
+  TestServer server;
+  UploadClient client(server);
+  const std::string identifier = client.service->uniqueIdentifier() + "~gone.bundle";
+  // Without a delegate nobody is attached, and what the task came to is kept.
+  auto session = BackgroundURLSession::create(
+      URLSessionConfiguration::backgroundSessionConfigurationWithIdentifier(identifier), nullptr);
+  for (const char* text : {"first", "second"}) {
+    auto task = session->uploadTask(URLRequest(client.service->url()), client.source(text), {text});
+    ASSERT_TRUE(task);
+    (*task)->cancel();
+  }
+  EXPECT_EQ(DCAgentTasks::numberOfTasksInSession(identifier).value_or(0), 2U);
+  DCAgentTasks::forgetEndedTasksInSession(identifier);
+  EXPECT_EQ(DCAgentTasks::numberOfTasksInSession(identifier).value_or(9), 0U);
+}
+
 TEST(BackgroundSessionManager, ANotificationCancelsAndOneThatSaysTooLittleDoesNot) {
   TestServer server;
   FaultyServer faulty(server);
@@ -105,8 +141,12 @@ TEST(BackgroundSessionManager, ATaskWhoseRecordIsMarkedIsCancelledAtItsNextCallb
   UploadClient client(server, faulty);
   Signal removed;
   std::unique_ptr<NotificationCenter::Observation> observation;
+  std::promise<std::optional<Error>> waiting;
   {
     HeldUpload held(client, faulty, "Files/a");
+    client.manager->startUploadingItemAtPath("Files/a",
+                                             [&](const auto&, const auto& error) { waiting.set_value(error); });
+    client.onQueue([] {});
     // As another process marks it, which has queued nothing in its place.
     auto upload = client.record("Files/a");
     upload->markAsCancelled();
@@ -118,8 +158,16 @@ TEST(BackgroundSessionManager, ATaskWhoseRecordIsMarkedIsCancelledAtItsNextCallb
   client.onQueue([] {});
   EXPECT_EQ(client.countOf("Cancelling cancelled task with identifier"), 1U);
   EXPECT_FALSE(client.manager->hasPendingUploads());
-  // Its answer was not taken in.
+  // Its answer was not taken in, and whoever waited for it is told; the next write is sent, whatever comes of it.
   EXPECT_FALSE(client.entry(client.list("Files"), "a"));
+  auto told = waiting.get_future().get();
+  ASSERT_TRUE(told);
+  EXPECT_EQ(told->code(), URLErrorCancelled);
+  faulty.setFault("write", {});
+  const std::size_t before = faulty.requestsOf("write");
+  ASSERT_FALSE(client.write("Files/a", "written once more").error);
+  for (int turn = 0; turn < 1000 && faulty.requestsOf("write") == before; ++turn) client.refresh("Files");
+  EXPECT_GT(faulty.requestsOf("write"), before);
 }
 
 TEST(BackgroundSessionManager, ThatEventsAreFinishedIsToldOnceAndRememberedForALateHandler) {

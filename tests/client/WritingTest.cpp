@@ -1,3 +1,5 @@
+#include "Client/Client/DCTemporarySweeper.h"
+#include "Client/Client/DCUnsentFiles.h"
 #include "common/FVFMetadataUtils.h"
 #include "tests/client/UploadClient.h"
 
@@ -153,7 +155,53 @@ TEST(Writing, APreparedFileIsSentByALaterStartOrForgotten) {
   EXPECT_FALSE(prepare("Files/other.txt", *other));
   client.manager->removePreflightedWriteToNewFileAtPath("Files/other.txt");
   EXPECT_FALSE(client.manager->hasPendingUploads());
+  // What somebody was promised is not thrown away with a preparation.
+  server.stop();
+  ASSERT_FALSE(client.write("Files/written.txt", "written bytes").error);
+  client.manager->removePreflightedWriteToNewFileAtPath("Files/written.txt");
+  EXPECT_FALSE(client.manager->hasPendingUploads());
+  std::vector<std::string> kept;
+  for (const auto& each : fs::recursive_directory_iterator(*DCUnsentFiles::directory())) {
+    if (each.is_regular_file()) kept.push_back(textOf(each.path()));
+  }
+  EXPECT_EQ(kept, std::vector<std::string>{"written bytes"});
   EXPECT_THAT(client.assertions(), IsEmpty());
+}
+
+TEST(Writing, CopiesForUploadsAreSweptWhenNoRecordNamesThem) {
+  TestServer server;
+  UploadClient client(server);
+  server.stop();
+  ASSERT_FALSE(client.write("Files/waiting.txt", "waiting bytes").error);
+  auto upload = client.record("Files/waiting.txt");
+  ASSERT_TRUE(upload);
+  auto copyOf = [&](const std::string& path, const std::string& generation) {
+    auto copy = DCManagedUpload::temporaryUploadFileURLForItemAtPath(path, Data::fromString(generation));
+    writeText(copy->path(), "copy");
+    return copy->path();
+  };
+  // Left behind by a kill: the names of short paths and of long ones, and of a generation that is not sent any more.
+  const std::vector<std::string> litter = {copyOf("Files/gone.txt", "generation-1"),
+                                           copyOf("Files/" + std::string(250, 'n'), "generation-2"),
+                                           copyOf("Files/waiting.txt", "generation-3")};
+  const auto sending =
+      DCManagedUpload::temporaryUploadFileURLForItemAtPath(upload->path(), upload->sentGenerationIdentifier());
+  ASSERT_TRUE(sending);
+  ASSERT_EQ(textOf(sending->path()), "waiting bytes");
+  const std::string folder = *DUTemporaryDirectory();
+  // Neither what no upload is called nor what somebody may be typing.
+  const std::vector<std::string> others = {folder + "/notes", folder + "/" + std::string(64, 'x'),
+                                           folder + "/put-abcdef"};
+  for (const std::string& each : others) writeText(each, "other");
+  DCTemporarySweeper::sweep(folder, Date::now());
+  for (const std::string& each : litter) EXPECT_TRUE(fs::exists(each)) << "somebody may be about to record it";
+  const Duration hours = std::chrono::hours(2);
+  DCTemporarySweeper::sweep(folder, Date::now() + hours);
+  for (const std::string& each : litter) EXPECT_FALSE(fs::exists(each)) << each;
+  EXPECT_TRUE(fs::exists(sending->path()));
+  for (const std::string& each : others) EXPECT_TRUE(fs::exists(each)) << each;
+  DCTemporarySweeper::sweep(folder, Date::now() + 13 * hours);
+  EXPECT_FALSE(fs::exists(others.back()));
 }
 
 }  // namespace

@@ -192,6 +192,18 @@ TEST_F(Put, ArrivesWhenTheCommandIsKilledInTheMiddle) {
   EXPECT_TRUE(readText(server.files() + "/large") == contents);
 }
 
+TEST_F(Put, DoesNotTakeAnUploadThatIsGoneForSent) {
+  addAccount();
+  output({"ls", "home:Files"});
+  server.stop();
+  writeText(folder.file("source"), "bytes");
+  RunningProgram waiting(command({"--json", "put", "--wait", folder.file("source"), "home:Files/notes"}));
+  EXPECT_THAT(waiting.line(), HasSubstr("queued"));
+  output({"reset", "--discard-unsent", "home"});
+  EXPECT_THAT(waiting.line(), HasSubstr("What was not sent is kept in " + container + "/Recovered"));
+  EXPECT_EQ(WEXITSTATUS(waiting.wait()), 1);
+}
+
 TEST_F(Put, SaysWhatFailedAndTriesItAgain) {
   std::filesystem::create_directory(server.files() + "/Docs");
   addAccount();
