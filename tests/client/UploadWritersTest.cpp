@@ -165,6 +165,38 @@ TEST(UploadWriters, TwoThatRewriteTheSameFilesWhileUploadsEndLoseNothing) {
   EXPECT_THAT(client.database().cancelledUploads(), IsEmpty());
 }
 
+TEST(UploadWriters, TwoThatRestartTheSameUploadsSendEachOnce) {
+  TestServer server;
+  FaultyServer faulty(server);
+  UploadClient client(server, faulty);
+  client.listFresh("Inbox");
+  // A drop box would show the second copy of a file.
+  constexpr std::size_t count = 20;
+  for (std::size_t i = 0; i < count; ++i) {
+    const std::string path = "Inbox/drop " + std::to_string(i);
+    auto staged = client.manager->fileURLOfItemAtPath(path);
+    ASSERT_TRUE(staged);
+    writeText(staged->path(), "bytes " + std::to_string(i));
+    ASSERT_TRUE(client.database().saveUploadFileURL(*staged, path));
+  }
+  Peer first(client.container, faulty.port()), second(client.container, faulty.port());
+  std::thread other([&] { second.restart(); });
+  first.restart();
+  other.join();
+  client.manager->restartUploads();
+  EXPECT_THAT(settled({&first, &second}), IsEmpty());
+  std::set<std::string> contents;
+  std::size_t files = 0;
+  for (const auto& each : fs::directory_iterator(server.inbox())) {
+    if (!each.is_regular_file()) continue;
+    ++files;
+    contents.insert(textOf(each.path()));
+  }
+  EXPECT_EQ(contents.size(), count);
+  EXPECT_EQ(files, count);
+  EXPECT_EQ(faulty.requestsOf("write"), count);
+}
+
 TEST(UploadWriters, AnUploadWhoseProcessAndAgentAreKilledInTheLastAttemptIsSentByTheNext) {
   TestServer server;
   FaultyServer faulty(server);
