@@ -7,70 +7,23 @@
 //   cache_timings CONTAINER ACCOUNT walk PATH    a listing of every directory below, one after the other
 //   cache_timings CONTAINER ACCOUNT read PATH    every file of a directory, all asked for at once; then once more
 
-#include "Client/Client/Florvane.h"
+#include "bench/Timings.h"
 
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <future>
 #include <latch>
 #include <string>
-#include <vector>
-
-#include <sys/resource.h>
 
 namespace {
 
-using namespace florvane;  // NOLINT(google-build-using-namespace): a small program
+using namespace florvane;         // NOLINT(google-build-using-namespace): a small program
+using namespace florvane::bench;  // NOLINT(google-build-using-namespace)
 using Moment = std::chrono::steady_clock::time_point;
 
-[[noreturn]] void fail(const std::string& what) {
-  std::fprintf(stderr, "cache_timings: %s\n", what.c_str());
-  std::_Exit(1);
-}
-
-double millisecondsSince(Moment begin) {
-  return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - begin).count();
-}
-
-void report(const char* what, double milliseconds, std::size_t items) {
-  rusage usage{};
-  getrusage(RUSAGE_SELF, &usage);
-  std::printf("{\"what\": \"%s\", \"milliseconds\": %.3f, \"items\": %zu, \"mebibytes\": %ld}\n", what, milliseconds,
-              items, usage.ru_maxrss / 1024);
-}
-
-class Timings {
+class Timings : public Client {
  public:
-  explicit Timings(const std::string& accountName) {
-    auto store = AccountStore::shared();
-    if (!store) fail(store.error().description());
-    auto account = (*store)->accountWithName(accountName);
-    if (!account || !*account) fail("no account " + accountName);
-    DCDocumentManager::setPurposeIdentifier("timings");
-    manager_ = DCDocumentManager::documentManagerForService(DCService::serviceWithAccount(*account));
-    manager_->setCompletionHandlerQueue(SerialQueue::create("answers"));
-  }
-
-  Array list(const std::string& path, bool waitsForServer) {
-    std::promise<Array> promise;
-    if (waitsForServer) manager_->_synchronousNextContentsOfDirectory();
-    manager_->contentsOfDirectoryAtPath(path, [&](DCDocumentManagerFreshnessState, const std::optional<Array>& contents,
-                                                  const std::optional<Error>& error) {
-      if (error) fail(error->description());
-      promise.set_value(contents.value_or(Array()));
-    });
-    return promise.get_future().get();
-  }
-
-  // The directories above a path have to be known before it can be asked for.
-  void listAncestors(const std::string& path) {
-    if (path.empty()) return;
-    const auto slash = path.rfind('/');
-    const std::string parent = slash == std::string::npos ? std::string() : path.substr(0, slash);
-    listAncestors(parent);
-    list(parent, true);
-  }
+  using Client::Client;
 
   std::size_t walk(const std::string& path) {
     const Array items = list(path, true);
@@ -85,7 +38,7 @@ class Timings {
 
   void stat(const std::string& path) {
     std::promise<void> promise;
-    manager_->attributesOfItemAtPath(path, [&](DCDocumentManagerFreshnessState, const std::optional<Dictionary>&,
+    manager().attributesOfItemAtPath(path, [&](DCDocumentManagerFreshnessState, const std::optional<Dictionary>&,
                                                const std::optional<Error>& error) {
       if (error) fail(error->description());
       promise.set_value();
@@ -96,7 +49,7 @@ class Timings {
   void readAll(const std::string& path, const Array& files) {
     std::latch left(static_cast<std::ptrdiff_t>(files.size()));
     for (const Value& file : files) {
-      manager_->contentsOfFileAtPath(
+      manager().contentsOfFileAtPath(
           path + "/" + file.asDictionary()->string(ResourceNameKey).value_or(""),
           [&](DCDocumentManagerFreshnessState, const std::optional<URL>& url, const std::optional<Error>& error) {
             if (error || !url) fail(error ? error->description() : "no contents");
@@ -105,9 +58,6 @@ class Timings {
     }
     left.wait();
   }
-
- private:
-  DCDocumentManager::Ptr manager_;
 };
 
 void run(const std::string& account, const std::string& command, const std::string& path) {
@@ -115,25 +65,25 @@ void run(const std::string& account, const std::string& command, const std::stri
   Timings timings(account);
   if (command == "stat") {
     timings.stat(path);
-    report("stat", millisecondsSince(begin), 1);
+    report("stat", begin, 1);
     return;
   }
   if (command != "cached") timings.listAncestors(path);
   const Moment asked = std::chrono::steady_clock::now();
   if (command == "walk") {
     const std::size_t count = timings.walk(path);
-    report("walk", millisecondsSince(asked), count);
+    report("walk", asked, count);
     return;
   }
   const Array items = timings.list(path, command != "cached");
   if (command != "read") {
-    report(command.c_str(), millisecondsSince(asked), items.size());
+    report(command, asked, items.size());
     return;
   }
   for (const char* what : {"read", "read again"}) {
     const Moment reading = std::chrono::steady_clock::now();
     timings.readAll(path, items);
-    report(what, millisecondsSince(reading), items.size());
+    report(what, reading, items.size());
   }
 }
 
