@@ -138,14 +138,15 @@ Result<std::optional<Data>> generationCounterOfItem(const std::string& path) {
   }
   if (!keepsFineDates(fileSystem) || !hasFraction(status)) return std::nullopt;
   bool isPlain = S_ISREG(status.st_mode) || S_ISDIR(status.st_mode);
-  if (!isPlain || !mayRepeat(status, tick)) return encode(status);
+  // What changes in this tick may be somebody's dating, of which a look can catch one date without the other.
+  if (!isPlain || nanoseconds(status.st_ctim) < tick) return encode(status);
 
   auto container = Container::directory();
   auto resolved = realPath(path);
   if (!container || !resolved || !isOurs(*resolved, *container)) return encode(status);
   auto dated = giveOwnDate(*resolved, status, *container);
-  if (!dated) return std::nullopt;
-  return encode(*dated);
+  if (!dated && mayRepeat(status, tick)) return std::nullopt;
+  return encode(dated.value_or(status));
 }
 
 Result<std::optional<Data>> generationCounterOfItemDated(const std::string& path, Date date) {
