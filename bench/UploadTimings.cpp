@@ -56,6 +56,7 @@ void waitUntilSent(const Client& client) {
 
 void put(const Client& client, const std::string& local, const std::string& path, bool waits) {
   const auto files = filesBelow(local);
+  const std::string localPrefix = local + "/", prefix = path + "/";
   if (waits) {
     client.listAncestors(path);
     client.list(path, true);
@@ -65,7 +66,7 @@ void put(const Client& client, const std::string& local, const std::string& path
   const auto begin = Clock::now();
   for (const std::string& file : files) {
     const auto asked = Clock::now();
-    write(client, local + "/" + file, path + "/" + file);
+    write(client, localPrefix + file, prefix + file);
     answers.push_back(std::chrono::duration<double, std::milli>(Clock::now() - asked).count());
   }
   report("written", begin, files.size());
@@ -94,7 +95,8 @@ void drain(const Client& client) {
 int main(int argc, char** argv) {
   const std::string command = argc > 3 ? argv[3] : "";
   const bool puts = argc == 6 && (command == "put" || command == "queue");
-  if (!puts && !(argc == 4 && command == "drain")) {
+  const bool drains = argc == 4 && command == "drain";
+  if (!puts && !drains) {
     fail("usage: upload_timings CONTAINER ACCOUNT put LOCAL PATH | queue LOCAL PATH | drain");
   }
   Container::setDirectory(argv[1]);

@@ -120,9 +120,10 @@ void DCTemporarySweeper::sweepIfDue(const Clock& clock) {
 }
 
 void DCTemporarySweeper::sweep(const std::string& folder, Date now) {
+  const std::string prefix = folder + "/";
   std::vector<std::string> copies;
   for (const std::string& name : namesIn(folder)) {
-    const std::string path = folder + "/" + name;
+    const std::string path = prefix + name;
     const auto* kind =
         std::find_if(kKinds.begin(), kKinds.end(), [&](const Kind& each) { return name.starts_with(each.prefix); });
     if (kind != kKinds.end()) {
