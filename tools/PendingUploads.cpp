@@ -195,12 +195,12 @@ std::optional<CommandFailure> PendingUploads::failureOfEnded(const std::string& 
   auto database = DCDatabase::databaseForService(tree_.service());
   database->refresh();
   const std::string what = account_ + ":" + path;
-  const CommandFailure removed{ExitStatus::Failed,
-                               what + ": It has been removed on the server. What was not sent is kept in " +
-                                   DCUnsentFiles::directory().value_or("the container") + ".",
-                               std::nullopt};
-  const CommandFailure cancelled{ExitStatus::Failed, what + ": Its upload was cancelled. Put it once more to send it.",
-                                 std::nullopt};
+  CommandFailure removed{ExitStatus::Failed,
+                         what + ": It has been removed on the server. What was not sent is kept in " +
+                             DCUnsentFiles::directory().value_or("the container") + ".",
+                         std::nullopt};
+  CommandFailure cancelled{ExitStatus::Failed, what + ": Its upload was cancelled. Put it once more to send it.",
+                           std::nullopt};
   const auto relativePath = DCRelativePath::relativePathWithString(path, tree_.service());
   const auto folder = relativePath->relativePathByDeletingLastPathComponent();
   if (DCCachedItemManager::fileResourceTypeAtRelativePath(folder) != ResourceTypeDirectory) return removed;
