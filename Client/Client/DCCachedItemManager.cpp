@@ -167,8 +167,9 @@ DCCachedDirectory::Ptr DCCachedItemManager::root() const {
 
 DCCachedDirectory::Ptr DCCachedItemManager::parentOfItem(const DCCachedItem& item) const {
   DCLogTrace("-[DCCachedItemManager parentOfItem:]");
-  auto locked = lock();
+  // First: an item from before a rebuild has another lock, under which it asks for its parent itself.
   auto path = item.relativePath();
+  auto locked = lock();
   const std::string& string = path->string();
   if (string.empty()) return nullptr;
   const std::size_t slash = string.rfind('/');

@@ -2,6 +2,7 @@
 #include "tests/client/NotificationCounter.h"
 #include "tests/client/UploadClient.h"
 
+#include <atomic>
 #include <cerrno>
 #include <filesystem>
 #include <functional>
@@ -178,7 +179,7 @@ TEST(UploadSources, OneThatChangesWhileItIsCopiedIsCopiedWholeOrRefused) {
   const std::string source = folder.file("growing");
   writeText(source, "0");
   const FileDescriptor writer(open(source.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC));
-  int changes = 0;
+  std::atomic<int> changes = 0;
   OnOpen change(source, [&] {
     if (changes-- > 0) (void)write(writer.get(), "1", 1);
   });
