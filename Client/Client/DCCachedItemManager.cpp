@@ -351,10 +351,16 @@ void DCCachedItemManager::forgetVanishedChildren(const DCCachedDirectory& direct
   const auto contents = directory.directoryContents();
   const std::string prefix = directory.isRoot() ? "" : directory.relativePath()->string() + "/";
   std::vector<DCCachedItem::Ptr> vanished;
-  for (auto place = items_.lower_bound(prefix); place != items_.end() && place->first.starts_with(prefix); ++place) {
+  for (auto place = items_.lower_bound(prefix); place != items_.end() && place->first.starts_with(prefix);) {
     const auto& [path, item] = *place;
     const std::string name = path.substr(prefix.size());
-    if (name.empty() || name.find('/') != std::string::npos || (contents && contents->entryNamed(name))) continue;
+    if (const auto slash = name.find('/'); slash != std::string::npos) {
+      // Past everything in that subfolder: '0' follows '/'.
+      place = items_.lower_bound(prefix + name.substr(0, slash) + "0");
+      continue;
+    }
+    ++place;
+    if (name.empty() || (contents && contents->entryNamed(name))) continue;
     if (!item->documentIdentifier() && !database().knownUploadForPath(path)) vanished.push_back(item);
   }
   for (const auto& item : vanished) forgetItem(item);
@@ -435,6 +441,9 @@ Result<void> DCCachedItemManager::coordinateReadingForUploadingItem(const DCCach
           auto after = Utils::versionIdentifierForFileWithURL(url);
           isStable = after && *after == *generation;
           if (!isStable) return;
+          // A task that is on stable storage must not find half a file after a loss of power.
+          moved = syncFile(copy.path());
+          if (!moved) return;
           // Over a copy of the same generation that is there already, which a transfer may be about to open.
           if (rename(copy.path().c_str(), place->path().c_str()) != 0) {
             moved = Failure(Error::fileWrite(errno, place->path()));

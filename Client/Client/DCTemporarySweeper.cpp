@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <optional>
 #include <string_view>
 #include <system_error>
 #include <unordered_set>
@@ -67,8 +68,8 @@ std::vector<std::string> namesIn(const std::string& folder) {
   return names;
 }
 
-// Of the uploads of all services, also of those whose account is gone.
-std::unordered_set<std::string> pathsOfUploadCopies() {
+// Of the uploads of all services, also of those whose account is gone; absent when a store cannot be read.
+std::optional<std::unordered_set<std::string>> pathsOfUploadCopies() {
   std::unordered_set<std::string> paths;
   DUPathVerifyPathSetup();
   const auto metadata = DUPathMetadataDirectoryPath();
@@ -76,6 +77,7 @@ std::unordered_set<std::string> pathsOfUploadCopies() {
     if (!name.ends_with(kStoreExtension)) continue;
     const std::string identifier = name.substr(0, name.size() - kStoreExtension.size());
     DCDatabase database(DCService::serviceWithHostName("localhost", identifier));
+    if (database.storeError()) return std::nullopt;
     for (const auto& upload : database.allUploads()) {
       auto add = [&](const std::optional<Data>& generation) {
         auto copy = DCManagedUpload::temporaryUploadFileURLForItemAtPath(upload->path(), generation);
@@ -136,7 +138,7 @@ void DCTemporarySweeper::sweep(const std::string& folder, Date now) {
   // A copy is made before its attempt is recorded, but not an hour before.
   const auto known = pathsOfUploadCopies();
   for (const std::string& path : copies) {
-    if (!known.contains(path)) removeLitter(path);
+    if (known && !known->contains(path)) removeLitter(path);
   }
 }
 
