@@ -18,6 +18,7 @@ namespace florvane {
 
 namespace {
 
+constexpr char kSource[] = "Client/Client/DCCachedItemManager";
 constexpr char kParkedPrefix[] = ".florvane-parked-";
 constexpr char kStagingPrefix[] = "/upload+";
 
@@ -47,7 +48,10 @@ void DCCachedItemManager::moveItem(const DCCachedItem::Ptr& item, const std::opt
   if (item->hasBeenRemoved() || item->isRoot() || toRelativePath->isRoot()) return;
   if (documentIdentifier && !item->documentIdentifier()) (void)item->updateDocumentIdentifier(documentIdentifier);
   const std::string from = item->relativePath()->string();
-  if (from == toRelativePath->string()) return;
+  if (from == toRelativePath->string()) {
+    DCAssertionFailed(kSource, __LINE__, "![item.relativePath.string isEqualToString:relativePath.string]");
+    return;
+  }
   if (makeRoom(item, toRelativePath)) movePath(from, toRelativePath);
 }
 

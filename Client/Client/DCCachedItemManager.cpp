@@ -251,7 +251,7 @@ DCCachedThumbnail::Ptr DCCachedItemManager::_thumbnailForUnderlyingItem(const DC
   auto thumbnailIdentifier = thumbnail->documentIdentifier();
   if (!thumbnailIdentifier) return nullptr;
   items_.insert_or_assign(path->string(), thumbnail);
-  DCAssert(item == thumbnail->underlyingItem(), kSource);
+  if (item != thumbnail->underlyingItem()) DCAssertionFailed(kSource, __LINE__, "item == thumbnail.underlyingItem");
   auto fullPath = thumbnail->fullPathIfKnown(), filesFullPath = file->fullPathIfKnown();
   DCAssert(fullPath, kSource);
   const bool isShared = fullPath && filesFullPath && fullPath->string() == filesFullPath->string();

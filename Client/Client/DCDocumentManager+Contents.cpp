@@ -101,7 +101,7 @@ void DCDocumentManager::_continueContentsOfFile(const DCCachedFile::Ptr& file, c
   const bool isConnectionFailure = error && pc_isDCErrorWithCode(*error, kConnectionFailure);
   const bool isConflict = error && pc_isDCErrorWithCode(*error, kVersionConflict);
   if (isConflict && file && file->relativeAge() == DCCachedItemOrderLocalIsNewer) {
-    DCAssert(file->needsUpload(), kSource);
+    if (!file->needsUpload()) DCAssertionFailed(kSource, __LINE__, "file.needsUpload");
   }
   State state = kUnknown;
   std::optional<URL> url;

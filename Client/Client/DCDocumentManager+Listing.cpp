@@ -239,8 +239,9 @@ Dictionary DCDocumentManager::_synthesizedMetadataForItem(const DCCachedItem& it
     _addItemsCountOfDirectory(*directory, metadata);
   }
   if (!remoteMetadata && !parentContentsMetadata && !otherMetadata && !path->isRoot() && !upload) {
-    DCAssert(!remoteMetadata, kSource);
-    DCAssertionFailed(kSource, __LINE__, "!item.otherMetadata");
+    for (const char* condition : {"!remoteMetadata", "!parentContentsMetadata", "!item.otherMetadata"}) {
+      DCAssertionFailed(kSource, __LINE__, condition);
+    }
   }
   return metadata;
 }

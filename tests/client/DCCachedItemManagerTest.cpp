@@ -66,7 +66,6 @@ TEST_F(DCCachedItemManagerTest, AMoveCarriesWhatLiesBelow) {
   ASSERT_TRUE(file("d/new")->updateFileFromURL(URL::fileURL(source("new"))));
   auto folder = directory("d");
   auto edited = file("d/f"), made = file("d/new");
-  manager_->moveItem(folder, std::nullopt, std::nullopt, path("d"));
   manager_->moveItem(folder, std::nullopt, std::nullopt, path("moved"));
   EXPECT_EQ(edited->relativePath()->string(), "moved/f");
   EXPECT_EQ(file("moved/f"), edited);
@@ -85,6 +84,12 @@ TEST_F(DCCachedItemManagerTest, AMoveCarriesWhatLiesBelow) {
   EXPECT_EQ(database_->uploadForPath("moved/g")->fileURL(), documents("46/g"));
   EXPECT_THAT(filesBelow("File Provider Storage/service/46"), ElementsAre("g"));
   expectNoAssertion();
+
+  // To where it is.
+  manager_->moveItem(edited, std::nullopt, std::nullopt, path("moved/g"));
+  EXPECT_TRUE(isLogged("![item.relativePath.string isEqualToString:relativePath.string]"));
+  EXPECT_EQ(edited->contents(), bytes("edited"));
+  EXPECT_EQ(file("moved/g"), edited);
 }
 
 TEST_F(DCCachedItemManagerTest, SwapsAndChainsAreSettledByIdentifier) {
