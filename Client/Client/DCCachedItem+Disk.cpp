@@ -1,3 +1,4 @@
+#include "Client/Client/DCCachedDirectory.h"
 #include "Client/Client/DCCachedItem+RemoteMetadata.h"
 #include "Client/Client/DCCachedItem.h"
 #include "Client/Client/DCCachedItemEnvironment.h"
@@ -254,7 +255,10 @@ Result<bool> DCCachedItem::_replaceFileWithURL(const URL& url, Replacement repla
       DCLogWarning("Unable to update file '%@': %@", target, made.error());
       return Failure(made.error());
     }
-    auto temporary = DCTemporaryFile::linkedTo(url.path(), target);
+    // Of a listing the status tells whether it was read already, and it changes when another name of the file goes.
+    const bool sharesFile = dynamic_cast<const DCCachedDirectory*>(this) == nullptr;
+    auto temporary =
+        sharesFile ? DCTemporaryFile::linkedTo(url.path(), target) : DCTemporaryFile::copyOf(url.path(), target);
     if (!temporary) {
       DCLogWarning("Unable to copy file '%@' from file at '%@': %@", target, url.path(), temporary.error());
       return Failure(temporary.error());
