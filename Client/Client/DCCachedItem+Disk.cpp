@@ -210,8 +210,7 @@ bool DCCachedItem::_saveDictionary(const Dictionary& dictionary, const std::stri
     DCLogWarning("Unable to write data to '%@': %@", path, written.error());
     return false;
   }
-  if (previousVersionPath && *previousVersionPath != path && unlink(previousVersionPath->c_str()) != 0 &&
-      errno != ENOENT) {
+  if (previousVersionPath && *previousVersionPath != path && unlink(previousVersionPath->c_str()) != 0) {
     DCLogInfo("Unable to remove previous data at '%@': %s", *previousVersionPath, std::strerror(errno));
   }
   return true;

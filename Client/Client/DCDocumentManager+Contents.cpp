@@ -32,8 +32,8 @@ std::optional<URL> localURLOfItem(const DCCachedItem& item) {
 
 void DCDocumentManager::attributesOfItemAtPath(const std::string& path, AttributesHandler completionHandler) {
   static constexpr char function[] = "-[DCDocumentManager attributesOfItemAtPath:completionHandler:]";
-  DCLogTrace(function, {{"path", path}});
   auto handler = shareHandler(std::move(completionHandler));
+  DCLogTrace(function, {{"path", path}, {"userCompletionHandler", handlerText(*handler)}});
   _performWithKnownItemAtPath(function, path, ItemClass::Any, [handler](const Ptr& self, const PreOperation& checks) {
     if (checks.error || !checks.item) {
       callUserHandler(*self, handler, function, __LINE__, kUnknown, std::optional<Dictionary>(), checks.error);
@@ -50,8 +50,9 @@ void DCDocumentManager::attributesOfItemAtPath(const std::string& path, Attribut
 
 void DCDocumentManager::contentsOfFileAtPath(const std::string& path, FileHandler completionHandler) {
   static constexpr char function[] = "-[DCDocumentManager contentsOfFileAtPath:completionHandler:]";
-  DCLogTrace(function, {{"path", path}});
-  _contentsOfFileAtPath(path, shareHandler(std::move(completionHandler)), true);
+  auto handler = shareHandler(std::move(completionHandler));
+  DCLogTrace(function, {{"path", path}, {"userCompletionHandler", handlerText(*handler)}});
+  _contentsOfFileAtPath(path, handler, true);
 }
 
 void DCDocumentManager::_contentsOfFileAtPath(const std::string& path, const std::shared_ptr<FileHandler>& handler,
@@ -161,8 +162,8 @@ DCDocumentManager::OptionalError DCDocumentManager::_updateFreshlyDownloadedFile
 
 void DCDocumentManager::thumbnailOfItemAtPath(const std::string& path, FileHandler completionHandler) {
   static constexpr char function[] = "-[DCDocumentManager thumbnailOfItemAtPath:completionHandler:]";
-  DCLogTrace(function, {{"path", path}});
   auto handler = shareHandler(std::move(completionHandler));
+  DCLogTrace(function, {{"path", path}, {"userCompletionHandler", handlerText(*handler)}});
   _performWithKnownItemAtPath(function, path, ItemClass::Any, [handler](const Ptr& self, const PreOperation& checks) {
     if (checks.error || !checks.item) {
       callUserHandler(*self, handler, function, __LINE__, kUnknown, std::optional<URL>(), checks.error);
@@ -220,8 +221,8 @@ void DCDocumentManager::_downloadThumbnail(const DCCachedThumbnail::Ptr& thumbna
 
 void DCDocumentManager::previewOfItemAtPath(const std::string& path, FileHandler completionHandler) {
   static constexpr char function[] = "-[DCDocumentManager previewOfItemAtPath:completionHandler:]";
-  DCLogTrace(function, {{"path", path}});
   auto handler = shareHandler(std::move(completionHandler));
+  DCLogTrace(function, {{"path", path}, {"userCompletionHandler", handlerText(*handler)}});
   _performWithKnownItemAtPath(function, path, ItemClass::Any, [handler](const Ptr& self, const PreOperation& checks) {
     OptionalError error = checks.error;
     // The protocol has no request for previews.

@@ -5,6 +5,8 @@
 #include "platform/Format.h"
 
 #include <memory>
+#include <optional>
+#include <string>
 #include <string_view>
 #include <utility>
 
@@ -17,6 +19,12 @@ using SharedHandler = std::shared_ptr<CompletionHandler<Args...>>;
 template <typename... Args>
 SharedHandler<Args...> shareHandler(CompletionHandler<Args...> handler) {
   return std::make_shared<CompletionHandler<Args...>>(std::move(handler));
+}
+
+// A handler as trace lines show it; absent where there is none.
+template <typename... Args>
+std::optional<std::string> handlerText(const CompletionHandler<Args...>& handler) {
+  return handler ? std::optional(baseDescription("Block", &handler)) : std::nullopt;
 }
 
 // Submits a caller's handler, if there is one, to the completion handler queue. The line is the caller's.

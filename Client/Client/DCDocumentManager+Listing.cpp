@@ -33,7 +33,8 @@ void setIfOther(Dictionary& dictionary, const char* key, const Value& value) {
 
 void DCDocumentManager::contentsOfDirectoryAtPath(const std::string& path,
                                                   ContentsOfDirectoryHandler completionHandler) {
-  DCLogTrace("-[DCDocumentManager contentsOfDirectoryAtPath:completionHandler:]", {{"path", path}});
+  DCLogTrace("-[DCDocumentManager contentsOfDirectoryAtPath:completionHandler:]",
+             {{"path", path}, {"userCompletionHandler", handlerText(completionHandler)}});
   _contentsOfDirectoryAtPath(path, true, std::move(completionHandler));
 }
 
@@ -46,8 +47,10 @@ void DCDocumentManager::_contentsOfDirectoryAtPath(const std::string& path, bool
                                                    ContentsOfDirectoryHandler completionHandler) {
   static constexpr char function[] =
       "-[DCDocumentManager _contentsOfDirectoryAtPath:downloadIfNecessary:completionHandler:]";
-  DCLogTrace(function, {{"path", path}, {"downloadIfNecessary", downloadIfNecessary ? "yes" : "no"}});
   auto handler = shareHandler(std::move(completionHandler));
+  DCLogTrace(function, {{"path", path},
+                        {"downloadIfNecessary", downloadIfNecessary ? "yes" : "no"},
+                        {"userCompletionHandler", handlerText(*handler)}});
   _performWithKnownItemAtPath(
       function, path, ItemClass::Directory,
       [path, downloadIfNecessary, handler](const Ptr& self, const PreOperation& checks) {

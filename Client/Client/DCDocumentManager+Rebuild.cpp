@@ -1,3 +1,4 @@
+#include "Client/Client/DCDocumentManager+Handlers.h"
 #include "Client/Client/DCDocumentManager.h"
 #include "Client/Client/DCLog.h"
 #include "Client/Client/DCUnsentFiles.h"
@@ -108,14 +109,12 @@ Array readJournal(const std::string& path) {
 }  // namespace
 
 void DCDocumentManager::rebuildDatabaseWithCompletionHandler(CompletionHandler<> completionHandler) {
-  DCLogTrace("-[DCDocumentManager rebuildDatabaseWithCompletionHandler:]");
-  queue_->dispatchAsynchronousBlock([self = shared_from_this(), handler = std::move(completionHandler)]() mutable {
+  static constexpr char function[] = "-[DCDocumentManager rebuildDatabaseWithCompletionHandler:]";
+  auto handler = shareHandler(std::move(completionHandler));
+  DCLogTrace(function, {{"userCompletionHandler", handlerText(*handler)}});
+  queue_->dispatchAsynchronousBlock([self = shared_from_this(), handler] {
     self->_rebuildDatabase(false);
-    if (!handler) return;
-    DCLogCallback(DCLogLevelDebug, "%@: Calling completion handler %@ at %s:%u", *self,
-                  baseDescription("Block", &handler), "-[DCDocumentManager rebuildDatabaseWithCompletionHandler:]",
-                  __LINE__);
-    self->completionHandlerQueue()->async([settled = std::move(handler)]() mutable { settled(); });
+    callUserHandler(*self, handler, function, __LINE__);
   });
 }
 

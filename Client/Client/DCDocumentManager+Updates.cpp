@@ -1,3 +1,4 @@
+#include "Client/Client/DCDocumentManager+Handlers.h"
 #include "Client/Client/DCDocumentManager.h"
 #include "Client/Client/DCError.h"
 #include "Client/Client/DCLog.h"
@@ -213,17 +214,14 @@ void DCDocumentManager::_refreshItem(const DCCachedItem::Ptr& item, ErrorHandler
 
 void DCDocumentManager::refreshItemAtPath(const std::string& path, ErrorHandler completionHandler) {
   static constexpr char function[] = "-[DCDocumentManager refreshItemAtPath:completionHandler:]";
-  DCLogTrace(function, {{"path", path}});
   // Queued work is copied nowhere, but what a request stores is.
-  auto userHandler = std::make_shared<ErrorHandler>(std::move(completionHandler));
+  auto userHandler = shareHandler(std::move(completionHandler));
+  DCLogTrace(function, {{"path", path}, {"userCompletionHandler", handlerText(*userHandler)}});
   queue_->dispatchAsynchronousBlock([self = shared_from_this(), path, userHandler] {
     auto checks = self->_performPreOperationChecksWithPath(path, ItemClass::Any, true);
     self->_logFunction(function, path, checks.item, checks.relativePath);
     auto settle = [self, userHandler](const OptionalError& error) {
-      if (!*userHandler) return;
-      DCLogCallback(DCLogLevelDebug, "%@: Calling completion handler %@ at %s:%u", *self,
-                    baseDescription("Block", userHandler.get()), function, __LINE__);
-      self->completionHandlerQueue()->async([userHandler, error] { (*userHandler)(error); });
+      callUserHandler(*self, userHandler, function, __LINE__, error);
     };
     if (checks.error) {
       settle(checks.error);

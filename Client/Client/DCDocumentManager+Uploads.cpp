@@ -111,7 +111,9 @@ void DCDocumentManager::_restartUploadOfRecord(const std::shared_ptr<DCManagedUp
 void DCDocumentManager::handleEventsForBackgroundURLSession(const std::string& identifier,
                                                             std::function<void()> completionHandler) {
   DCLogTrace("-[DCDocumentManager handleEventsForBackgroundURLSession:completionHandler:]",
-             {{"identifier", identifier}});
+             {{"identifier", identifier},
+              {"completionHandler",
+               completionHandler ? std::optional(baseDescription("Block", &completionHandler)) : std::nullopt}});
   (void)_uploadManager();
   auto bundleIdentifier = DCBackgroundSessionManager::bundleIdentifierFromBackgroundSessionIdentifier(identifier);
   DCAssert(bundleIdentifier, kSource);
@@ -138,8 +140,8 @@ void DCDocumentManager::handleEventsForBackgroundURLSession(const std::string& i
 
 void DCDocumentManager::allPendingUploadsWithCompletionHandler(UploadsHandler completionHandler) {
   static constexpr char function[] = "-[DCDocumentManager allPendingUploadsWithCompletionHandler:]";
-  DCLogTrace(function);
   auto handler = shareHandler(std::move(completionHandler));
+  DCLogTrace(function, {{"userCompletionHandler", handlerText(*handler)}});
   queue_->dispatchAsynchronousBlock([self = shared_from_this(), handler] {
     callUserHandler(*self, handler, function, __LINE__, self->database()->allUploads());
   });
@@ -153,10 +155,12 @@ bool DCDocumentManager::hasPendingUploads() {
 }
 
 DCServerRequest::Ptr DCDocumentManager::downloadTaskForItemAtPath(const std::string& path) {
-  DCLogTrace("-[DCDocumentManager downloadTaskForItemAtPath:]", {{"path", path}});
+  static constexpr char function[] = "-[DCDocumentManager downloadTaskForItemAtPath:]";
+  DCLogTrace(function, {{"path", path}});
   DCServerRequest::Ptr task;
   queue_->dispatchSynchronousBlock([&] {
     auto checks = _performPreOperationChecksWithPath(path, ItemClass::Any, false);
+    _logFunction(function, path, checks.item, checks.relativePath);
     if (checks.error) return;
     task = DCDownloadManager::downloadManagerForService(service_)->downloadTaskForItemAtPath(
         checks.relativePath->string());

@@ -43,9 +43,7 @@ void DCDocumentManager::createDirectoryAtPath(const std::string& path, const Dic
                                               ErrorHandler completionHandler) {
   static constexpr char function[] = "-[DCDocumentManager createDirectoryAtPath:attributes:completionHandler:]";
   auto handler = shareHandler(std::move(completionHandler));
-  DCLogTrace(
-      function,
-      {{"path", path}, {"attributes", attributes}, {"userCompletionHandler", baseDescription("Block", handler.get())}});
+  DCLogTrace(function, {{"path", path}, {"attributes", attributes}, {"userCompletionHandler", handlerText(*handler)}});
   queue_->dispatchAsynchronousBlock([self = shared_from_this(), handler] {
     callUserHandler(*self, handler, function, __LINE__, OptionalError(DCError::errorInternalWithUserInfo()));
   });
@@ -54,8 +52,8 @@ void DCDocumentManager::createDirectoryAtPath(const std::string& path, const Dic
 void DCDocumentManager::preflightWriteToNewFileAtPath(const std::string& path, const URL& source,
                                                       ErrorHandler completionHandler) {
   static constexpr char function[] = "-[DCDocumentManager preflightWriteToNewFileAtPath:source:completionHandler:]";
-  DCLogTrace(function, {{"path", path}, {"source", source}});
   auto handler = shareHandler(std::move(completionHandler));
+  DCLogTrace(function, {{"path", path}, {"source", source}, {"userCompletionHandler", handlerText(*handler)}});
   queue_->dispatchAsynchronousBlock([self = shared_from_this(), path, source, handler] {
     auto resolved = source.isFileURL() ? realPath(source.path()) : std::nullopt;
     auto checks = self->_performPreOperationChecksWithPath(path, ItemClass::File, false);
@@ -84,8 +82,8 @@ void DCDocumentManager::removePreflightedWriteToNewFileAtPath(const std::string&
 
 void DCDocumentManager::writeToFileAtPath(const std::string& path, const URL& source, UploadHandler completionHandler) {
   static constexpr char function[] = "-[DCDocumentManager writeToFileAtPath:source:completionHandler:]";
-  DCLogTrace(function, {{"path", path}, {"source", source}});
   auto handler = shareHandler(std::move(completionHandler));
+  DCLogTrace(function, {{"path", path}, {"source", source}, {"userCompletionHandler", handlerText(*handler)}});
   queue_->dispatchAsynchronousBlock([self = shared_from_this(), path, source, handler] {
     auto fail = [&](const Error& error) {
       callUserHandler(*self, handler, function, __LINE__, std::optional<URL>(), OptionalError(error));
@@ -140,8 +138,8 @@ void DCDocumentManager::_announceFailureOfUpload(const DCCachedItem& item, const
 
 void DCDocumentManager::startUploadingItemAtPath(const std::string& path, UploadHandler completionHandler) {
   static constexpr char function[] = "-[DCDocumentManager startUploadingItemAtPath:completionHandler:]";
-  DCLogTrace(function, {{"path", path}});
   auto handler = shareHandler(std::move(completionHandler));
+  DCLogTrace(function, {{"path", path}, {"userCompletionHandler", handlerText(*handler)}});
   queue_->dispatchAsynchronousBlock([self = shared_from_this(), path, handler] {
     auto checks = self->_performPreOperationChecksWithPath(path, ItemClass::Any, true);
     self->_logFunction(function, path, checks.item, checks.relativePath);
@@ -164,8 +162,8 @@ void DCDocumentManager::startUploadingItemAtPath(const std::string& path, Upload
 
 void DCDocumentManager::startDownloadingItemAtPath(const std::string& path, ErrorHandler completionHandler) {
   static constexpr char function[] = "-[DCDocumentManager startDownloadingItemAtPath:completionHandler:]";
-  DCLogTrace(function, {{"path", path}});
   auto handler = shareHandler(std::move(completionHandler));
+  DCLogTrace(function, {{"path", path}, {"userCompletionHandler", handlerText(*handler)}});
   queue_->dispatchAsynchronousBlock([self = shared_from_this(), path, handler] {
     auto checks = self->_performPreOperationChecksWithPath(path, ItemClass::Any, true);
     self->_logFunction(function, path, checks.item, checks.relativePath);
@@ -183,20 +181,23 @@ void DCDocumentManager::startDownloadingItemAtPath(const std::string& path, Erro
 
 void DCDocumentManager::cancelUploadingItemAtPath(const std::string& path, ErrorHandler completionHandler) {
   static constexpr char function[] = "-[DCDocumentManager cancelUploadingItemAtPath:completionHandler:]";
-  DCLogTrace(function, {{"path", path}});
-  callUserHandler(*this, shareHandler(std::move(completionHandler)), function, __LINE__, OptionalError());
+  auto handler = shareHandler(std::move(completionHandler));
+  DCLogTrace(function, {{"path", path}, {"userCompletionHandler", handlerText(*handler)}});
+  callUserHandler(*this, handler, function, __LINE__, OptionalError());
 }
 
 void DCDocumentManager::cancelDownloadingItemAtPath(const std::string& path, ErrorHandler completionHandler) {
   static constexpr char function[] = "-[DCDocumentManager cancelDownloadingItemAtPath:completionHandler:]";
-  DCLogTrace(function, {{"path", path}});
-  callUserHandler(*this, shareHandler(std::move(completionHandler)), function, __LINE__, OptionalError());
+  auto handler = shareHandler(std::move(completionHandler));
+  DCLogTrace(function, {{"path", path}, {"userCompletionHandler", handlerText(*handler)}});
+  callUserHandler(*this, handler, function, __LINE__, OptionalError());
 }
 
 void DCDocumentManager::evictItemAtPath(const std::string& path, ErrorHandler completionHandler) {
   static constexpr char function[] = "-[DCDocumentManager evictItemAtPath:completionHandler:]";
-  DCLogTrace(function, {{"path", path}});
-  callUserHandler(*this, shareHandler(std::move(completionHandler)), function, __LINE__, OptionalError());
+  auto handler = shareHandler(std::move(completionHandler));
+  DCLogTrace(function, {{"path", path}, {"userCompletionHandler", handlerText(*handler)}});
+  callUserHandler(*this, handler, function, __LINE__, OptionalError());
 }
 
 // No download starts or ends meanwhile, as no upload does while it is decided what to download.
