@@ -218,6 +218,14 @@ void FileDescriptor::close() {
   if (valid()) ::close(release());
 }
 
+void reserveStandardDescriptors() {
+  for (int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (fcntl(descriptor, F_GETFD) >= 0) continue;
+    // The lowest number that is free. A descriptor of a place alone can neither be read nor written.
+    if (open("/dev/null", O_PATH | O_CLOEXEC) < 0) return;
+  }
+}
+
 Result<FileDescriptor> openFile(const std::string& path, int flags, mode_t mode) {
   int descriptor = -1;
   do descriptor = open(path.c_str(), flags | O_CLOEXEC, mode);

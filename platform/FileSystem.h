@@ -69,6 +69,11 @@ Result<std::pair<FileDescriptor, std::string>> makeTemporaryFile(const std::stri
 // Writes all bytes, through short writes and interruptions.
 Result<void> writeAll(int descriptor, std::span<const std::uint8_t> bytes, std::string_view path);
 
+// For a program's first line: keeps descriptors 0 to 2 from files that are opened later where the program was started
+// without them, so that what is meant for a standard stream is written into none of those. Using a stream that is
+// missing still fails with EBADF.
+void reserveStandardDescriptors();
+
 // A lock on a whole file, made when missing, shared by processes and by threads of one; given back when this goes,
 // even by a crash. Blocks until it is held.
 class FileLock {

@@ -241,6 +241,7 @@ int run(int count, char** texts) {
 }  // namespace
 
 int main(int count, char** texts) {
+  reserveStandardDescriptors();
   try {
     return run(count, texts);
   } catch (const std::exception& exception) {

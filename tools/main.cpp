@@ -184,6 +184,7 @@ class CommandLine {
 }  // namespace
 
 int main(int argc, char** argv) {
+  reserveStandardDescriptors();
   (void)std::signal(SIGPIPE, SIG_IGN);  // a reader that has gone shows as an error of the write
   auto status = ExitStatus::Failed;
   try {

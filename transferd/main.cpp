@@ -1,4 +1,5 @@
 #include "platform/Container.h"
+#include "platform/FileSystem.h"
 #include "platform/TransferAgent.h"
 #include "platform/TransferLauncher.h"
 
@@ -34,6 +35,7 @@ void sayReady() {
 }  // namespace
 
 int main(int argc, char** argv) {
+  reserveStandardDescriptors();
   CLI::App app(
       "The background transfer agent: sends the uploads of a container's programs, also when these have ended.",
       "florvane-transferd");

@@ -160,6 +160,8 @@ TEST_F(CommandLine, FailsWhenItsOutputTakesNoMore) {
     EXPECT_THAT(full.standardError, HasSubstr("No space left on device"));
   }
   EXPECT_EQ(shell("{ \"$@\"; echo $? >&2; } | head -c 1", "cat").standardError, "1\n") << "silently";
+  // None of its files takes the place of an output that is missing.
+  for (const char* what : {"ls", "cat"}) EXPECT_EQ(shell("\"$@\" >&-", what).exitStatus, 1) << what;
 }
 
 TEST_F(CommandLine, AsksForAPasswordOnlyOnATerminal) {
