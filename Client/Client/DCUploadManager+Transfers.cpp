@@ -46,7 +46,7 @@ void DCUploadManager::uploadFile(const DCCachedFile::Ptr& file,
   (void)queue_->checkIsCurrent(kSource, __LINE__);
   std::lock_guard lock(mutex_);
   _removePendingCompletionHandlersForCompletedUploads();
-  DCAssert(!file->hasBeenRemoved(), kSource);
+  if (file->hasBeenRemoved()) DCAssertionFailed(kSource, __LINE__, "!file.hasBeenRemoved");
   const std::string path = file->relativePath()->string();
   const Order order{file, usingRemoteFileManager, activityInfo};
   if (settling_.contains(path)) {
@@ -184,10 +184,18 @@ void DCUploadManager::cancelTransferOfRecord(const std::shared_ptr<DCManagedUplo
 void DCUploadManager::start(const Order& order) {
   const std::string path = order.file->relativePath()->string();
   if (!isSignedIn()) {
+    auto upload = uploadForItemAtPath(path);
     // A start like any other: the failure before it is counted, or a refused password would be tried for ever.
-    if (auto upload = uploadForItemAtPath(path); upload && upload->error()) {
+    if (upload && upload->error()) {
       upload->resetAndIncrementNumberOfRetries();
       (void)database().save();
+    }
+    // What was edited in its place has no record yet, and what waits is found by its record.
+    if (const auto fullPath = order.file->fullPathIfKnown(); fullPath && !upload) {
+      if (auto saved = database().saveUploadFileURL(fullPath->url(), path); !saved) {
+        failLater(order.file, saved.error());
+        return;
+      }
     }
     waitForSignIn(order);
     return;
@@ -272,7 +280,7 @@ void DCUploadManager::send(const Order& order, const URL& source, const Data& ge
   const auto parentDocumentIdentifier = parent ? parent->documentIdentifier() : std::nullopt;
   const auto parentVersionIdentifier = parent ? parent->versionIdentifier() : std::nullopt;
   DCAssert(documentIdentifier || parentDocumentIdentifier, kSource);
-  DCAssert(!file->hasBeenRemoved(), kSource);
+  if (file->hasBeenRemoved()) DCAssertionFailed(kSource, __LINE__, "!file.hasBeenRemoved");
   if (!documentIdentifier) {
     const auto remoteMetadata = file->remoteMetadata();
     if (remoteMetadata && !remoteMetadata->empty())

@@ -126,8 +126,11 @@ void DCUploadManager::cancelAllUploadTasks() {
 // Bookkeeping
 
 std::string DCUploadManager::describedHandlers(const std::string& subpath) const {
-  auto handlers = uploadingFiles_.find(subpath);
-  return format("%lu", static_cast<unsigned long>(handlers == uploadingFiles_.end() ? 0 : handlers->second.size()));
+  Array list;
+  if (auto handlers = uploadingFiles_.find(subpath); handlers != uploadingFiles_.end()) {
+    for (const auto& handler : handlers->second) list.append(baseDescription("Block", &handler));
+  }
+  return DCStringFromCollection(list);
 }
 
 std::size_t DCUploadManager::_addHandlerToCallForItemAtSubpath(const std::optional<std::string>& subpath,

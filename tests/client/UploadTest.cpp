@@ -443,7 +443,10 @@ TEST(Upload, WithoutAServerTheRecordWaitsAndGoesWhenItIsBack) {
 
 TEST(Upload, WithoutALoginAndWithoutAServerTheWriteIsAnsweredAndWaits) {
   TestServer server;
+  writeText(server.files() + "/edited", "as it was");
   UploadClient client(server);
+  const auto edited = client.read("Files/edited");
+  ASSERT_TRUE(edited.value);
   server.stop();
   DCPreferences::preferences()->clearAllAuthCookiesAndTrustedCertData();
   auto answer = client.write("Files/a", "written signed out");
@@ -452,14 +455,21 @@ TEST(Upload, WithoutALoginAndWithoutAServerTheWriteIsAnsweredAndWaits) {
   ASSERT_TRUE(upload);
   EXPECT_FALSE(upload->taskIdentifier());
   EXPECT_EQ(upload->numberOfRetries().value_or(0), 0);
+  writeText(edited.value->path(), "edited in its place");
+  std::promise<std::optional<Error>> sent;
+  client.manager->startUploadingItemAtPath("Files/edited",
+                                           [&](const auto&, const auto& error) { sent.set_value(error); });
+  EXPECT_TRUE(client.record("Files/edited"));
   server.restart();
-  for (int turn = 0; turn < 2000 && client.record("Files/a"); ++turn) {
+  for (int turn = 0; turn < 2000 && (client.record("Files/a") || client.record("Files/edited")); ++turn) {
     client.clock.advance(seconds(61));
     client.onQueue([] {});
     client.refresh("Files");
   }
   EXPECT_FALSE(client.record("Files/a"));
   EXPECT_EQ(textOf(server.files() + "/a"), "written signed out");
+  EXPECT_FALSE(sent.get_future().get());
+  EXPECT_EQ(textOf(server.files() + "/edited"), "edited in its place");
   EXPECT_THAT(client.assertions(), IsEmpty());
 }
 
