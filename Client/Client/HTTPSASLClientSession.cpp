@@ -12,6 +12,7 @@ namespace {
 constexpr char kMechanismSRP[] = "SRP";
 constexpr char kMechanismPLAIN[] = "PLAIN";
 constexpr std::size_t kCookieKeyLength = 32;
+constexpr int kFirstServerError = 500;
 constexpr Duration kTimeout = std::chrono::seconds(30);
 
 // States of an exchange: which answer is waited for.
@@ -159,8 +160,11 @@ void HTTPSASLClientSession::authStepDidComplete(int state, const Data& data,
     } else if (status == 401) {
       completeAuthWithError(saslError(HTTPSASLErrorAuthenticationFailed, "Unauthorized"));
     } else {
-      completeAuthWithError(
-          saslError(HTTPSASLErrorAuthenticationFailed, "Authentication in progress failed with HTTP %ld", status));
+      const Error failed =
+          saslError(HTTPSASLErrorAuthenticationFailed, "Authentication in progress failed with HTTP %ld", status);
+      // A server that is in no state to answer has not refused anybody.
+      completeAuthWithError(status < kFirstServerError ? failed
+                                                       : failed.withUnderlyingError(Error(URLErrorDomain, status)));
     }
     return;
   }

@@ -233,6 +233,33 @@ TEST(UploadFaults, HoursInWhichNobodyCanSignInCostNoRetry) {
   EXPECT_THAT(client.assertions(), IsEmpty());
 }
 
+TEST(UploadFaults, AServerThatIsInNoStateToSignInAnybodyCostsNoRetryEither) {
+  TestServer server;
+  FaultyServer faulty(server);
+  UploadClient client(server, faulty);
+  NotificationCounter failures(FlorvaneUploadDidFailNotification);
+  faulty.setFault("/sasl", [](const auto&) { return FaultyServer::refusal(503, "Starting."); });
+  DCPreferences::preferences()->clearAllAuthCookiesAndTrustedCertData();
+  ASSERT_FALSE(client.write("Files/a", "patient").error);
+  for (std::size_t minute = 1; minute <= 60; ++minute) {
+    while (client.countOf("Uploads wait for signing in") < minute) client.onQueue([] {});
+    client.onQueue([] {});  // it has begun to wait
+    client.clock.advance(seconds(60));
+  }
+  const auto upload = client.record("Files/a");
+  ASSERT_TRUE(upload);
+  EXPECT_EQ(upload->numberOfRetries().value_or(0), 0);
+  EXPECT_FALSE(upload->error());
+  faulty.setFault("/sasl", {});
+  while (client.record("Files/a")) {
+    client.clock.advance(seconds(60));
+    client.onQueue([] {});
+  }
+  EXPECT_EQ(textOf(server.files() + "/a"), "patient");
+  EXPECT_EQ(failures.count(), 0);
+  EXPECT_THAT(client.assertions(), IsEmpty());
+}
+
 TEST(UploadFaults, HoursWithoutAServerCostNoRetryAndWhatMayHaveArrivedIsAskedForFirst) {
   Scene scene;
   auto& [server, faulty, client, failures, above, elsewhere] = scene;
