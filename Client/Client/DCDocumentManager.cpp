@@ -17,6 +17,8 @@ namespace florvane {
 namespace {
 
 constexpr char kSource[] = "Client/Client/DCDocumentManager";
+// Where a share point without an identifier has always been reported.
+constexpr unsigned kSharepointAssertionLine = 297;
 
 DCServiceRegistry<DCDocumentManager>& registry() {
   static auto* shared = new DCServiceRegistry<DCDocumentManager>;
@@ -233,7 +235,7 @@ DCActivityInfo::Ptr DCDocumentManager::_activityInfoForItem(const DCCachedItem& 
       path->isRoot() ? path : DCRelativePath::relativePathWithString(path->firstPathComponent(), service_));
   auto identifier = sharepoint ? sharepoint->documentIdentifier() : std::nullopt;
   if (item.isRoot() && !identifier) return DCActivityInfo::activityInfoWithQueue(queue_);
-  if (!identifier) DCAssertionFailed(kSource, __LINE__, "sharepoint.documentIdentifier");
+  if (!identifier) DCAssertionFailed(kSource, kSharepointAssertionLine, "sharepoint.documentIdentifier");
   return DCActivityInfo::activityInfoWithQueue(queue_, identifier);
 }
 
