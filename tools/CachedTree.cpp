@@ -95,7 +95,6 @@ CommandResult<CachedTree> CachedTree::open(const std::string& accountName, const
 CachedTree::CachedTree(std::shared_ptr<DCService> service, Duration timeout, Freshness freshness)
     : service_(std::move(service)), freshness_(freshness), deadline_(std::chrono::steady_clock::now() + timeout) {
   DCDocumentManager::setPurposeIdentifier(kPurposeIdentifier);
-  DCSetMainBundleIdentifier(kPurposeIdentifier);
   manager_ = DCDocumentManager::documentManagerForService(service_);
   prepare(*manager_);
 }

@@ -1,3 +1,4 @@
+#include "Client/Client/DCBackgroundSessionManager.h"
 #include "tools/Commands.h"
 
 #include <cstdlib>
@@ -98,9 +99,15 @@ void examineCache(Examination& examination, const Account& account) {
 void examineAgent(Examination& examination, const Account& account) {
   auto service = DCService::serviceWithAccount(account);
   auto tasks = DCAgentTasks::numberOfTasksInSession(DCBackgroundSessionIdentifier(*service, DCMainBundleIdentifier()));
+  const auto transfersHere = DCBackgroundSessionManager::reasonForTransfersInThisProcess();
+  const bool canGoOn = DCAgentTasks::isAgentInstalled() && !transfersHere;
   std::string message;
-  if (tasks) {
+  if (tasks && canGoOn) {
     message = std::to_string(*tasks) + " transfers in progress";
+  } else if (tasks) {
+    message = "florvane-transferd " +
+              (transfersHere ? "cannot be started: " + transfersHere->localizedDescription() : "was not found") +
+              ". Uploads go on only while a command runs; install it beside florvane or in the PATH.";
   } else if (isOfNewerVersion(tasks.error())) {
     message = failureForError(tasks.error(), "", "").sentence;
   } else {
@@ -108,7 +115,7 @@ void examineAgent(Examination& examination, const Account& account) {
               " Check that florvane-transferd is installed beside florvane or in the PATH, and that the container is "
               "writable.";
   }
-  examination.add(account.name + ": agent", tasks.has_value(), message);
+  examination.add(account.name + ": agent", tasks && canGoOn, message);
 }
 
 struct ServerAnswer {

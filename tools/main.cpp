@@ -1,3 +1,5 @@
+#include "Client/Client/DCBackgroundSessionIdentifier.h"
+#include "tools/CachedTree.h"
 #include "tools/Commands.h"
 
 #include <cmath>
@@ -61,6 +63,8 @@ class CommandLine {
       common_.timeout = std::chrono::duration_cast<Duration>(std::chrono::duration<double>(*timeoutSeconds_));
     }
     if (container_) Container::setDirectory(*container_);
+    // Names the background sessions of every command, also of one that only looks or removes.
+    DCSetMainBundleIdentifier(kPurposeIdentifier);
     if (debug_) {
       DCLogEnableDebug(true);
     } else {

@@ -3,6 +3,7 @@
 #include "platform/BackgroundURLSession.h"
 #include "platform/Container.h"
 #include "platform/SQLiteStore.h"
+#include "platform/TransferLauncher.h"
 #include "platform/TransferStore.h"
 
 #include <algorithm>
@@ -51,6 +52,8 @@ class Listener : public URLSessionDelegate {
 };
 
 }  // namespace
+
+bool DCAgentTasks::isAgentInstalled() { return findTransferAgentProgram("").has_value(); }
 
 Result<std::size_t> DCAgentTasks::numberOfTasksInSession(const std::string& sessionIdentifier) {
   auto container = Container::requireDirectory();

@@ -13,6 +13,8 @@ namespace florvane {
 // agent that is needed and does not run is started. All wait for its answer, at most 10 seconds; thread-safe.
 class DCAgentTasks {
  public:
+  // Whether there is a program to start. Without one uploads go on only while a process of their session lives.
+  static bool isAgentInstalled();
   // An error when the agent could not be asked, or will not start for a store that a newer version wrote: that is not
   // "none".
   static Result<std::size_t> numberOfTasksInSession(const std::string& sessionIdentifier);

@@ -42,6 +42,9 @@ TEST_F(Upkeep, SaysWhatToDoAboutEveryFinding) {
   EXPECT_THAT(found("home: agent"), HasSubstr("the container is writable"));
   std::filesystem::remove(container + "/Transfers");
   std::filesystem::rename(container + "/away", container + "/Transfers");
+  setenv("FLORVANE_TRANSFERD", "/nowhere/florvane-transferd", 1);
+  EXPECT_THAT(found("home: agent"), HasSubstr("was not found. Uploads go on only while a command runs"));
+  unsetenv("FLORVANE_TRANSFERD");
 
   ScriptedServer broken(
       [](ScriptedServer::Connection& connection) {
