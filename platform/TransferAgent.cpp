@@ -51,14 +51,14 @@ std::string poolName(const TransferTask& task, const TransferPeerPtr& judge) {
 }
 
 // The lock of an agent that is just ending is waited for: its socket is gone before.
-Result<FileLock> acquireAgentLock(const TransferFolder& folder) {
+Result<FileLock> acquireAgentLock(const TransferFolder& folder, bool ownsSocket) {
   constexpr int kAttempts = 100;
   constexpr int kPauseMilliseconds = 50;
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
     auto lock = FileLock::tryAcquire(folder.agentLockPath(), true);
     if (!lock) return Failure(lock.error());
     if (*lock) return std::move(**lock);
-    if (folder.connect()) break;
+    if (ownsSocket && folder.connect()) break;
     poll(nullptr, 0, kPauseMilliseconds);
   }
   return Failure(Error::posix(EBUSY, folder.path()));
@@ -66,16 +66,16 @@ Result<FileLock> acquireAgentLock(const TransferFolder& folder) {
 
 }  // namespace
 
-Result<std::shared_ptr<TransferAgent>> TransferAgent::start(const Options& options) {
+Result<std::shared_ptr<TransferAgent>> TransferAgent::start(Options options) {
   auto folder = TransferFolder::open(options.container);
   if (!folder) return Failure(folder.error());
-  auto lock = acquireAgentLock(*folder);
+  auto lock = acquireAgentLock(*folder, !options.inheritedSocket);
   if (!lock) return Failure(lock.error());
   auto store = TransferStore::open(*folder, *options.clock);
   if (!store) return Failure(store.error());
   if (auto ended = (*store)->endInterrupted(); !ended) return Failure(ended.error());
   std::shared_ptr<TransferAgent> agent(
-      new TransferAgent(options, std::move(*folder), std::move(*lock), std::move(*store)));
+      new TransferAgent(std::move(options), std::move(*folder), std::move(*lock), std::move(*store)));
   agent->queue_->sync([&] { agent->begin(); });
   return agent;
 }
@@ -91,15 +91,16 @@ Result<std::shared_ptr<TransferAgent>> TransferAgent::ofThisProcess(const std::s
   return agent;
 }
 
-TransferAgent::TransferAgent(const Options& options, TransferFolder folder, FileLock lock,
+TransferAgent::TransferAgent(Options options, TransferFolder folder, FileLock lock,
                              std::unique_ptr<TransferStore> store)
-    : options_(options),
-      clock_(*options.clock),
+    : options_(std::move(options)),
+      clock_(*options_.clock),
       folder_(std::move(folder)),
       lock_(std::move(lock)),
       store_(std::move(store)),
-      queue_(SerialQueue::create("florvane.transfers", *options.clock)),
-      stopAccepting_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+      queue_(SerialQueue::create("florvane.transfers", clock_)),
+      stopAccepting_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      ownsSocket_(!options_.inheritedSocket) {}
 
 TransferAgent::~TransferAgent() = default;
 
@@ -113,7 +114,8 @@ void TransferAgent::begin() {
     for (const auto& session : *sessions) wantRelaunch(session, kReattachDelay);
   }
   nextExpiry_ = now;
-  auto listener = folder_.listen();
+  auto inherited = std::exchange(options_.inheritedSocket, std::nullopt);
+  auto listener = inherited ? Result<FileDescriptor>(std::move(*inherited)) : folder_.listen();
   if (listener) {
     listener_ = std::move(*listener);
     startBackgroundThread("transfer-accept", [self = shared_from_this()] { self->acceptConnections(); });
@@ -205,7 +207,7 @@ void TransferAgent::stop() {
     timer_.reset();
     eventfd_write(stopAccepting_.get(), 1);
     // Nobody is served any more: who looks for the agent now starts another, which waits for the lock.
-    folder_.removeSocket();
+    if (ownsSocket_) folder_.removeSocket();
     for (auto& [identifier, running] : running_) running.attempt->cancel();
     for (auto& [number, peer] : peers_) peer->connection->close();
     attached_.clear();

@@ -22,10 +22,12 @@ class TransferAgent final : public TransferAttemptClient, public std::enable_sha
     Clock* clock = &Clock::system();
     // Called once when there has been nothing to do for 10 seconds, or the container is gone. Null keeps it waiting.
     std::function<void()> onIdle;
+    // Where a service manager listens, which goes on with it at this agent's end. An agent makes its own else.
+    std::optional<FileDescriptor> inheritedSocket = {};
   };
 
   // An error when another agent works on the container (EBUSY in POSIXErrorDomain), or the store cannot be opened.
-  static Result<std::shared_ptr<TransferAgent>> start(const Options& options);
+  static Result<std::shared_ptr<TransferAgent>> start(Options options);
   // The one that works in this process on that container, started when there is none; it ends with the process.
   static Result<std::shared_ptr<TransferAgent>> ofThisProcess(const std::string& container);
   ~TransferAgent() override;
@@ -67,7 +69,7 @@ class TransferAgent final : public TransferAttemptClient, public std::enable_sha
     std::function<void()> then;
   };
 
-  TransferAgent(const Options& options, TransferFolder folder, FileLock lock, std::unique_ptr<TransferStore> store);
+  TransferAgent(Options options, TransferFolder folder, FileLock lock, std::unique_ptr<TransferStore> store);
   void begin();
   void acceptConnections();
   Result<void> adopt(FileDescriptor socket);
@@ -104,13 +106,14 @@ class TransferAgent final : public TransferAttemptClient, public std::enable_sha
   void armTimer();
   bool isIdle() const;
 
-  const Options options_;
+  Options options_;
   Clock& clock_;
   const TransferFolder folder_;
   std::optional<FileLock> lock_;
   const std::unique_ptr<TransferStore> store_;
   const std::shared_ptr<SerialQueue> queue_;
   FileDescriptor listener_, stopAccepting_;
+  const bool ownsSocket_;
 
   std::mutex inboxMutex_;  // guards the two below
   std::vector<Received> inbox_;

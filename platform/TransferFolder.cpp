@@ -9,6 +9,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <systemd/sd-daemon.h>
 #include <unistd.h>
 
 namespace florvane {
@@ -64,6 +65,14 @@ Result<FileDescriptor> TransferFolder::listen() const {
     return Failure(Error::posix(errno, path_));
   }
   return socket;
+}
+
+std::optional<FileDescriptor> TransferFolder::takeInheritedSocket() {
+  const int count = sd_listen_fds(1);
+  for (int descriptor = SD_LISTEN_FDS_START; descriptor < SD_LISTEN_FDS_START + count; ++descriptor) {
+    if (sd_is_socket_unix(descriptor, SOCK_STREAM, 1, nullptr, 0) > 0) return FileDescriptor(descriptor);
+  }
+  return std::nullopt;
 }
 
 void TransferFolder::removeSocket() const { unlink((path_ + "/" + kSocketName).c_str()); }

@@ -31,6 +31,9 @@ class TransferFolder {
   // A socket that listens for sessions; an old one is replaced. Only for who holds the agent's lock.
   Result<FileDescriptor> listen() const;
   void removeSocket() const;
+  // The socket that a service manager already listens on in place of that one; absent where it gave this process none.
+  // Only for a process's first thread: the environment forgets it.
+  static std::optional<FileDescriptor> takeInheritedSocket();
   // A connection to the agent that listens there; ENOENT or ECONNREFUSED when none does.
   Result<FileDescriptor> connect() const;
 

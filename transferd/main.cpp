@@ -1,6 +1,7 @@
 #include "platform/Container.h"
 #include "platform/FileSystem.h"
 #include "platform/TransferAgent.h"
+#include "platform/TransferFolder.h"
 #include "platform/TransferLauncher.h"
 
 #include <cerrno>
@@ -57,7 +58,9 @@ int main(int argc, char** argv) {
   Container::setDirectory(container);
   auto folder = Container::requireDirectory();
   if (!folder) return fail(folder.error());
-  auto agent = TransferAgent::start({.container = *folder, .onIdle = [] { kill(getpid(), SIGTERM); }});
+  auto agent = TransferAgent::start({.container = *folder,
+                                     .onIdle = [] { kill(getpid(), SIGTERM); },
+                                     .inheritedSocket = TransferFolder::takeInheritedSocket()});
   if (!agent) return fail(agent.error());
   sayReady();
   int received = 0;

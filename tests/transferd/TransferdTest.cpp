@@ -1,5 +1,6 @@
 #include "platform/PropertyList.h"
 #include "platform/TransferFolder.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/Process.h"
 #include "tests/support/ScriptedServer.h"
 #include "tests/support/TemporaryDirectory.h"
@@ -194,6 +195,32 @@ TEST_F(TransferdTest, OutlivesItsClientAndTellsTheNextOneOnce) {
   EXPECT_TRUE(tasks(open_).empty());
   EXPECT_EQ(next->count(), 0U);
   EXPECT_EQ(recorder->wait(5).back(), "invalid");
+}
+
+TEST_F(TransferdTest, ServesTheSocketThatAServiceManagerListensOnAndLeavesItInItsPlace) {
+  constexpr char kManager[] = R"(
+import os, socket, sys
+container, agent = sys.argv[1:]
+os.makedirs(container + "/Transfers", 0o700)
+listening = socket.socket(socket.AF_UNIX)
+listening.bind(container + "/Transfers/agent.socket")
+listening.listen()
+os.dup2(listening.fileno(), 3)
+os.environ.update(LISTEN_FDS="1", LISTEN_PID=str(os.getpid()))
+os.execv(agent, [agent, "--container", container])
+)";
+  container_ = directory_.file("short");
+  test::ChildProcess agent({"python3", "-c", kManager, container_, kAgent});
+  ASSERT_EQ(agent.readLine(), "ready");
+  auto recorder = attach();
+  ScriptedServer server(ScriptedServer::answering([](const auto&) { return okAnswer("ok"); }));
+  upload(open_, server.url("/"));
+  EXPECT_THAT(recorder->wait(1)[0], HasSubstr(" 200 ok"));
+  EXPECT_EQ(agentProcess(), agent.pid());
+  detach();
+  kill(agent.pid(), SIGTERM);
+  EXPECT_EQ(agent.wait(), 0);
+  EXPECT_TRUE(std::filesystem::exists(container_ + "/Transfers/agent.socket"));
 }
 
 TEST_F(TransferdTest, HoldsNothingOfItsClientAndRunsOnce) {
