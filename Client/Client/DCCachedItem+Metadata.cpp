@@ -223,11 +223,17 @@ void DCCachedItem::prepareForDownload() {
   DCLogTrace("-[DCCachedItem prepareForDownload]");
   auto locked = lock();
   if (hasBeenRemoved_ || isUnsent()) return;
+  if (remoteMetadata() && !holdsContentsOfRemoteMetadata()) forgetRemoteMetadata();
+}
+
+bool DCCachedItem::holdsContentsOfRemoteMetadata() const {
+  DCLogTrace("-[DCCachedItem holdsContentsOfRemoteMetadata]");
+  auto locked = lock();
   auto metadata = remoteMetadata();
-  if (!metadata) return;
+  if (!metadata) return false;
   auto date = metadata->date(ResourceContentModificationDateKey);
   auto local = localContentModificationDate();
-  if (!local || (date && *local != *date)) forgetRemoteMetadata();
+  return local && (!date || *local == *date);
 }
 
 // Identity.

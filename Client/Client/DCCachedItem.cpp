@@ -152,6 +152,18 @@ std::optional<Data> DCCachedItem::versionIdentifier() const {
   return metadata ? metadata->data(FVVersionIdentifierKey) : std::nullopt;
 }
 
+std::optional<Data> DCCachedItem::toldVersionIdentifier() const {
+  DCLogTrace("-[DCCachedItem toldVersionIdentifier]");
+  auto locked = lock();
+  return toldVersionIdentifier_;
+}
+
+void DCCachedItem::setToldVersionIdentifier(const std::optional<Data>& versionIdentifier) {
+  DCLogTrace("-[DCCachedItem setToldVersionIdentifier:]", {{"versionIdentifier", versionIdentifier}});
+  auto locked = lock();
+  toldVersionIdentifier_ = versionIdentifier;
+}
+
 DCCachedDirectory::Ptr DCCachedItem::parent() const {
   DCLogTrace("-[DCCachedItem parent]");
   auto manager = environment_->manager.lock();

@@ -126,6 +126,13 @@ class DCCachedItem : public std::enable_shared_from_this<DCCachedItem> {
   // Before the item is asked for: where the local contents are missing or not those of the remote metadata (a kill came
   // between the two), that is forgotten, so that the answer cannot be "not modified".
   void prepareForDownload();
+  // Whether the local contents are those of the remote metadata, as far as their dates tell; false without either.
+  bool holdsContentsOfRemoteMetadata() const;
+
+  // The version that this process's delegates know of, told or present when they came. Kept in memory only.
+  std::optional<Data> toldVersionIdentifier() const;
+  void setToldVersionIdentifier(const std::optional<Data>& versionIdentifier);
+
   // The server has gone back to an older date, or to another version of the same date: the local file is dated just
   // before the item's entry, so that it counts as older. Nothing happens to contents that are unsent.
   void markContentsStale();
@@ -248,6 +255,7 @@ class DCCachedItem : public std::enable_shared_from_this<DCCachedItem> {
   std::shared_ptr<DCService> service_;
   bool hasBeenRemoved_ = false;
   std::optional<Data> documentIdentifierWhenRemoved_;
+  std::optional<Data> toldVersionIdentifier_;
   mutable DCFullPath::Ptr lastFullPath_;
   mutable std::unique_ptr<RemoteMetadata> remoteMetadata_;
 };

@@ -270,7 +270,10 @@ DCCachedItem::Ptr DCDirectoryChanges::replace(const DCCachedItem::Ptr& old, cons
 void DCDirectoryChanges::compare(const DCCachedItem::Ptr& item, const Child& child, bool mayNotify) {
   auto entry = child.entry->asDictionary();
   if (!entry) return;
-  if (mayNotify && item->remoteMetadata() != entry) hooks_.didUpdateAttributes(item, *entry);
+  // Whoever brought an older listing may have fetched the child as well, which told nobody here.
+  const bool isTold =
+      isFresh_ ? item->remoteMetadata() == entry : item->toldVersionIdentifier() == entry->data(FVVersionIdentifierKey);
+  if (mayNotify && !isTold) hooks_.didUpdateAttributes(item, *entry);
   markStaleIfServerWentBack(item, *entry);
 }
 

@@ -1,7 +1,6 @@
 #include "Client/Client/DCDirectoryChanges.h"
 #include "Client/Client/DCDocumentManager.h"
 #include "Client/Client/DCLog.h"
-#include "Client/Client/DCTakeInLock.h"
 
 namespace florvane {
 
@@ -20,22 +19,6 @@ void DCDocumentManager::_processDirectoryChangesWithDirectory(const DCCachedDire
                                                               std::optional<Dictionary>* remoteMetadata) {
   DCLogTrace(kFunction, {{"directory", directory}, {"fetchingForChild", fetchingForChild}});
   _takeInListing(directory, currentContents, previousContents, true, fetchingForChild, remoteMetadata);
-}
-
-void DCDocumentManager::_processListingOfOthers(const DCCachedDirectory::Ptr& directory) {
-  // Registrations are checked on their callers' threads; what changed is taken in by the next operation.
-  if (!queue_->queue()->isCurrent()) return;
-  DCDirectoryContents::Ptr current, known;
-  auto isKnown = [&] {
-    current = directory->directoryContents();
-    known = current ? processedListings_.listing(directory->documentIdentifier().value_or(Data())) : nullptr;
-    return current == known;
-  };
-  if (isKnown()) return;
-  // Who brought it takes it in first.
-  const DCTakeInLock lock(service_);
-  if (isKnown()) return;
-  _takeInListing(directory, current, known, false, nullptr, nullptr);
 }
 
 void DCDocumentManager::_takeInListing(const DCCachedDirectory::Ptr& directory, const DCDirectoryContents::Ptr& current,

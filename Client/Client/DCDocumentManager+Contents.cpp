@@ -2,6 +2,7 @@
 #include "Client/Client/DCDocumentManager.h"
 #include "Client/Client/DCError.h"
 #include "Client/Client/DCLog.h"
+#include "common/FVFMetadataUtils.h"
 #include "common/FVFPathUtils.h"
 #include "platform/Exceptions.h"
 #include "platform/FileSystem.h"
@@ -139,6 +140,8 @@ DCDocumentManager::OptionalError DCDocumentManager::_updateFreshlyDownloadedFile
       auto answered = readFile(downloadedFile->url()->path());
       DCAssert(answered && file->contents() == *answered, kSource);
     }
+    // What the server confirms may have been brought by somebody else.
+    _tellOfItemOfOthers(file, false);
     return std::nullopt;
   }
   _didDownloadChangedItem(*file, downloadedFile->metadata());
@@ -147,8 +150,14 @@ DCDocumentManager::OptionalError DCDocumentManager::_updateFreshlyDownloadedFile
     return DCError::errorItemNotDownloadedWithUserInfo(DCError::userInfoWithItem(*file));
   }
   file->setLastDownloadDate(now);
+  _didUpdateFile(file, downloadedFile->metadata().value_or(Dictionary()), function);
+  return std::nullopt;
+}
+
+void DCDocumentManager::_didUpdateFile(const DCCachedFile::Ptr& file, const Dictionary& metadata,
+                                       const char* function) {
   const std::string path = file->relativePath()->string();
-  const Dictionary metadata = downloadedFile->metadata().value_or(Dictionary());
+  file->setToldVersionIdentifier(metadata.data(FVVersionIdentifierKey));
   _dispatchMaybeCallSelector("documentManager:didUpdateAttributesOfItemAtPath:attributes:", path, function, __LINE__,
                              [self = shared_from_this(), path, metadata](DCDocumentManagerDelegate& delegate) {
                                delegate.didUpdateAttributesOfItemAtPath(*self, path, metadata);
@@ -157,7 +166,6 @@ DCDocumentManager::OptionalError DCDocumentManager::_updateFreshlyDownloadedFile
                              [self = shared_from_this(), path](DCDocumentManagerDelegate& delegate) {
                                delegate.didUpdateContentsOfFileAtPath(*self, path);
                              });
-  return std::nullopt;
 }
 
 void DCDocumentManager::thumbnailOfItemAtPath(const std::string& path, FileHandler completionHandler) {

@@ -325,6 +325,8 @@ DCDocumentManager::OptionalError DCDocumentManager::_updateFreshlyDownloadedDire
   const Date now = service_->clock().now();
   if (!downloadedDirectory || downloadedDirectory->transferType() != FVFResponseContainerTransferTypeFull) {
     directory->setLastDownloadDate(now);
+    // What the server confirms may have been brought by somebody else.
+    _tellOfItemOfOthers(directory, false);
     if (fetchingForChild) {
       DCAssert(!*remoteMetadataPtr, kSource);
       *remoteMetadataPtr = fetchingForChild->parentContentsMetadata();
@@ -348,8 +350,15 @@ DCDocumentManager::OptionalError DCDocumentManager::_updateFreshlyDownloadedDire
   directory->setLastDownloadDate(now);
   _processDirectoryChangesWithDirectory(directory, current, previous, fetchingForChild, remoteMetadataPtr);
 
+  _didUpdateDirectory(directory, downloadedDirectory->metadata().value_or(Dictionary()), function);
+  _adjustFetchingUpdatesIfNecessary();
+  return std::nullopt;
+}
+
+void DCDocumentManager::_didUpdateDirectory(const DCCachedDirectory::Ptr& directory, const Dictionary& metadata,
+                                            const char* function) {
   const std::string path = directory->relativePath()->string();
-  const Dictionary metadata = downloadedDirectory->metadata().value_or(Dictionary());
+  directory->setToldVersionIdentifier(metadata.data(FVVersionIdentifierKey));
   _dispatchMaybeCallSelector("documentManager:didUpdateAttributesOfItemAtPath:attributes:", path, function, __LINE__,
                              [self = shared_from_this(), path, metadata](DCDocumentManagerDelegate& delegate) {
                                delegate.didUpdateAttributesOfItemAtPath(*self, path, metadata);
@@ -362,8 +371,6 @@ DCDocumentManager::OptionalError DCDocumentManager::_updateFreshlyDownloadedDire
           delegate.didUpdateContentsOfDirectoryAtPath(*self, path, contents);
         });
   }
-  _adjustFetchingUpdatesIfNecessary();
-  return std::nullopt;
 }
 
 void DCDocumentManager::_didDownloadChangedItem(const DCCachedItem& item,

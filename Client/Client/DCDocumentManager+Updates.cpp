@@ -65,7 +65,12 @@ void DCDocumentManager::_didUpdateVersionIdentifier(const std::optional<Data>& v
   for (const auto& target : targets) {
     // One that is followed already learns of it too, or it would wait for a version that has been overtaken.
     const bool isFollowed = updates_.contains(*forDocumentIdentifier);
-    if (isFollowed || target->versionIdentifier() != versionIdentifier) _updateItem(target, *versionIdentifier);
+    if (isFollowed || target->versionIdentifier() != versionIdentifier) {
+      _updateItem(target, *versionIdentifier);
+    } else {
+      // Another process was faster, or the version is of this one's own doing.
+      _tellOfItemOfOthers(target, true);
+    }
   }
 }
 
@@ -78,6 +83,7 @@ void DCDocumentManager::_updateItem(const DCCachedItem::Ptr& item, const Data& v
   update.item = item;
   update.versionIdentifier = versionIdentifier;
   update.attempts = 0;
+  update.waitsForUpload = false;
   _continueUpdate(*identifier);
 }
 
@@ -86,7 +92,9 @@ void DCDocumentManager::_continueUpdate(const Data& documentIdentifier) {
   if (found == updates_.end() || found->second.isDownloading) return;
   Update& update = found->second;
   if (update.item->hasBeenRemoved() || update.item->versionIdentifier() == update.versionIdentifier) {
+    const auto settled = update.item;
     updates_.erase(found);
+    _tellOfItemOfOthers(settled, true);
     return;
   }
   update.isDownloading = true;
@@ -123,15 +131,24 @@ void DCDocumentManager::_didDownloadUpdate(const Data& documentIdentifier, const
   // is answered with the newest at once.
   const bool hasMovedOn = !error && !update.joinsDownload && update.item->versionIdentifier() != update.versionBefore;
   if (agrees || update.item->hasBeenRemoved()) {
+    const auto settled = update.item;
     updates_.erase(found);
     if (updates_.empty()) updateBackOff_.reset();
+    // Nothing may have been fetched, because another process was faster.
+    _tellOfItemOfOthers(settled, true);
     _adjustFetchingUpdatesIfNecessary();
   } else if (error && saysThatItIsGone(*error)) {
     updates_.erase(found);
     _documentsAreGone({documentIdentifier});
   } else if (update.item->isUnsent()) {
-    // The local bytes are newer than anything known; when they have been sent the server says what it has.
-    updates_.erase(found);
+    // The local bytes are newer than anything known. When they have been sent, by whichever process, the server's
+    // version is theirs or is fetched.
+    update.waitsForUpload = true;
+    hasUpdatesOfUnsent_ = true;
+    // The upload may have ended in between.
+    queue_->dispatchAsynchronousBlock([weak = weak_from_this()] {
+      if (auto self = weak.lock()) self->_continueUpdatesOfSent();
+    });
   } else if (maySucceedAtOnce && !hasMovedOn && update.attempts < kAttemptsAtOnce) {
     _continueUpdate(documentIdentifier);
   } else {
@@ -175,6 +192,11 @@ void DCDocumentManager::_documentsAreGone(const std::set<Data>& documentIdentifi
   }
   {
     std::lock_guard lock(mutex_);
+    for (const auto& [path, state] : delegateStates_) {
+      // Another process has found out already, and removed the records of what the object here still stands for.
+      const auto& item = state->item();
+      if (!item->hasBeenRemoved() && !item->isRoot() && !item->documentIdentifier()) addOnce(parents, item->parent());
+    }
     goneDocumentIdentifiers_.insert(documentIdentifiers.begin(), documentIdentifiers.end());
     _adjustFetchingUpdatesIfNecessary();
     // Looks again at what the listings still name.

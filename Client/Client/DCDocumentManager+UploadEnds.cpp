@@ -423,6 +423,8 @@ void DCDocumentManager::_completeUpload(const UploadAnswer& answer, const std::o
     _reconcileUploadLater(file, answer.task, Error(URLErrorDomain, URLErrorNetworkConnectionLost));
     return;
   }
+  // Whoever hears of it here knows of it.
+  if (auto version = file->versionIdentifier(); version && !isDropBox) file->setToldVersionIdentifier(version);
   settle(std::nullopt);
   if (!isDone) _restartUpload(file);
 }

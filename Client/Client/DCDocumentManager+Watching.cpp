@@ -64,6 +64,15 @@ void DCDocumentManager::_registerDelegate(const DelegatePtr& delegate, const std
   _logFunction("-[DCDocumentManager setDelegate:queue:forFilterPath:]", path, checks.item, checks.relativePath);
   if (checks.error || !checks.item) return;
   delegateStates_[path] = DCDelegateState::delegateStateWithDelegate(delegate, queue, checks.item);
+  const auto told = checks.item->toldVersionIdentifier(), present = checks.item->versionIdentifier();
+  if (!told) {
+    checks.item->setToldVersionIdentifier(present);
+  } else if (told != present) {
+    // Brought by another process since this one has told or listed it.
+    queue_->dispatchAsynchronousBlock([weak = weak_from_this(), item = checks.item] {
+      if (auto self = weak.lock()) self->_tellOfItemOfOthers(item, true);
+    });
+  }
 }
 
 DCDocumentManager::DelegatePtr DCDocumentManager::delegateForFilterPath(const std::optional<std::string>& path) const {
@@ -203,7 +212,8 @@ void DCDocumentManager::_watchItemOfState(DCDelegateState& state, DCVersionIdent
 }
 
 DCCachedItem::Ptr DCDocumentManager::_itemReplacingItemOfState(DCDelegateState& state) {
-  auto path = state.item()->relativePath();
+  const auto replaced = state.item();
+  auto path = replaced->relativePath();
   auto item = path ? knownItemAtRelativePath(path) : nullptr;
   if (!item || item->hasBeenRemoved()) return nullptr;
   state.setItem(item);
@@ -213,9 +223,18 @@ DCCachedItem::Ptr DCDocumentManager::_itemReplacingItemOfState(DCDelegateState& 
   // The delegate waits for what is in it; the entry's version says only that it is there.
   auto entry = item->parentContentsMetadata();
   auto version = entry ? entry->data(FVVersionIdentifierKey) : std::nullopt;
-  if (version && item->documentIdentifier() && item->versionIdentifier() != version) {
+  if (version && item->documentIdentifier()) {
+    if (item->documentIdentifier() == replaced->documentIdentifier() && !item->toldVersionIdentifier()) {
+      item->setToldVersionIdentifier(replaced->toldVersionIdentifier());
+    }
     queue_->dispatchAsynchronousBlock([weak = weak_from_this(), item, version = *version] {
-      if (auto self = weak.lock()) self->_updateItem(item, version);
+      auto self = weak.lock();
+      if (!self) return;
+      if (item->versionIdentifier() != version) {
+        self->_updateItem(item, version);
+      } else {
+        self->_tellOfItemOfOthers(item, true);
+      }
     });
   }
   return item;
@@ -230,6 +249,7 @@ void DCDocumentManager::_startFetchingUpdates() {
   std::uint64_t number = ++watchNumber_;
   watchIsOpen_ = true;
   _observeLogins();
+  _observeUploads();
   queue_->dispatchAsynchronousBlock([weak = weak_from_this(), number] {
     if (auto self = weak.lock()) self->_openWatch(number);
   });

@@ -17,6 +17,7 @@
 #include "platform/FileCoordinator.h"
 #include "platform/NotificationCenter.h"
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -251,6 +252,7 @@ class DCDocumentManager : public DCConnectivityTrackerDelegate, public std::enab
                                                   const FVFResponseContainer::Ptr& downloadedDirectory,
                                                   const DCCachedFile::Ptr& fetchingForChild,
                                                   std::optional<Dictionary>* remoteMetadata);
+  void _didUpdateDirectory(const DCCachedDirectory::Ptr& directory, const Dictionary& metadata, const char* function);
   void _didDownloadChangedItem(const DCCachedItem& item, const std::optional<Dictionary>& downloadedMetadata);
 
   // Taking in what a listing changes (DCDocumentManager+Changes.cpp).
@@ -260,16 +262,24 @@ class DCDocumentManager : public DCConnectivityTrackerDelegate, public std::enab
                                              const DCDirectoryContents::Ptr& previousContents,
                                              const DCCachedFile::Ptr& fetchingForChild,
                                              std::optional<Dictionary>* remoteMetadata);
-  // Takes in a listing on disk that another process, or this one before its last end, has put there.
-  void _processListingOfOthers(const DCCachedDirectory::Ptr& directory);
   void _takeInListing(const DCCachedDirectory::Ptr& directory, const DCDirectoryContents::Ptr& current,
                       const DCDirectoryContents::Ptr& previous, bool isFresh, const DCCachedFile::Ptr& fetchingForChild,
                       std::optional<Dictionary>* remoteMetadata);
+
+  // What other processes have put into the cache (DCDocumentManager+Others.cpp).
+  // Takes in a listing on disk that another process, or this one before its last end, has put there.
+  void _processListingOfOthers(const DCCachedDirectory::Ptr& directory);
+  // Tells this process's delegates of a version that they do not know of, if the cache holds one. Where they know of
+  // none, one that the server has reported is such a version, any other the one to begin with.
+  void _tellOfItemOfOthers(const DCCachedItem::Ptr& item, bool isReported);
+  void _observeUploads();
+  void _continueUpdatesOfSent();
 
   // Contents, attributes, thumbnails, previews (DCDocumentManager+Contents.cpp).
   void _continueContentsOfFile(const DCCachedFile::Ptr& file, const OptionalError& error,
                                FileHandler completionHandler);
   bool _isUpToDateOrWatchedItem(const DCCachedItem& item);
+  void _didUpdateFile(const DCCachedFile::Ptr& file, const Dictionary& metadata, const char* function);
   OptionalError _updateFreshlyDownloadedFile(const DCCachedFile::Ptr& file,
                                              const FVFResponseContainer::Ptr& downloadedFile);
   void _continuePreviewOfItem(const DCCachedFile::Ptr& item, const DCCachedItem::Ptr& preview,
@@ -416,18 +426,20 @@ class DCDocumentManager : public DCConnectivityTrackerDelegate, public std::enab
   std::optional<Secret> cookieOfLastWatch_;
   FVFBackOff watchBackOff_;
   std::unique_ptr<Timer> watchTimer_;
-  std::unique_ptr<NotificationCenter::Observation> loginObservation_;
+  std::unique_ptr<NotificationCenter::Observation> loginObservation_, uploadsObservation_;
 
   // Reported versions that the cache does not hold yet. On the queue.
   struct Update {
     DCCachedItem::Ptr item;
     Data versionIdentifier;
     bool isDownloading = false;
-    bool joinsDownload = false;  // one that may have been asked for before the report
+    bool joinsDownload = false;   // one that may have been asked for before the report
+    bool waitsForUpload = false;  // of local bytes, that of another process perhaps
     std::optional<Data> versionBefore;
     int attempts = 0;
   };
   std::map<Data, Update> updates_;
+  std::atomic<bool> hasUpdatesOfUnsent_ = false;  // also read by the observation's thread
   FVFBackOff updateBackOff_;
   std::unique_ptr<Timer> updateTimer_;
 };

@@ -13,6 +13,7 @@
 //   {"op": "write", "path", "source"}   {"error"}
 //   {"op": "restart"}                   starts the uploads that are due again: {}
 //   {"op": "uploads"}                   those that are due: {"uploads": [{"path", "error", "task"}]}
+//   {"op": "pending"}                   whether there are any: {"any"}
 //   {"op": "events"}                    takes what it missed: {"ended": [tasks, in order]} when that is all
 //   {"op": "rebuild"}                   {"error"}
 //   {"op": "unsent"}                    files whose bytes the server does not have: {"paths"}
@@ -114,6 +115,7 @@ class Peer {
     if (op == "known") return known();
     if (op == "write") return write(path, request.at("source"));
     if (op == "uploads") return uploads();
+    if (op == "pending") return {{"any", manager_->hasPendingUploads()}};
     if (op == "events") return events();
     if (op == "rebuild") return rebuild();
     if (op == "unsent") return unsent();
