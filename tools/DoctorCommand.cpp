@@ -14,6 +14,8 @@ namespace {
 constexpr Duration kServerPatience = std::chrono::seconds(20);
 // Dates decide which of two copies is newer.
 constexpr std::int64_t kToleratedSkewSeconds = 30;
+// Less is as good as none: not even a listing may fit.
+constexpr std::uintmax_t kLeastSpace = std::uintmax_t{1} << 20;
 
 // The checks of one run: what was looked at, whether it is well, and what to do if not.
 class Examination {
@@ -44,6 +46,12 @@ bool examineContainer(Examination& examination) {
                             : directory.error().localizedDescription() +
                                   " Make the folder writable for you alone, or name another with --container.");
   if (!directory) return false;
+  std::error_code unknown;
+  const auto space = std::filesystem::space(*directory, unknown);
+  if (!unknown && space.available < kLeastSpace) {
+    examination.add("space", false,
+                    "the disk of " + *directory + " is full, so that nothing can be fetched or written; make room");
+  }
   auto preferences = DCPreferences::preferences()->currentDataVersion();
   examination.add("preferences", preferences.has_value(),
                   preferences ? "readable"
@@ -167,7 +175,8 @@ void examineServer(Examination& examination, const Output& output, const Account
   const bool isAway = failure && failure->status == ExitStatus::Offline;
   std::string message = server + " answers";
   if (isAway) message = failure->sentence;
-  if (isOfServer && !isAway) message += ", but not as it should: " + failure->sentence + " See the server's own log.";
+  if (isOfServer && !isAway)
+    message += ", but not as it should: " + endedSentence(failure->sentence) + " See the server's own log.";
   examination.add(account.name + ": server", !isOfServer, message);
   if (isOfServer) return;
   examination.add(account.name + ": sign-in", !failure, failure ? failure->sentence : "signed in");

@@ -170,6 +170,10 @@ std::string printable(const std::string& text) {
   return out;
 }
 
+std::string endedSentence(const std::string& text) {
+  return text.empty() || std::string_view(".!?").find(text.back()) != std::string_view::npos ? text : text + ".";
+}
+
 std::string humanSize(std::int64_t bytes) {
   static constexpr std::array<const char*, 5> units = {"B", "KiB", "MiB", "GiB", "TiB"};
   auto size = static_cast<double>(bytes);

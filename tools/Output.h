@@ -75,5 +75,7 @@ class Output {
 // of writing, show as "\x1b" or "\u202e".
 std::string printable(const std::string& text);
 std::string humanSize(std::int64_t bytes);
+// With a full stop where there is none, so that another sentence can follow.
+std::string endedSentence(const std::string& text);
 
 }  // namespace florvane::tools

@@ -29,6 +29,7 @@ constexpr Duration kLookInterval = std::chrono::seconds(1), kLookIntervalOfBar =
 constexpr Duration kQueuePatience = std::chrono::seconds(5), kAgentPatience = std::chrono::seconds(5),
                    kConflictPatience = std::chrono::seconds(10), kStandstillPatience = std::chrono::seconds(30);
 constexpr std::int64_t kPercent = 100;
+constexpr char kWaitsForSignIn[] = "for signing in";
 
 const char* nameOf(PendingUpload::State state) {
   switch (state) {
@@ -100,7 +101,7 @@ PendingUpload PendingUpload::of(const DCManagedUpload& upload) {
   } else if (DCUploadOutcome::hasGivenUp(upload)) {
     pending.state = State::Failed;
   } else if (!pending.reason) {
-    pending.reason = "for signing in";
+    pending.reason = kWaitsForSignIn;
   }
   return pending;
 }
@@ -164,8 +165,10 @@ std::vector<PendingUpload> PendingUploads::all() const {
   all.reserve(records.size());
   std::transform(records.rbegin(), records.rend(), std::back_inserter(all),
                  [](const auto& record) { return PendingUpload::of(*record); });
+  const bool isSignedIn = DCPreferences::preferences()->authCookieForService(tree_.service()).has_value();
   std::lock_guard lock(retries_->mutex);
   for (PendingUpload& upload : all) {
+    if (isSignedIn && upload.reason == kWaitsForSignIn) upload.reason = "for the next attempt";
     if (upload.state == PendingUpload::State::Failed && retries_->paths.contains(upload.path)) {
       upload.state = PendingUpload::State::Waiting;
     }
@@ -349,8 +352,8 @@ CommandFailure failureOfUpload(const PendingUpload& upload, PendingUploads& uplo
   auto reached = uploads.tree().reach();
   if (!reached && reached.error().status == ExitStatus::SigningInFailed) return reached.error();
   return {ExitStatus::Failed,
-          what + ": " + upload.reason.value_or("The upload failed.") + " Try again with: florvane uploads --retry " +
-              uploads.account(),
+          what + ": " + endedSentence(upload.reason.value_or("The upload failed.")) +
+              " Try again with: florvane uploads --retry " + uploads.account(),
           std::nullopt};
 }
 
