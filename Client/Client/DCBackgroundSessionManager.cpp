@@ -20,6 +20,8 @@ namespace {
 
 constexpr char kSource[] = "Client/Client/DCBackgroundSessionManager";
 constexpr char kSeparator = '~';
+// Far more than can end while a list of tasks is on its way.
+constexpr std::size_t kMostEndedTasks = 10'000;
 
 DCServiceRegistry<DCBackgroundSessionManager>& registry() {
   static auto* shared = new DCServiceRegistry<DCBackgroundSessionManager>;
@@ -502,7 +504,11 @@ void DCBackgroundSessionManager::didCompleteWithError(SessionRef session, TaskRe
       requestForCallback(session, task, "Background session task %@ did complete with error: %@", task, error);
   if (session == backgroundSession_) {
     std::lock_guard lock(mutex_);
-    endedTasks_.insert(task->taskIdentifier());
+    if (endedTasks_.insert(task->taskIdentifier()).second) endedTasksInOrder_.push_back(task->taskIdentifier());
+    if (endedTasksInOrder_.size() > kMostEndedTasks) {
+      endedTasks_.erase(endedTasksInOrder_.front());
+      endedTasksInOrder_.pop_front();
+    }
   }
   if (!request) return;
   if (!request->hasResponseHandler()) {

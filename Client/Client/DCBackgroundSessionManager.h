@@ -7,6 +7,7 @@
 #include "platform/NotificationCenter.h"
 
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -92,7 +93,8 @@ class DCBackgroundSessionManager : public URLSessionDelegate,
   // The tasks of any session of the service; on the service's queue.
   void tasksOfSession(const std::string& sessionIdentifier,
                       std::function<void(const Result<std::vector<URLSessionTaskPtr>>& tasks)> handler);
-  // Whether this process was told of the end of that task of its own session.
+  // Whether this process was told lately of the end of that task of its own session: a list of tasks that was asked for
+  // before may still hold it.
   bool hasEnded(std::uint64_t taskIdentifier) const;
   // A new login is what unsent tasks go with from now on.
   void useNewAuthentication();
@@ -136,7 +138,9 @@ class DCBackgroundSessionManager : public URLSessionDelegate,
 
   mutable std::mutex mutex_;  // guards what follows
   std::unordered_map<std::uint64_t, DCServerRequest::Ptr> currentTasks_;
-  std::unordered_set<std::uint64_t> endedTasks_;  // what this process was told; the agent may still list them
+  // What this process was told last, the oldest first; the agent may still list them.
+  std::deque<std::uint64_t> endedTasksInOrder_;
+  std::unordered_set<std::uint64_t> endedTasks_;
   ServerRequestResponseHandler serverRequestResponseHandler_;
   std::function<void()> backgroundEventsCompletionHandler_;
   bool eventsAreFinished_ = false;  // before anybody set a handler
