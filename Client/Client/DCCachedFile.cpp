@@ -170,13 +170,13 @@ void DCCachedFile::registerFileForUploadOfURL(const URL& url, std::int64_t taskI
                                      taskIdentifier, _pathsKeyString());
 }
 
-Result<void> DCCachedFile::updateFileFromURL(const URL& url) {
+Result<void> DCCachedFile::updateFileFromURL(const URL& url, const Exclusion& exclusion) {
   DCLogTrace("-[DCCachedFile updateFileFromURL:]", {{"url", url}});
   std::string place;
   Result<bool> written = false;
   for (int attempt = 0; attempt < kWriteAttempts && written && !*written; ++attempt) {
     const std::string before = std::exchange(place, {});
-    written = writeInPlace(url, place);
+    written = writeInPlace(url, exclusion, place);
     // Nobody looks for a new file there any more.
     const bool isLeftBehind = written && *written && !before.empty() && before != place;
     if (isLeftBehind && removeItem(before)) rmdir(folderOf(before).c_str());  // stays while others wait in it
@@ -192,7 +192,8 @@ Result<void> DCCachedFile::updateFileFromURL(const URL& url) {
 }
 
 // False when another process has learnt meanwhile which document it is, so that the contents belong elsewhere.
-Result<bool> DCCachedFile::writeInPlace(const URL& url, std::string& target) {
+Result<bool> DCCachedFile::writeInPlace(const URL& url, const Exclusion& exclusion, std::string& target) {
+  if (exclusion) exclusion(false);
   DCFullPath::Ptr fullPath;
   {
     auto locked = lock();
@@ -213,14 +214,17 @@ Result<bool> DCCachedFile::writeInPlace(const URL& url, std::string& target) {
     if (!copied) return Failure(copied.error());
     copy.emplace(std::move(*copied));
   }
+  // What takes long is done before others are kept out.
+  if (auto synced = copy ? copy->sync() : syncFile(target); !synced) return Failure(synced.error());
+  if (exclusion) exclusion(true);
   const std::string written = copy ? copy->path() : target;
   struct stat status{};
   if (stat(written.c_str(), &status) != 0) return Failure(Error::fileRead(errno, written));
   const Date date = Date::fromTimespec(status.st_mtim);
   if (const Date newer = dateNewerThanKnown(date); newer != date) {
     if (auto dated = setDate(written, newer); !dated) return Failure(dated.error());
+    if (auto synced = copy ? copy->sync() : syncFile(target); !synced) return Failure(synced.error());
   }
-  if (auto synced = copy ? copy->sync() : syncFile(target); !synced) return Failure(synced.error());
   if (isNewFolder) {
     if (auto synced = syncDirectory(folderOf(folderOf(target))); !synced) return Failure(synced.error());
   }

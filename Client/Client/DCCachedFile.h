@@ -4,6 +4,7 @@
 #include "platform/URL.h"
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -30,7 +31,10 @@ class DCCachedFile : public DCCachedItem {
   // Takes the source's bytes as the new local contents, with an upload record, before anything else is told: copied to
   // a temporary and synced, recorded, renamed into place, folder synced. Dated later than anything known of the
   // server's copy. On failure nothing has changed. Coordinates: not to be called with the item manager's lock held.
-  Result<void> updateFileFromURL(const URL& url);
+  // The exclusion, where there is one, is told true when the bytes are on disk and it is to be decided where they
+  // belong, and false before they are copied.
+  using Exclusion = std::function<void(bool isDeciding)>;
+  Result<void> updateFileFromURL(const URL& url, const Exclusion& exclusion = {});
   // At a start: a write that a kill stopped between its record and its contents is taken back. True when it was.
   bool undoInterruptedWrite();
   // After an upload: what the server says of the file now. The local contents are those that were sent; the upload
@@ -65,7 +69,7 @@ class DCCachedFile : public DCCachedItem {
   Result<void> recordUpload(const std::string& target, const std::optional<Data>& generationIdentifier,
                             UploadBefore& before);
   void takeBackRecord(const UploadBefore& before);
-  Result<bool> writeInPlace(const URL& url, std::string& target);
+  Result<bool> writeInPlace(const URL& url, const Exclusion& exclusion, std::string& target);
   bool belongsAt(const std::string& target) const;
   bool holdsNewerThan(const DCManagedUpload& upload) const;
   void keepNewerThan(const Dictionary& remoteMetadata);

@@ -111,9 +111,13 @@ void DCDocumentManager::writeToFileAtPath(const std::string& path, const URL& so
 }
 
 DCDocumentManager::OptionalError DCDocumentManager::_writeFile(const DCCachedFile::Ptr& file, const URL& source) {
-  // Where the bytes go depends on which document is at the path: another process must not find that out meanwhile.
-  const DCTakeInLock lock(service_);
-  auto updated = file->updateFileFromURL(source);
+  // Where the bytes go depends on which document is at the path: another process must not find that out while it is
+  // decided. Copying them may take long, and keeps nobody from listing.
+  std::optional<DCTakeInLock> lock;
+  auto updated = file->updateFileFromURL(source, [&](bool isDeciding) {
+    lock.reset();
+    if (isDeciding) lock.emplace(service_);
+  });
   if (!updated) return updated.error();
   auto upload = database()->uploadForPath(file->relativePath()->string());
   if (!upload) return std::nullopt;

@@ -215,6 +215,27 @@ TEST_F(DCCachedItemTest, WritesAreNewerThanAnythingKnownAndWholeOrNot) {
   for (const auto& name : filesBelow("tmp")) EXPECT_EQ(name.find(".florvane-tmp-"), std::string::npos);
 }
 
+TEST_F(DCCachedItemTest, BytesAreCopiedBeforeOthersAreKeptOut) {
+  auto item = downloadedFile(date(-50));
+  auto copies = [this] {
+    std::vector<std::string> texts;
+    for (const auto& name : filesBelow("tmp")) {
+      if (name.find(".florvane-tmp-") != std::string::npos)
+        texts.push_back(test::readText(container_.file("tmp/" + name)));
+    }
+    return texts;
+  };
+  std::vector<bool> told;
+  ASSERT_TRUE(item->updateFileFromURL(URL::fileURL(source("mine")), [&](bool isDeciding) {
+    told.push_back(isDeciding);
+    EXPECT_EQ(copies(), isDeciding ? std::vector<std::string>{"mine"} : std::vector<std::string>());
+    EXPECT_EQ(test::readText(documents("41/a")), "server's");
+    EXPECT_FALSE(database_->uploadForPath("a")) << "nothing is decided yet";
+  }));
+  EXPECT_THAT(told, ElementsAre(false, true));
+  EXPECT_EQ(test::readText(documents("41/a")), "mine");
+}
+
 TEST_F(DCCachedItemTest, InterruptedWritesAreTakenBack) {
   auto item = downloadedFile(date(-50));
   // Killed between the record and the contents.
