@@ -103,7 +103,7 @@ void DCDocumentManager::_decideUpload(const DCCachedFile::Ptr& file, const Error
   }
   if (DCUploadOutcome::isEntryOfLastAttempt(entry, upload)) {
     uploadLosses_.erase(file->relativePath()->string());
-    _completeUpload({file, std::nullopt, nullptr, nullptr, settled}, entry, true);
+    _completeUpload({file, std::nullopt, nullptr, nullptr, settled, service_->clock().now()}, entry, true);
     return;
   }
   const auto version = entry->data(FVVersionIdentifierKey);

@@ -82,7 +82,7 @@ void DCDocumentManager::_uploadDidEnd(const DCUploadManager::End& end, ErrorHand
     return;
   }
   uploadLosses_.erase(file->relativePath()->string());
-  UploadAnswer answer{file, task, container, nullptr, shared};
+  UploadAnswer answer{file, task, container, nullptr, shared, service_->clock().now()};
   // The answer's file goes with this call, and is read in another turn.
   if (container && container->url()) {
     const std::string path = container->url()->path();
@@ -432,7 +432,6 @@ void DCDocumentManager::_completeUpload(const UploadAnswer& answer, const std::o
 bool DCDocumentManager::_takeInUpload(const UploadAnswer& answer, const Dictionary& remoteMetadata, bool isDropBox) {
   const auto& file = answer.file;
   const std::string path = file->relativePath()->string();
-  const Date now = service_->clock().now();
   auto upload = database()->uploadForPath(path);
   // Another process has begun anew, with newer contents, or has even come to their end: this is the past.
   const bool hadRecord = answer.task || !answer.container;
@@ -460,7 +459,7 @@ bool DCDocumentManager::_takeInUpload(const UploadAnswer& answer, const Dictiona
     if (!isDropBox) waiting->setBaseVersionIdentifier(remoteMetadata.data(FVVersionIdentifierKey));
     waiting->removeAttempts();
   });
-  if (!isDropBox) file->setLastUploadDate(now);
+  if (!isDropBox) file->setLastUploadDate(answer.ended);
   return isDone;
 }
 

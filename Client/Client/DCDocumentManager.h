@@ -308,6 +308,7 @@ class DCDocumentManager : public DCConnectivityTrackerDelegate, public std::enab
     // Keeps the container's file; absent where the answer brought none.
     std::shared_ptr<DCTemporaryFile> body;
     std::shared_ptr<ErrorHandler> settled;
+    Date ended;
   };
   void _uploadDidEnd(const DCUploadManager::End& end, ErrorHandler settled);
   void _uploadDidFail(const DCCachedFile::Ptr& file, const UploadTask& task, const Error& error,
