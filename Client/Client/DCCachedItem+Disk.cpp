@@ -63,6 +63,14 @@ std::vector<RemoteMetadataFile> remoteMetadataFiles(const std::string& folder) {
 
 std::string folderOf(const std::string& path) { return path.substr(0, path.rfind('/')); }
 
+// A name of the same file, which takes no space, also where the disk is too full for a copy.
+Result<DCTemporaryFile> temporaryOf(const std::string& source, const std::string& target, bool sharesFile) {
+  if (!sharesFile) {
+    if (auto copy = DCTemporaryFile::copyOf(source, target)) return copy;
+  }
+  return DCTemporaryFile::linkedTo(source, target);
+}
+
 PropertyListFormat formatWanted() {
   return DCPreferences::preferences()->xmlPropertyLists() ? PropertyListFormat::XML : PropertyListFormat::Binary;
 }
@@ -256,8 +264,7 @@ Result<bool> DCCachedItem::_replaceFileWithURL(const URL& url, Replacement repla
     }
     // Of a listing the status tells whether it was read already, and it changes when another name of the file goes.
     const bool sharesFile = dynamic_cast<const DCCachedDirectory*>(this) == nullptr;
-    auto temporary =
-        sharesFile ? DCTemporaryFile::linkedTo(url.path(), target) : DCTemporaryFile::copyOf(url.path(), target);
+    auto temporary = temporaryOf(url.path(), target, sharesFile);
     if (!temporary) {
       DCLogWarning("Unable to copy file '%@' from file at '%@': %@", target, url.path(), temporary.error());
       return Failure(temporary.error());
