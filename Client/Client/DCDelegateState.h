@@ -38,12 +38,18 @@ class DCDelegateState {
   void setWatchedVersionIdentifier(std::optional<Data> identifier) {
     watchedVersionIdentifier_ = std::move(identifier);
   }
+  // By which it is in the watch set at present: its item, or a folder above one that is not there.
+  const std::optional<Data>& watchedDocumentIdentifier() const { return watchedDocumentIdentifier_; }
+  void setWatchedDocumentIdentifier(std::optional<Data> identifier) {
+    watchedDocumentIdentifier_ = std::move(identifier);
+  }
 
  private:
   const std::weak_ptr<DCDocumentManagerDelegate> delegate_;
   const std::shared_ptr<SerialQueue> queue_;
   DCCachedItem::Ptr item_;
   std::optional<Data> watchedVersionIdentifier_;
+  std::optional<Data> watchedDocumentIdentifier_;
 };
 
 }  // namespace florvane

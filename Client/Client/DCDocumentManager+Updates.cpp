@@ -41,20 +41,19 @@ void DCDocumentManager::_didUpdateVersionIdentifier(const std::optional<Data>& v
   Items targets;
   {
     std::lock_guard lock(mutex_);
-    for (const auto& [path, state] : delegateStates_) {
-      auto item = state->item();
-      DCCachedItem::Ptr target;
-      if (item->documentIdentifier() == forDocumentIdentifier) {
-        target = item;
-      } else if (auto directory = std::dynamic_pointer_cast<DCCachedDirectory>(item)) {
-        for (const auto& each : items) {
-          bool isChildDirectory = std::dynamic_pointer_cast<DCCachedDirectory>(each) && each->parent() == directory;
-          if (isChildDirectory) target = each;
-        }
-      }
-      if (!target) continue;
-      state->setWatchedVersionIdentifier(versionIdentifier);
+    auto report = [&](DCDelegateState& state, const DCCachedItem::Ptr& target) {
+      state.setWatchedVersionIdentifier(versionIdentifier);
       addOnce(targets, target);
+    };
+    for (const auto& state : _statesWatchingDocument(*forDocumentIdentifier)) report(*state, state->item());
+    // A folder in a watched one, too.
+    for (const auto& each : items) {
+      const auto parent = std::dynamic_pointer_cast<DCCachedDirectory>(each) ? each->parent() : nullptr;
+      const auto identifier = parent ? parent->documentIdentifier() : std::nullopt;
+      if (!identifier) continue;
+      for (const auto& state : _statesWatchingDocument(*identifier)) {
+        if (state->item() == parent) report(*state, each);
+      }
     }
     // A folder that is watched for something that is to come below it.
     if (targets.empty() && watchedDocumentIdentifiersAndVersionIdentifiers_ &&
@@ -72,6 +71,15 @@ void DCDocumentManager::_didUpdateVersionIdentifier(const std::optional<Data>& v
       _tellOfItemOfOthers(target, true);
     }
   }
+}
+
+std::vector<DCDelegateState::Ptr> DCDocumentManager::_statesWatchingDocument(const Data& documentIdentifier) const {
+  std::vector<DCDelegateState::Ptr> states;
+  const auto [first, last] = statesByWatchedDocument_.equal_range(documentIdentifier);
+  for (auto each = first; each != last; ++each) {
+    if (each->second->item()->documentIdentifier() == documentIdentifier) states.push_back(each->second);
+  }
+  return states;
 }
 
 // From a reported version to a cached one
@@ -136,7 +144,8 @@ void DCDocumentManager::_didDownloadUpdate(const Data& documentIdentifier, const
     if (updates_.empty()) updateBackOff_.reset();
     // Nothing may have been fetched, because another process was faster.
     _tellOfItemOfOthers(settled, true);
-    _adjustFetchingUpdatesIfNecessary();
+    // Listings that were taken in have been adjusted for.
+    if (settled->hasBeenRemoved()) _adjustFetchingUpdatesIfNecessary();
   } else if (error && saysThatItIsGone(*error)) {
     updates_.erase(found);
     _documentsAreGone({documentIdentifier});

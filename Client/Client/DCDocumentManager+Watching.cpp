@@ -16,6 +16,8 @@ namespace {
 constexpr char kSource[] = "Client/Client/DCDocumentManager";
 // How much later than asked a timer may fire.
 constexpr Duration kLeeway = std::chrono::milliseconds(50);
+// With so few registrations all of them are looked at whenever one changes.
+constexpr std::size_t kFewRegistrations = 64;
 
 std::string pathOf(const DCCachedItem& item) {
   auto path = item.relativePath();
@@ -51,19 +53,25 @@ void DCDocumentManager::setDelegate(const DelegatePtr& delegate, const std::shar
   auto state = delegateStates_.find(forFilterPath);
   bool isRegistered =
       state != delegateStates_.end() && state->second->isForDelegate(delegate) && state->second->queue() == queue;
+  DCDelegateState::Ptr removed, added;
   if (!isRegistered) {
-    if (state != delegateStates_.end()) delegateStates_.erase(state);
-    _registerDelegate(delegate, queue, forFilterPath);
+    if (state != delegateStates_.end()) {
+      removed = state->second;
+      delegateStates_.erase(state);
+    }
+    added = _registerDelegate(delegate, queue, forFilterPath);
   }
-  _adjustFetchingUpdatesIfNecessary();
+  _adjustForRegistrations(removed, added);
 }
 
-void DCDocumentManager::_registerDelegate(const DelegatePtr& delegate, const std::shared_ptr<SerialQueue>& queue,
-                                          const std::string& path) {
+DCDelegateState::Ptr DCDocumentManager::_registerDelegate(const DelegatePtr& delegate,
+                                                          const std::shared_ptr<SerialQueue>& queue,
+                                                          const std::string& path) {
   auto checks = _performPreOperationChecksWithPath(path, ItemClass::Any, true);
   _logFunction("-[DCDocumentManager setDelegate:queue:forFilterPath:]", path, checks.item, checks.relativePath);
-  if (checks.error || !checks.item) return;
-  delegateStates_[path] = DCDelegateState::delegateStateWithDelegate(delegate, queue, checks.item);
+  if (checks.error || !checks.item) return nullptr;
+  auto state = DCDelegateState::delegateStateWithDelegate(delegate, queue, checks.item);
+  delegateStates_[path] = state;
   const auto told = checks.item->toldVersionIdentifier(), present = checks.item->versionIdentifier();
   if (!told) {
     checks.item->setToldVersionIdentifier(present);
@@ -73,6 +81,7 @@ void DCDocumentManager::_registerDelegate(const DelegatePtr& delegate, const std
       if (auto self = weak.lock()) self->_tellOfItemOfOthers(item, true);
     });
   }
+  return state;
 }
 
 DCDocumentManager::DelegatePtr DCDocumentManager::delegateForFilterPath(const std::optional<std::string>& path) const {
@@ -104,8 +113,13 @@ void DCDocumentManager::removeDelegateForFilterPath(const std::optional<std::str
   DCLogTrace("-[DCDocumentManager removeDelegateForFilterPath:]", {{"path", path}});
   if (!path) return;
   std::lock_guard lock(mutex_);
-  delegateStates_.erase(*path);
-  _adjustFetchingUpdatesIfNecessary();
+  auto registered = delegateStates_.find(*path);
+  DCDelegateState::Ptr removed;
+  if (registered != delegateStates_.end()) {
+    removed = registered->second;
+    delegateStates_.erase(registered);
+  }
+  _adjustForRegistrations(removed, nullptr);
 }
 
 bool DCDocumentManager::connectionStatus() const {
@@ -151,11 +165,14 @@ void DCDocumentManager::_adjustFetchingUpdatesIfNecessary() {
   DCLogTrace("-[DCDocumentManager _adjustFetchingUpdatesIfNecessary]");
   std::lock_guard lock(mutex_);
   DCVersionIdentifiers watched;
+  statesByWatchedDocument_.clear();
+  changesSinceAdjusting_ = 0;
   for (const auto& [path, state] : delegateStates_) {
-    if (!state->hasDelegate()) {
-      DCLogDebug("Unable to watch item with path '%@': Missing delegate", pathOf(*state->item()));
-    } else {
-      _watchItemOfState(*state, watched);
+    const auto wanted = _enterStateIntoIndex(state);
+    if (wanted && wanted->isOfItem) {
+      watched.insert_or_assign(wanted->documentIdentifier, wanted->versionIdentifier);
+    } else if (wanted) {
+      watched.try_emplace(wanted->documentIdentifier, wanted->versionIdentifier);
     }
   }
   if (watched == watchedDocumentIdentifiersAndVersionIdentifiers_.value_or(DCVersionIdentifiers())) return;
@@ -168,7 +185,53 @@ void DCDocumentManager::_adjustFetchingUpdatesIfNecessary() {
   _startFetchingUpdates();
 }
 
-void DCDocumentManager::_watchItemOfState(DCDelegateState& state, DCVersionIdentifiers& watched) {
+std::optional<DCDocumentManager::WatchedVersion> DCDocumentManager::_enterStateIntoIndex(
+    const DCDelegateState::Ptr& state) {
+  std::optional<WatchedVersion> wanted;
+  if (state->hasDelegate()) {
+    wanted = _versionToWatchOfState(*state);
+  } else {
+    DCLogDebug("Unable to watch item with path '%@': Missing delegate", pathOf(*state->item()));
+  }
+  state->setWatchedDocumentIdentifier(wanted ? std::optional(wanted->documentIdentifier) : std::nullopt);
+  if (wanted) statesByWatchedDocument_.emplace(wanted->documentIdentifier, state);
+  return wanted;
+}
+
+void DCDocumentManager::_adjustForRegistrations(const DCDelegateState::Ptr& removed,
+                                                const DCDelegateState::Ptr& added) {
+  // What else may have changed of the others is looked at now and then, so that many registrations stay cheap.
+  const bool areFew = delegateStates_.size() <= kFewRegistrations;
+  if (areFew || ++changesSinceAdjusting_ > delegateStates_.size() / 2) {
+    _adjustFetchingUpdatesIfNecessary();
+    return;
+  }
+  auto& watched = watchedDocumentIdentifiersAndVersionIdentifiers_;
+  const bool wasWatching = watched.has_value();
+  bool isOther = false;
+  if (const auto identifier = removed ? removed->watchedDocumentIdentifier() : std::nullopt) {
+    auto [first, last] = statesByWatchedDocument_.equal_range(*identifier);
+    while (first != last && first->second != removed) ++first;
+    if (first != last) statesByWatchedDocument_.erase(first);
+    if (watched && !statesByWatchedDocument_.contains(*identifier)) isOther = watched->erase(*identifier) > 0;
+  }
+  if (const auto wanted = added ? _enterStateIntoIndex(added) : std::nullopt) {
+    if (!watched) watched.emplace();
+    const auto [place, isNew] = watched->try_emplace(wanted->documentIdentifier, wanted->versionIdentifier);
+    const bool isOtherVersion = wanted->isOfItem && place->second != wanted->versionIdentifier;
+    if (isOtherVersion) place->second = wanted->versionIdentifier;
+    isOther = isOther || isNew || isOtherVersion;
+  }
+  if (!isOther) return;
+  if (wasWatching) _finishFetchingUpdates();
+  if (watched->empty()) {
+    watched.reset();
+  } else {
+    _startFetchingUpdates();
+  }
+}
+
+std::optional<DCDocumentManager::WatchedVersion> DCDocumentManager::_versionToWatchOfState(DCDelegateState& state) {
   auto identifierToWatch = [this](const DCCachedItem& item) {
     auto identifier = item.documentIdentifier();
     return identifier && !goneDocumentIdentifiers_.contains(*identifier) ? identifier : std::nullopt;
@@ -178,7 +241,7 @@ void DCDocumentManager::_watchItemOfState(DCDelegateState& state, DCVersionIdent
     item = _itemReplacingItemOfState(state);
   } else if (!item->documentIdentifier()) {
     DCLogInfo("Unable to watch item with path '%@': No document identifier", pathOf(*item));
-    return;
+    return std::nullopt;
   }
   if (item && identifierToWatch(*item)) {
     auto version = state.watchedVersionIdentifier();
@@ -187,10 +250,9 @@ void DCDocumentManager::_watchItemOfState(DCDelegateState& state, DCVersionIdent
       auto entry = item->parentContentsMetadata();
       version = entry ? entry->data(FVVersionIdentifierKey) : std::nullopt;
     }
-    if (!version) return;
+    if (!version) return std::nullopt;
     state.setWatchedVersionIdentifier(version);
-    watched.insert_or_assign(*identifierToWatch(*item), *version);
-    return;
+    return WatchedVersion{*identifierToWatch(*item), *version, true};
   }
   // Nothing is there now. The closest folder above says when something is again.
   auto above = state.item()->relativePath();
@@ -206,9 +268,9 @@ void DCDocumentManager::_watchItemOfState(DCDelegateState& state, DCVersionIdent
         current && known != current->end()) {
       version = known->second;
     }
-    if (version) watched.try_emplace(identifier, *version);
-    return;
+    return version ? std::optional(WatchedVersion{identifier, *version, false}) : std::nullopt;
   }
+  return std::nullopt;
 }
 
 DCCachedItem::Ptr DCDocumentManager::_itemReplacingItemOfState(DCDelegateState& state) {

@@ -39,9 +39,9 @@ std::string delegateText(const DCDocumentManager::DelegatePtr& delegate) {
   return baseDescription("Delegate", delegate.get());
 }
 
-std::string parentPath(const std::string& path) {
+std::string_view parentPath(std::string_view path) {
   auto slash = path.rfind('/');
-  return slash == std::string::npos ? std::string() : path.substr(0, slash);
+  return slash == std::string_view::npos ? std::string_view() : path.substr(0, slash);
 }
 
 }  // namespace
@@ -245,7 +245,9 @@ bool DCDocumentManager::_isWatchedAndUpToDateItem(const DCCachedItem& item) {
   if (!documentIdentifier || !_isFetchingUpdates()) return false;
   std::lock_guard lock(mutex_);
   bool isUpToDate = false;
-  for (const auto& [path, state] : delegateStates_) {
+  const auto [first, last] = statesByWatchedDocument_.equal_range(*documentIdentifier);
+  for (auto each = first; each != last; ++each) {
+    const auto& state = each->second;
     if (isUpToDate || !state->watchedVersionIdentifier()) continue;
     if (state->item()->documentIdentifier() != documentIdentifier) continue;
     auto remoteMetadata = item.remoteMetadata();

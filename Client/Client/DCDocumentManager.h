@@ -347,9 +347,21 @@ class DCDocumentManager : public DCConnectivityTrackerDelegate, public std::enab
   bool _isFetchingUpdates() const;
   void _didUpdateVersionIdentifier(const std::optional<Data>& versionIdentifier,
                                    const std::optional<Data>& forDocumentIdentifier);
-  void _registerDelegate(const DelegatePtr& delegate, const std::shared_ptr<SerialQueue>& queue,
-                         const std::string& path);
-  void _watchItemOfState(DCDelegateState& state, DCVersionIdentifiers& watched);
+  // Null when the path is not known.
+  DCDelegateState::Ptr _registerDelegate(const DelegatePtr& delegate, const std::shared_ptr<SerialQueue>& queue,
+                                         const std::string& path);
+  // A document's version that one registration wants to be watched.
+  struct WatchedVersion {
+    Data documentIdentifier;
+    Data versionIdentifier;
+    bool isOfItem = true;  // else of a folder above, which says what the others know of it, too
+  };
+  std::optional<WatchedVersion> _versionToWatchOfState(DCDelegateState& state);
+  std::optional<WatchedVersion> _enterStateIntoIndex(const DCDelegateState::Ptr& state);
+  // Whose item that is; under the lock.
+  std::vector<DCDelegateState::Ptr> _statesWatchingDocument(const Data& documentIdentifier) const;
+  // The same for registrations that went and came, at the price of these where there are many others.
+  void _adjustForRegistrations(const DCDelegateState::Ptr& removed, const DCDelegateState::Ptr& added);
   DCCachedItem::Ptr _itemReplacingItemOfState(DCDelegateState& state);
   void _openWatch(std::uint64_t number);
   void _watchDidEnd(std::uint64_t number, const OptionalError& error);
@@ -416,6 +428,9 @@ class DCDocumentManager : public DCConnectivityTrackerDelegate, public std::enab
   std::weak_ptr<DCCachedItemManager> preparedItemManager_;
   std::string preparedPurpose_;
   std::unordered_map<std::string, DCDelegateState::Ptr> delegateStates_;
+  // Those that are watched for, by watched document.
+  std::unordered_multimap<Data, DCDelegateState::Ptr, DataHash> statesByWatchedDocument_;
+  std::size_t changesSinceAdjusting_ = 0;  // registrations that were adjusted for by themselves
   // The pairs that the server was asked about, in step with its answers.
   std::optional<DCVersionIdentifiers> watchedDocumentIdentifiersAndVersionIdentifiers_;
   std::uint64_t watchNumber_ = 0;  // tells the opening in force from those of the past

@@ -224,6 +224,16 @@ TEST_F(WatchBehindProxy, WatchesAThousandPathsThroughOneConnection) {
   }
   untilWaiting();
   EXPECT_EQ(proxy.connections(), 2U);
+
+  // And one is left when the others go.
+  delegates[500]->forget();
+  for (int i = 0; i < kPaths; ++i) {
+    if (i != 500) manager()->removeDelegateForFilterPath("Files/Many/" + std::to_string(i));
+  }
+  writeText(server.files() + "/Many/500", "333");
+  EXPECT_TRUE(delegates[500]->hears("file Files/Many/500"));
+  manager()->removeDelegateForFilterPath("Files/Many/500");
+  EXPECT_FALSE(isFetching());
 }
 
 // The server's time stands still, too, unless the test moves it.
