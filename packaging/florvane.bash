@@ -4,7 +4,7 @@ _florvane() {
   local cur prev words cword
   _init_completion -n : || return
   local commands="account ls stat cat get put watch uploads status rebuild reset doctor"
-  local options="--container --json --quiet --timeout --debug --help --version"
+  local options="--container --json --quiet -q --timeout --debug --help -h --version"
 
   case $prev in
     --container) _filedir -d; return ;;
