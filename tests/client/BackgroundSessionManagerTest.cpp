@@ -204,10 +204,7 @@ TEST(BackgroundSessionManager, ATaskOfAKilledProcessIsAdoptedByPathAndGeneration
   FaultyServer faulty(server);
   UploadClient client(server, faulty);
   // Two writes whose tasks were made and never entered in the records.
-  auto staged = client.manager->fileURLOfItemAtPath("Files/a");
-  ASSERT_TRUE(staged);
-  writeText(staged->path(), "adopted bytes");
-  ASSERT_TRUE(client.database().saveUploadFileURL(*staged, "Files/a"));
+  auto staged = client.queueWithoutStart("Files/a", "adopted bytes");
   auto manager = Manager::backgroundSessionManagerForService(client.service, DCMainBundleIdentifier());
   auto makeTask = [&](const std::string& name, const URL& source) {
     auto file = DCCachedItemManager::fileAtRelativePath(
@@ -226,7 +223,7 @@ TEST(BackgroundSessionManager, ATaskOfAKilledProcessIsAdoptedByPathAndGeneration
     return manager->backgroundSession()->uploadTask(post, source, {"Files/" + name, generation, std::nullopt});
   };
   Result<URLSessionTaskPtr> task = Failure(Error(URLErrorDomain, 0));
-  client.onQueue([&] { task = makeTask("a", *staged); });
+  client.onQueue([&] { task = makeTask("a", staged); });
   ASSERT_TRUE(task);
   client.manager->restartUploads();
   for (int turn = 0; turn < 1000 && client.record("Files/a"); ++turn) client.refresh("Files");
@@ -236,11 +233,8 @@ TEST(BackgroundSessionManager, ATaskOfAKilledProcessIsAdoptedByPathAndGeneration
   EXPECT_EQ(client.text(client.read("Files/a")), "adopted bytes");
 
   // This one has ended before anybody asks for tasks.
-  staged = client.manager->fileURLOfItemAtPath("Files/b");
-  ASSERT_TRUE(staged);
-  writeText(staged->path(), "and its end, too");
-  ASSERT_TRUE(client.database().saveUploadFileURL(*staged, "Files/b"));
-  client.onQueue([&] { task = makeTask("b", *staged); });
+  staged = client.queueWithoutStart("Files/b", "and its end, too");
+  client.onQueue([&] { task = makeTask("b", staged); });
   ASSERT_TRUE(task);
   (*task)->resume();
   for (int turn = 0; turn < 1000 && client.record("Files/b"); ++turn) client.refresh("Files");

@@ -180,12 +180,25 @@ URL UploadClient::source(const std::string& text) {
 }
 
 Answer<URL> UploadClient::write(const std::string& path, const std::string& text) {
+  return writeFrom(path, source(text).path());
+}
+
+Answer<URL> UploadClient::writeFrom(const std::string& path, const std::string& sourcePath) {
   auto promise = std::make_shared<std::promise<Answer<URL>>>();
-  manager->writeToFileAtPath(path, source(text),
+  manager->writeToFileAtPath(path, URL::fileURL(sourcePath),
                              [promise](const std::optional<URL>& url, const std::optional<Error>& error) {
                                promise->set_value({0, url, error});
                              });
   return promise->get_future().get();
+}
+
+URL UploadClient::queueWithoutStart(const std::string& path, const std::string& text) {
+  const auto staged = manager->fileURLOfItemAtPath(path);
+  if (!staged) throw std::runtime_error(staged.error().description());
+  writeText(staged->path(), text);
+  const auto saved = database().saveUploadFileURL(*staged, path);
+  if (!saved) throw std::runtime_error(saved.error().description());
+  return *staged;
 }
 
 Answer<URL> UploadClient::upload(const std::string& path) {

@@ -66,6 +66,10 @@ class UploadClient : public DocumentClient {
   // A source file with that text and date.
   URL source(const std::string& text);
   Answer<URL> write(const std::string& path, const std::string& text);
+  Answer<URL> writeFrom(const std::string& path, const std::string& sourcePath);
+  // As a kill leaves it between a write and its upload: a staged new file and its record, which nobody sends yet. The
+  // file.
+  URL queueWithoutStart(const std::string& path, const std::string& text);
   // Joins the upload of the item, or starts one; what the first attempt came to.
   Answer<URL> upload(const std::string& path);
   // Until nothing of the path waits to be sent; false when it does not come to that.

@@ -4,7 +4,6 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <future>
 #include <set>
 
 #include <gmock/gmock.h>
@@ -50,12 +49,7 @@ class UploadDiskFull : public testing::Test {
   Answer<URL> write(const std::string& path, const std::string& text) {
     const std::string source = sources->file("source");
     writeText(source, text);
-    auto promise = std::make_shared<std::promise<Answer<URL>>>();
-    client->manager->writeToFileAtPath(path, URL::fileURL(source),
-                                       [promise](const std::optional<URL>& url, const std::optional<Error>& error) {
-                                         promise->set_value({0, url, error});
-                                       });
-    return promise->get_future().get();
+    return client->writeFrom(path, source);
   }
   // Everybody has time to try again, and no request that is under way takes too long by the clock.
   void someTimePasses() {

@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <filesystem>
 #include <functional>
-#include <future>
 #include <thread>
 
 #include <fcntl.h>
@@ -87,15 +86,6 @@ std::size_t temporaries() {
   return files;
 }
 
-Answer<URL> writeFrom(UploadClient& client, const std::string& path, const std::string& source) {
-  auto promise = std::make_shared<std::promise<Answer<URL>>>();
-  client.manager->writeToFileAtPath(path, URL::fileURL(source),
-                                    [promise](const std::optional<URL>& url, const std::optional<Error>& error) {
-                                      promise->set_value({0, url, error});
-                                    });
-  return promise->get_future().get();
-}
-
 TEST(UploadSources, OneThatCannotBeReadFailsTheWriteAndNothingElse) {
   obeyModes();
   TestServer server;
@@ -113,7 +103,7 @@ TEST(UploadSources, OneThatCannotBeReadFailsTheWriteAndNothingElse) {
   // The second is a regular file whose bytes the system does not give.
   for (const Case& each : {Case{folder.file("locked"), "Permission denied"}, Case{"/proc/self/mem", "/proc/"}}) {
     for (const char* path : {"Files/old", "Files/new"}) {
-      const auto answer = writeFrom(client, path, each.source);
+      const auto answer = client.writeFrom(path, each.source);
       ASSERT_TRUE(answer.error) << path << " from " << each.source;
       EXPECT_THAT(answer.error->localizedDescription(), HasSubstr(each.words));
       EXPECT_FALSE(client.record(path));
@@ -187,7 +177,7 @@ TEST(UploadSources, OneThatChangesWhileItIsCopiedIsCopiedWholeOrRefused) {
   // Twice while it is opened: the third copy is whole.
   for (const char* path : {"Files/old", "Files/new"}) {
     changes = 2;
-    ASSERT_FALSE(writeFrom(client, path, source).error);
+    ASSERT_FALSE(client.writeFrom(path, source).error);
     ASSERT_TRUE(client.sent(path));
   }
   EXPECT_EQ(textOf(server.files() + "/old"), "011");
@@ -195,7 +185,7 @@ TEST(UploadSources, OneThatChangesWhileItIsCopiedIsCopiedWholeOrRefused) {
   // Again and again: refused in words, and what was there stays.
   changes = 1000;
   for (const char* path : {"Files/old", "Files/other"}) {
-    const auto answer = writeFrom(client, path, source);
+    const auto answer = client.writeFrom(path, source);
     ASSERT_TRUE(answer.error);
     ASSERT_TRUE(answer.error->underlyingError());
     EXPECT_TRUE(answer.error->underlyingError()->is(POSIXErrorDomain, EBUSY)) << answer.error->description();
@@ -211,13 +201,10 @@ TEST(UploadSources, ACachedFileThatChangesWhileItIsCopiedToBeSentIsSentAsItIsInT
   TestServer server;
   FaultyServer faulty(server);
   UploadClient client(server, faulty);
-  auto staged = client.manager->fileURLOfItemAtPath("Files/queued");
-  ASSERT_TRUE(staged);
-  writeText(staged->path(), "0");
-  ASSERT_TRUE(client.database().saveUploadFileURL(*staged, "Files/queued"));
-  const FileDescriptor writer(open(staged->path().c_str(), O_WRONLY | O_APPEND | O_CLOEXEC));
+  const std::string staged = client.queueWithoutStart("Files/queued", "0").path();
+  const FileDescriptor writer(open(staged.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC));
   int changes = 3;
-  OnOpen change(staged->path(), [&] {
+  OnOpen change(staged, [&] {
     if (changes-- > 0) (void)write(writer.get(), "1", 1);
   });
   if (!change.isPossible()) GTEST_SKIP() << "Only a superuser hears of a file before it is opened.";

@@ -16,8 +16,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using std::chrono::seconds;
-using testing::AllOf;
-using testing::Contains;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
@@ -25,52 +23,6 @@ std::size_t filesIn(const std::string& folder) {
   std::size_t files = 0;
   for (const auto& entry : fs::directory_iterator(folder)) files += entry.is_regular_file() ? 1 : 0;
   return files;
-}
-
-TEST(Upload, ARefusalIsTriedThreeTimesAndThenGivenUpOnce) {
-  TestServer server;
-  FaultyServer faulty(server);
-  UploadClient client(server, faulty);
-  NotificationCounter failures(FlorvaneUploadDidFailNotification);
-  auto delegate = std::make_shared<RecordingDelegate>();
-  client.manager->setDelegate(delegate, client.queue, "Files");
-  struct Case {
-    int status;
-    const char* sentence;
-    const char* text;
-  };
-  int given = 0;
-  // A sentence that speaks of 401 is no refused login.
-  for (const Case& each : {Case{500, "Something broke.", "Something broke."}, Case{413, "", ""},
-                           Case{507, "Disk 401 is full.", "Disk 401 is full."}, Case{403, "Not here.", "Not here."}}) {
-    const std::string path = "Files/refused-" + std::to_string(each.status);
-    const std::size_t before = faulty.requestsOf("write");
-    faulty.setFault("write", [&](const auto&) { return FaultyServer::refusal(each.status, each.sentence); });
-    ASSERT_FALSE(client.write(path, "bytes").error);
-    delegate->waitFor("failed " + path + " " + std::to_string(each.status));
-    EXPECT_EQ(faulty.requestsOf("write") - before, 3U) << each.status;
-    auto upload = client.record(path);
-    ASSERT_TRUE(upload);
-    EXPECT_EQ(upload->numberOfRetries(), 3);
-    EXPECT_FALSE(upload->taskIdentifier());
-    if (*each.text) {
-      EXPECT_EQ(upload->error(), each.text);
-    }
-    EXPECT_EQ(failures.count(), ++given);
-    // What gave up stays as it is when uploads are started again, and a fresh write begins anew.
-    client.manager->restartUploads();
-    client.onQueue([] {});
-    EXPECT_EQ(faulty.requestsOf("write") - before, 3U);
-    faulty.setFault("write", {});
-    ASSERT_FALSE(client.write(path, "other bytes").error);
-    ASSERT_TRUE(client.sent(path));
-    EXPECT_EQ(textOf(server.files() + "/refused-" + std::to_string(each.status)), "other bytes");
-  }
-  auto events = delegate->take();
-  EXPECT_EQ(
-      std::count_if(events.begin(), events.end(), [](const std::string& event) { return event.starts_with("failed"); }),
-      4);
-  EXPECT_THAT(client.assertions(), IsEmpty());
 }
 
 TEST(Upload, ARefusalThatPassesCountsAndTheFirstHandlerHearsTheFirstFailure) {
@@ -97,54 +49,6 @@ TEST(Upload, ARefusalThatPassesCountsAndTheFirstHandlerHearsTheFirstFailure) {
   EXPECT_EQ(faulty.requestsOf("write"), 3U);
   EXPECT_EQ(client.countOf("failed with error Broken.. Retry #1"), 1U);
   EXPECT_EQ(client.countOf("Retry #2"), 1U);
-  EXPECT_EQ(textOf(server.files() + "/a"), "bytes");
-  EXPECT_THAT(client.assertions(), IsEmpty());
-}
-
-TEST(Upload, ALostReplyIsFoundInTheListingAndNotSentTwice) {
-  TestServer server;
-  writeText(server.files() + "/old", "old");
-  FaultyServer faulty(server);
-  UploadClient client(server, faulty);
-  std::atomic<int> writes = 0;
-  auto loseFirst = [&](const auto&) -> std::optional<std::string> {
-    return ++writes == 1 ? std::optional<std::string>(FaultyServer::loseTheReply) : std::nullopt;
-  };
-  faulty.setFault("write", loseFirst);
-  ASSERT_FALSE(client.write("Files/new", "new bytes").error);
-  ASSERT_TRUE(client.sent("Files/new"));
-  EXPECT_EQ(faulty.requestsOf("write"), 1U);
-  EXPECT_EQ(textOf(server.files() + "/new"), "new bytes");
-  writes = 0;
-  faulty.setFault("replace", loseFirst);
-  ASSERT_FALSE(client.write("Files/old", "newer").error);
-  ASSERT_TRUE(client.sent("Files/old"));
-  EXPECT_EQ(faulty.requestsOf("replace"), 1U);
-  EXPECT_EQ(textOf(server.files() + "/old"), "newer");
-  EXPECT_EQ(client.text(client.read("Files/old")), "newer");
-  EXPECT_EQ(filesIn(server.files()), 2U);
-  EXPECT_THAT(client.assertions(), IsEmpty());
-}
-
-TEST(Upload, ALostRequestIsSentAgainWithoutUsingUpRetriesAndWithPauses) {
-  TestServer server;
-  FaultyServer faulty(server);
-  UploadClient client(server, faulty);
-  Signal lost;
-  std::atomic<int> writes = 0;
-  faulty.setFault("write", [&](const auto&) -> std::optional<std::string> {
-    if (++writes > 4) return std::nullopt;
-    lost.raise();
-    return FaultyServer::loseTheRequest;
-  });
-  ASSERT_FALSE(client.write("Files/a", "bytes").error);
-  // The first time at once, then after pauses by the clock.
-  while (writes <= 4) {
-    (void)client.upload("Files/a");
-    client.clock.advance(seconds(61));
-  }
-  ASSERT_TRUE(client.sent("Files/a"));
-  EXPECT_EQ(writes, 5);
   EXPECT_EQ(textOf(server.files() + "/a"), "bytes");
   EXPECT_THAT(client.assertions(), IsEmpty());
 }
@@ -255,10 +159,9 @@ TEST(Upload, AFileThatIsRewrittenWhileItIsSentEndsWithTheNewerBytes) {
   EXPECT_THAT(client.assertions(), IsEmpty());
 }
 
-TEST(Upload, RefusedLoginsAreRenewedWithoutLimitAndThenWithPauses) {
+TEST(Upload, ALoginThatTheServerHasForgottenIsRenewed) {
   TestServer server;
   UploadClient client(server);
-  // A cookie that the server has forgotten: 401, sign in, send.
   ASSERT_TRUE(server->revokeAllSessions());
   ASSERT_FALSE(client.write("Files/a", "bytes").error);
   ASSERT_TRUE(client.sent("Files/a"));
@@ -333,23 +236,14 @@ TEST(Upload, ARecordWithoutTaskAndATaskWithoutRecordAreTakenUpByTheNextStart) {
   FaultyServer faulty(server);
   UploadClient client(server, faulty);
   // Killed between the write and the task.
-  auto staged = client.manager->fileURLOfItemAtPath("Files/queued");
-  ASSERT_TRUE(staged);
-  writeText(staged->path(), "queued bytes");
-  ASSERT_TRUE(client.database().saveUploadFileURL(*staged, "Files/queued"));
+  client.queueWithoutStart("Files/queued", "queued bytes");
   // A record whose task nobody knows: its connection was lost.
-  auto other = client.manager->fileURLOfItemAtPath("Files/orphan");
-  ASSERT_TRUE(other);
-  writeText(other->path(), "orphan bytes");
-  ASSERT_TRUE(client.database().saveUploadFileURL(*other, "Files/orphan"));
-  ASSERT_TRUE(client.database().saveUploadFileURL(*other, std::nullopt, 123456, "Files/orphan"));
+  const URL orphan = client.queueWithoutStart("Files/orphan", "orphan bytes");
+  ASSERT_TRUE(client.database().saveUploadFileURL(orphan, std::nullopt, 123456, "Files/orphan"));
   client.record("Files/orphan")->setNumberOfRetries(3);
   ASSERT_TRUE(client.database().save());
   // Killed when the last attempt had been sent, and nobody had said yet that it failed.
-  auto last = client.manager->fileURLOfItemAtPath("Files/last");
-  ASSERT_TRUE(last);
-  writeText(last->path(), "last bytes");
-  ASSERT_TRUE(client.database().saveUploadFileURL(*last, "Files/last"));
+  client.queueWithoutStart("Files/last", "last bytes");
   client.record("Files/last")->setNumberOfRetries(2);
   client.record("Files/last")->addAttempt({10, Date::now(), Data::fromString("generation")});
   // One whose file is gone.
@@ -412,33 +306,11 @@ TEST(Upload, ASourceThatVanishedTakesItsRecordAlong) {
   FaultyServer faulty(server);
   UploadClient client(server, faulty);
   NotificationCounter failures(FlorvaneUploadDidFailNotification);
-  auto staged = client.manager->fileURLOfItemAtPath("Files/vanished");
-  ASSERT_TRUE(staged);
-  writeText(staged->path(), "x");
-  ASSERT_TRUE(client.database().saveUploadFileURL(*staged, "Files/vanished"));
-  fs::remove(staged->path());
+  fs::remove(client.queueWithoutStart("Files/vanished", "x").path());
   auto answer = client.upload("Files/vanished");
   EXPECT_FALSE(client.record("Files/vanished"));
   EXPECT_EQ(faulty.requestsOf("write"), 0U);
   EXPECT_EQ(failures.count(), 0);
-}
-
-TEST(Upload, WithoutAServerTheRecordWaitsAndGoesWhenItIsBack) {
-  TestServer server;
-  UploadClient client(server);
-  server.stop();
-  ASSERT_FALSE(client.write("Files/a", "written offline").error);
-  auto upload = client.record("Files/a");
-  ASSERT_TRUE(upload);
-  EXPECT_TRUE(upload->taskIdentifier());
-  server.restart();
-  for (int turn = 0; turn < 2000 && client.record("Files/a"); ++turn) {
-    client.clock.advance(seconds(1));
-    client.refresh("Files");
-  }
-  EXPECT_FALSE(client.record("Files/a"));
-  EXPECT_EQ(textOf(server.files() + "/a"), "written offline");
-  EXPECT_THAT(client.assertions(), IsEmpty());
 }
 
 TEST(Upload, WithoutALoginAndWithoutAServerTheWriteIsAnsweredAndWaits) {
