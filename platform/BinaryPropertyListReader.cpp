@@ -244,6 +244,7 @@ bool BinaryPropertyListReader::open(std::uint32_t object, std::uint8_t marker, s
   if (count && isDictionary) collection.dictionary.reserve(count);
   if (count && !isDictionary) collection.array.reserve(count);
   heights_[object] = kOpen;
+  if (!open_.empty()) open_.back().holdsCollections = true;
   open_.push_back(std::move(collection));
   return true;
 }
@@ -257,7 +258,14 @@ bool BinaryPropertyListReader::add(Collection& collection, std::uint32_t child) 
     if (!referenceAt(collection, collection.next, keyObject)) return false;
     const Key* key = keyOf(keyObject);
     if (!key) return false;
-    collection.dictionary.set(*key, values_[child]);
+    auto& lastUser = keyUsers_[static_cast<std::size_t>(key - keys_.data())];
+    // Of a key that another dictionary had last, this one has none yet, unless that other one lies within it.
+    if (lastUser == collection.object || collection.holdsCollections) {
+      collection.dictionary.set(*key, values_[child]);
+    } else {
+      lastUser = collection.object;
+      collection.dictionary.appendUnchecked(*key, values_[child]);
+    }
   } else {
     collection.array.append(values_[child]);
   }
@@ -290,6 +298,7 @@ const Key* BinaryPropertyListReader::keyOf(std::uint32_t object) {
       return nullptr;
     }
     keys_.emplace_back(*text);
+    keyUsers_.push_back(topObject_);
     details_[object] = static_cast<std::uint32_t>(keys_.size());
   }
   return &keys_[details_[object] - 1];

@@ -26,6 +26,7 @@ class BinaryPropertyListReader {
     const std::uint8_t* references;
     std::size_t count;
     bool isDictionary;
+    bool holdsCollections = false;
     std::size_t next = 0;
     std::uint64_t values = 1;
     std::uint8_t height = 0;
@@ -67,6 +68,7 @@ class BinaryPropertyListReader {
   std::vector<std::uint8_t> heights_;   // collections inside each other, this one included; kOpen while being read
   std::vector<std::uint32_t> details_;  // collection: values of its tree; string: 1 + its place in keys_ if it has one
   std::vector<Key> keys_;
+  std::vector<std::uint32_t> keyUsers_;  // of each, the dictionary that had it last
   std::vector<Collection> open_;
   std::string scratch_;
 };

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstdio>
+#include <memory>
 #include <mutex>
 #include <span>
 #include <unordered_map>
@@ -64,7 +65,7 @@ struct ArrayBlock : RefCounted {
 
 struct DictionaryBlock : RefCounted {
   DictionaryBlock() = default;
-  DictionaryBlock(const DictionaryBlock& other) : RefCounted(other), entries(other.entries), index(other.index) {}
+  DictionaryBlock(const DictionaryBlock& other) : RefCounted(other), entries(other.entries) { rebuildIndex(); }
   DictionaryBlock& operator=(const DictionaryBlock&) = delete;
   ~DictionaryBlock() = default;
   static void destroy(DictionaryBlock* block) noexcept { delete block; }
@@ -72,17 +73,17 @@ struct DictionaryBlock : RefCounted {
   static constexpr std::size_t kScanLimit = 32;
 
   const Dictionary::Entry* find(std::string_view key) const noexcept {
-    if (index.empty()) {
+    if (!index) {
       for (const auto& entry : entries) {
         if (entry.key.text() == key) return &entry;
       }
       return nullptr;
     }
-    auto found = index.find(key);
-    return found == index.end() ? nullptr : &entries[found->second];
+    auto found = index->find(key);
+    return found == index->end() ? nullptr : &entries[found->second];
   }
   const Dictionary::Entry* find(const Key& key) const noexcept {
-    if (!index.empty()) return find(key.text());
+    if (index) return find(key.text());
     for (const auto& entry : entries) {
       if (entry.key == key) return &entry;
     }
@@ -90,21 +91,23 @@ struct DictionaryBlock : RefCounted {
   }
   void append(const Key& key, Value value) {
     entries.push_back({key, std::move(value)});
-    if (!index.empty()) {
-      index.emplace(entries.back().key.text(), entries.size() - 1);
+    if (index) {
+      index->emplace(entries.back().key.text(), entries.size() - 1);
     } else if (entries.size() > kScanLimit) {
       rebuildIndex();
     }
   }
   void rebuildIndex() {
-    index.clear();
+    index.reset();
     if (entries.size() <= kScanLimit) return;
-    index.reserve(entries.size() * 2);
-    for (std::size_t i = 0; i < entries.size(); ++i) index.emplace(entries[i].key.text(), i);
+    index = std::make_unique<Index>();
+    index->reserve(entries.size() * 2);
+    for (std::size_t i = 0; i < entries.size(); ++i) index->emplace(entries[i].key.text(), i);
   }
 
+  using Index = std::unordered_map<std::string_view, std::size_t>;
   std::vector<Dictionary::Entry> entries;
-  std::unordered_map<std::string_view, std::size_t> index;  // empty while entries are few; views into the keys
+  std::unique_ptr<Index> index;  // null while entries are few, as they are in most; views into the keys
 };
 
 // Value
