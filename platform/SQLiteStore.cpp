@@ -21,6 +21,7 @@ constexpr int kBusyMilliseconds = 10'000;
 // Pages of the log at which it is checkpointed when nobody else is writing, and at which the others are waited for.
 constexpr int kLongLog = 1000;
 constexpr int kTooLongLog = 8000;
+constexpr int kCacheKibibytes = 32 * 1024;
 // A rescue that is complete and only has to be put in place, and one that is not.
 constexpr char kRescuedSuffix[] = ".rescued";
 constexpr char kRescuingSuffix[] = ".rescuing";
@@ -238,6 +239,8 @@ void SQLiteStore::connect() {
   database_ = std::make_unique<SQLite::Database>(options_.path, SQLite::OPEN_READWRITE, kBusyMilliseconds);
   keepLogAtClose(*database_);
   sqlite3_wal_autocheckpoint(database_->getHandle(), 0);
+  // So that a huge transaction does not write the same pages again and again. Only what is used is allocated.
+  database_->exec("PRAGMA cache_size = " + std::to_string(-kCacheKibibytes));
   sqlite3_wal_hook(database_->getHandle(), &SQLiteStore::didWriteLog, this);
   struct stat status{};
   if (stat(options_.path.c_str(), &status) == 0) {
@@ -385,6 +388,8 @@ void SQLiteStore::checkpointIfLong() {
   if (isReplaced()) return;
   for (auto& [text, prepared] : statements_) prepared->tryReset();
   int result = sqlite3_wal_checkpoint_v2(database_->getHandle(), nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
+  // Much was written: what it has left in memory goes.
+  sqlite3_db_release_memory(database_->getHandle());
   // A reader, or a full disk, may keep part of the log from being copied; the next commit goes on.
   if (result == SQLITE_OK || result == SQLITE_BUSY || result == SQLITE_FULL) return;
   reportSoftAssertion(kSource, __LINE__, sqlite3_errstr(result));
