@@ -77,6 +77,48 @@ ManagedObjectContext::ObjectPtr ManagedObjectContext::insert(std::size_t entity)
   });
 }
 
+bool ManagedObjectContext::insertRecords(
+    std::size_t entity, std::span<const std::size_t> attributes, std::size_t count,
+    const std::function<std::string_view(std::size_t record, std::size_t attribute)>& bytes) {
+  return performAndWait([&] {
+    if (transactionDepth_ == 0 || transactionError_ || !store_) return false;
+    const ManagedEntity& made = model_.entities[entity];
+    std::string names, places;
+    for (std::size_t attribute : attributes) {
+      names += (names.empty() ? "\"" : ", \"") + made.attributes[attribute].name + "\"";
+      places += places.empty() ? "?" : ", ?";
+    }
+    auto inserted = store_->perform([&] {
+      // One record a statement: one of several is made so that it could be undone by itself, at a price far above its
+      // own.
+      SQLite::Statement& insert =
+          store_->statement("INSERT INTO \"" + made.name + "\"(" + names + ") VALUES (" + places + ")");
+      std::string text;
+      for (std::size_t record = 0; record < count; ++record) {
+        int place = 0;
+        for (std::size_t attribute : attributes) {
+          const std::string_view value = bytes(record, attribute);
+          if (made.attributes[attribute].kind == Value::Kind::String) {
+            text.assign(value);
+            insert.bind(++place, text);
+          } else {
+            insert.bindNoCopy(++place, value.empty() ? "" : value.data(), static_cast<int>(value.size()));
+          }
+        }
+        insert.exec();
+        insert.reset();
+      }
+      insert.clearBindings();
+    });
+    if (!inserted) {
+      transactionError_ = inserted.error();
+      return false;
+    }
+    hasInsertedRecords_ = true;
+    return true;
+  });
+}
+
 void ManagedObjectContext::deleteObject(const ObjectPtr& object) {
   performAndWait([&] {
     std::lock_guard lock(mutex_);
@@ -186,6 +228,7 @@ Result<void> ManagedObjectContext::performTransaction(Durability durability, con
     }
     if (hasDurableChanges()) durability = Durability::Full;
     transactionError_.reset();
+    hasInsertedRecords_ = false;
     // What kept the store from being opened may have passed, but a newer one stays newer.
     if (storeError_ && !storeError_->is(SQLiteErrorDomain, SQLiteStoreNewerVersionError)) reopen();
     if (!usableStore()) {
@@ -226,7 +269,7 @@ Result<void> ManagedObjectContext::performTransaction(Durability durability, con
 
 Result<void> ManagedObjectContext::saveAtEnd(Durability durability) {
   auto changes = takeChanges(durability);
-  if (changes.empty()) {
+  if (changes.empty() && !hasInsertedRecords_) {
     store_->rollBack();
     return {};
   }

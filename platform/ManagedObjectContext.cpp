@@ -12,6 +12,7 @@ namespace florvane {
 namespace {
 
 constexpr std::size_t kFirstSweep = 1024;
+constexpr char kCount[] = "count(*)";
 
 const char* columnType(Value::Kind kind) {
   switch (kind) {
@@ -200,8 +201,9 @@ void ManagedObjectContext::keepUnsavedOfLostRecords() {
   }
 }
 
-std::vector<ManagedObjectContext::Row> ManagedObjectContext::rows(const ManagedObjectFetch& fetch,
-                                                                  const std::string& columns, bool limited) {
+bool ManagedObjectContext::query(const ManagedObjectFetch& fetch, const std::string& columns, bool limited,
+                                 const std::function<void()>& begin,
+                                 const std::function<void(SQLite::Statement&)>& visitor) {
   const ManagedEntity& entity = model_.entities[fetch.entity];
   std::string text = "SELECT " + columns + " FROM " + quoted(entity.name) + " WHERE 1";
   std::vector<Value> bound;
@@ -219,39 +221,45 @@ std::vector<ManagedObjectContext::Row> ManagedObjectContext::rows(const ManagedO
             quoted(other.attributes[fetch.joined->entityAttribute].name) + " AND " +
             below(other, fetch.joined->below, bound) + ")";
   }
-  if (fetch.newestFirstBy && columns != "count(*)") {
+  if (fetch.newestFirstBy && columns != kCount) {
     text += " ORDER BY " + quoted(entity.attributes[*fetch.newestFirstBy].name) + " DESC";
   }
   if (limited && fetch.limit) text += " LIMIT " + std::to_string(fetch.limit);
 
-  const bool counts = columns == "count(*)";
   for (bool again : {true, false}) {
-    if (!usableStore()) return {};
+    begin();
+    if (!usableStore()) return false;
     if (transactionDepth_ == 0) noteOtherProcesses();
-    auto found = store_->perform([&] {
-      std::vector<Row> result;
+    auto done = store_->perform([&] {
       SQLite::Statement& query = store_->statement(text);
       for (std::size_t i = 0; i < bound.size(); ++i) bindValue(query, static_cast<int>(i) + 1, bound[i]);
-      while (query.executeStep()) {
-        Row row{query.getColumn(0).getInt64(), {}};
-        if (!counts) {
-          row.values.reserve(entity.attributes.size());
-          for (std::size_t i = 0; i < entity.attributes.size(); ++i) {
-            row.values.push_back(columnValue(query, static_cast<int>(i) + 1, entity.attributes[i].kind));
-          }
-        }
-        result.push_back(std::move(row));
-      }
+      while (query.executeStep()) visitor(query);
       query.reset();
-      return result;
     });
-    if (found) return std::move(*found);
+    if (done) return true;
     // Inside a transaction its end sets the store aside.
-    if (transactionDepth_ > 0) transactionError_ = found.error();
-    if (!again || transactionDepth_ > 0 || !SQLiteStore::isDamage(found.error())) return {};
-    if (!replaceDamagedStore(found.error())) return {};
+    if (transactionDepth_ > 0) transactionError_ = done.error();
+    if (!again || transactionDepth_ > 0 || !SQLiteStore::isDamage(done.error())) return false;
+    if (!replaceDamagedStore(done.error())) return false;
   }
-  return {};
+  return false;
+}
+
+std::vector<ManagedObjectContext::Row> ManagedObjectContext::rows(const ManagedObjectFetch& fetch,
+                                                                  const std::string& columns, bool limited) {
+  const auto& attributes = model_.entities[fetch.entity].attributes;
+  std::vector<Row> result;
+  auto take = [&](SQLite::Statement& query) {
+    Row& row = result.emplace_back();
+    row.number = query.getColumn(0).getInt64();
+    if (columns == kCount) return;
+    row.values.reserve(attributes.size());
+    for (std::size_t i = 0; i < attributes.size(); ++i) {
+      row.values.push_back(columnValue(query, static_cast<int>(i) + 1, attributes[i].kind));
+    }
+  };
+  if (!query(fetch, columns, limited, [&] { result.clear(); }, take)) return {};
+  return result;
 }
 
 std::vector<ManagedObjectContext::ObjectPtr> ManagedObjectContext::fetch(const ManagedObjectFetch& fetch) {
@@ -301,30 +309,61 @@ std::size_t ManagedObjectContext::count(const ManagedObjectFetch& fetch) {
         return this->fetch(fetch).size();
       }
     }
-    auto counted = rows(fetch, "count(*)", false);
+    auto counted = rows(fetch, kCount, false);
     return counted.empty() ? 0 : static_cast<std::size_t>(counted.front().number);
   });
 }
 
-void ManagedObjectContext::visit(const ManagedObjectFetch& fetch,
-                                 const std::function<void(std::span<const Value>)>& visitor) {
+void ManagedObjectContext::visit(const ManagedObjectFetch& fetch, std::span<const std::size_t> attributes,
+                                 const std::function<void(std::span<const std::string_view>)>& visitor) {
   performAndWait([&] {
-    auto stored = rows(fetch, columns_[fetch.entity], false);
+    const ManagedEntity& entity = model_.entities[fetch.entity];
+    std::string columns = "identifier";
+    for (std::size_t attribute : attributes) columns += ", " + quoted(entity.attributes[attribute].name);
+    // One after the other; of each the sizes, whose sum leads to the next.
+    std::string bytes;
+    std::vector<std::size_t> sizes;
+    std::vector<std::int64_t> rows;
+    auto begin = [&] {
+      bytes.clear();
+      sizes.clear();
+      rows.clear();
+    };
+    const bool found = query(fetch, columns, false, begin, [&](SQLite::Statement& row) {
+      rows.push_back(row.getColumn(0).getInt64());
+      for (std::size_t i = 0; i < attributes.size(); ++i) {
+        const SQLite::Column column = row.getColumn(static_cast<int>(i) + 1);
+        const auto* content = static_cast<const char*>(column.getBlob());
+        sizes.push_back(content ? static_cast<std::size_t>(column.getBytes()) : 0);
+        if (content) bytes.append(content, sizes.back());
+      }
+    });
+    if (!found) begin();
+
+    std::unordered_set<std::int64_t> unsavedRows;
     std::vector<std::vector<Value>> unsaved;
     {
       // An unsaved record is told as it is in memory, and once.
       std::lock_guard lock(mutex_);
-      if (!unsaved_[fetch.entity].empty()) {
-        std::erase_if(stored, [&](Row& row) {
-          auto live = live_[fetch.entity].find(row.number);
-          auto object = live == live_[fetch.entity].end() ? nullptr : live->second.lock();
-          return object && unsaved_[fetch.entity].contains(object->serial_);
-        });
-        for (const ObjectPtr& object : unsavedLocked(fetch)) unsaved.push_back(object->values_);
-      }
+      for (const auto& [serial, object] : unsaved_[fetch.entity]) unsavedRows.insert(object->row_);
+      for (const ObjectPtr& object : unsavedLocked(fetch)) unsaved.push_back(object->values_);
     }
-    for (const Row& row : stored) visitor(row.values);
-    for (const auto& values : unsaved) visitor(values);
+    std::vector<std::string_view> values(attributes.size());
+    std::size_t at = 0, place = 0;
+    for (std::int64_t row : rows) {
+      for (std::string_view& value : values) {
+        value = std::string_view(bytes).substr(at, sizes[place]);
+        at += sizes[place++];
+      }
+      if (unsavedRows.empty() || !unsavedRows.contains(row)) visitor(values);
+    }
+    for (const auto& record : unsaved) {
+      for (std::size_t i = 0; i < attributes.size(); ++i) {
+        const Value& value = record[attributes[i]];
+        values[i] = value.asString().value_or(value.dataBytes());
+      }
+      visitor(values);
+    }
   });
 }
 

@@ -15,6 +15,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <string_view>
 #include <type_traits>
 #include <unordered_map>
 #include <utility>
@@ -108,8 +109,15 @@ class ManagedObjectContext : public std::enable_shared_from_this<ManagedObjectCo
   std::vector<ObjectPtr> fetch(const ManagedObjectFetch& fetch);
   ObjectPtr fetchFirst(ManagedObjectFetch fetch);
   std::size_t count(const ManagedObjectFetch& fetch);
-  // The same as fetch, order and limit aside, without an object a record: the visitor gets all attributes.
-  void visit(const ManagedObjectFetch& fetch, const std::function<void(std::span<const Value>)>& visitor);
+  // The same as fetch, order and limit aside, without an object a record: the visitor gets the bytes of those
+  // attributes, which are strings or data; empty for no value.
+  void visit(const ManagedObjectFetch& fetch, std::span<const std::size_t> attributes,
+             const std::function<void(std::span<const std::string_view>)>& visitor);
+  // Within performTransaction: new records, without an object each, whose attributes are strings or data of those
+  // bytes. False when they cannot be inserted, and then the transaction fails; what is lost with it is not kept in
+  // memory.
+  bool insertRecords(std::size_t entity, std::span<const std::size_t> attributes, std::size_t count,
+                     const std::function<std::string_view(std::size_t record, std::size_t attribute)>& bytes);
 
  private:
   friend class ManagedObject;
@@ -130,6 +138,9 @@ class ManagedObjectContext : public std::enable_shared_from_this<ManagedObjectCo
   void keepUnsavedOfLostRecords();
   std::optional<Row> rowOf(std::size_t entity, std::int64_t number);
   std::vector<Row> rows(const ManagedObjectFetch& fetch, const std::string& columns, bool limited);
+  // False after a failure. Begins anew, and says so, when another store takes a damaged one's place.
+  bool query(const ManagedObjectFetch& fetch, const std::string& columns, bool limited,
+             const std::function<void()>& begin, const std::function<void(SQLite::Statement&)>& visitor);
   Result<void> saveAtEnd(Durability durability);
   std::vector<Change> takeChanges(Durability durability);
   void write(Change& change);
@@ -162,6 +173,7 @@ class ManagedObjectContext : public std::enable_shared_from_this<ManagedObjectCo
   int transactionDepth_ = 0;
   // What went wrong in the transaction in progress; its end fails with it.
   std::optional<Error> transactionError_;
+  bool hasInsertedRecords_ = false;   // in the transaction in progress
   std::vector<std::string> columns_;  // an entity's row number and attributes, for SELECT
 
   mutable std::mutex mutex_;  // guards the fields of all objects and what follows

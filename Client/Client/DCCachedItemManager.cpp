@@ -313,18 +313,27 @@ DCCachedItem::Ptr DCCachedItemManager::itemWithIdentifier(const Data& documentId
 
 // In bulk.
 
-void DCCachedItemManager::prefetchChildrenOf(const DCCachedDirectory& directory) {
-  database().prefetchChildrenOf(directory.relativePath()->string());
+DCKnownChildren::Ptr DCCachedItemManager::knownChildrenOf(const DCCachedDirectory& directory) {
+  DCLogTrace("-[DCCachedItemManager knownChildrenOf:]", {{"directory", directory.relativePath()}});
+  database().refresh();
+  return database().knownChildrenOf(directory.relativePath()->string());
 }
 
-std::unordered_map<Data, std::vector<std::string>, DataHash> DCCachedItemManager::childrenByDocumentIdentifier(
-    const DCCachedDirectory& directory) {
-  DCLogTrace("-[DCCachedItemManager childrenByDocumentIdentifier:]", {{"directory", directory.relativePath()}});
-  std::unordered_map<Data, std::vector<std::string>, DataHash> children;
-  for (auto& [path, identifier] : database().documentIdentifiersForChildrenOf(directory.relativePath()->string())) {
-    children[identifier].push_back(path);
+std::vector<std::string> DCCachedItemManager::namesOfKnownItemsIn(const DCCachedDirectory& directory) const {
+  auto locked = lock();
+  const std::string prefix = directory.isRoot() ? "" : directory.relativePath()->string() + "/";
+  std::vector<std::string> names;
+  for (auto place = items_.lower_bound(prefix); place != items_.end() && place->first.starts_with(prefix);) {
+    std::string name = place->first.substr(prefix.size());
+    if (const auto slash = name.find('/'); slash != std::string::npos) {
+      // Past everything in that subfolder: '0' follows '/'.
+      place = items_.lower_bound(prefix + name.substr(0, slash) + "0");
+      continue;
+    }
+    if (!name.empty()) names.push_back(std::move(name));
+    ++place;
   }
-  return children;
+  return names;
 }
 
 Result<void> DCCachedItemManager::recordChildren(
@@ -350,20 +359,11 @@ void DCCachedItemManager::forgetVanishedChildren(const DCCachedDirectory& direct
   auto locked = lock();
   const auto contents = directory.directoryContents();
   const std::string prefix = directory.isRoot() ? "" : directory.relativePath()->string() + "/";
-  std::vector<DCCachedItem::Ptr> vanished;
-  for (auto place = items_.lower_bound(prefix); place != items_.end() && place->first.starts_with(prefix);) {
-    const auto& [path, item] = *place;
-    const std::string name = path.substr(prefix.size());
-    if (const auto slash = name.find('/'); slash != std::string::npos) {
-      // Past everything in that subfolder: '0' follows '/'.
-      place = items_.lower_bound(prefix + name.substr(0, slash) + "0");
-      continue;
-    }
-    ++place;
-    if (name.empty() || (contents && contents->entryNamed(name))) continue;
-    if (!item->documentIdentifier() && !database().knownUploadForPath(path)) vanished.push_back(item);
+  for (const std::string& name : namesOfKnownItemsIn(directory)) {
+    if (contents && contents->entryNamed(name)) continue;
+    const auto item = knownItem(prefix + name);
+    if (!item->documentIdentifier() && !database().knownUploadForPath(prefix + name)) forgetItem(item);
   }
-  for (const auto& item : vanished) forgetItem(item);
 }
 
 void DCCachedItemManager::evictItem(const DCCachedItem::Ptr& /*item*/) {

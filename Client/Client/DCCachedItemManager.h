@@ -4,6 +4,7 @@
 #include "Client/Client/DCCachedFile.h"
 #include "Client/Client/DCCachedItem.h"
 #include "Client/Client/DCCachedThumbnail.h"
+#include "Client/Client/DCKnownChildren.h"
 #include "platform/FileCoordinator.h"
 #include "platform/FilePresenter.h"
 
@@ -72,11 +73,11 @@ class DCCachedItemManager : public FilePresenter, public std::enable_shared_from
   // The item that somebody has asked for already; null when nobody has.
   DCCachedItem::Ptr knownItem(std::string_view path) const;
 
-  // What is known of all children of a directory, with two queries: before one asks for each.
-  void prefetchChildrenOf(const DCCachedDirectory& directory);
-  // By identifier: the paths of the directory's children that the cache knows, parked ones among them.
-  std::unordered_map<Data, std::vector<std::string>, DataHash> childrenByDocumentIdentifier(
-      const DCCachedDirectory& directory);
+  // The directory's children that the cache knows, parked ones among them, also as other processes have them by now.
+  // What is known of each is answered without a query then.
+  DCKnownChildren::Ptr knownChildrenOf(const DCCachedDirectory& directory);
+  // The names of those that somebody has asked for already, in plain order.
+  std::vector<std::string> namesOfKnownItemsIn(const DCCachedDirectory& directory) const;
   // New children of a directory in one transaction: names and identifiers. For children that have no upload record and
   // no other identifier (else DCCachedItem::updateDocumentIdentifier).
   Result<void> recordChildren(const DCCachedDirectory& directory,

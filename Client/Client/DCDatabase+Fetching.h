@@ -22,19 +22,31 @@ namespace florvane {
 // Answers of the store that still hold, and when they stop to. Filled only by work on the context's queue, so that an
 // answer and a change never overtake each other.
 struct DCDatabase::Memory {
+  struct TextHash {
+    using is_transparent = void;
+    std::size_t operator()(std::string_view text) const noexcept { return std::hash<std::string_view>()(text); }
+  };
+  template <typename Value>
+  using ByText = std::unordered_map<std::string, Value, TextHash, std::equal_to<>>;
+  using Identifier = std::optional<Data>;  // absent for no record
+
+  // Of the children of one directory.
+  struct Directory {
+    DCKnownChildren::Ptr children;  // all of them; null when they were never asked for together
+    std::uint64_t metadataChanges = 0;
+    // By name, what was learnt after `children`.
+    ByText<Identifier> identifiers;
+  };
+
   std::mutex mutex;  // guards what follows; nothing else is locked or waited for while it is held
   // The context and its version for which the answers hold.
   const ManagedObjectContext* context = nullptr;
   std::uint64_t version = 0;
-  std::unordered_map<std::string, std::optional<Data>> identifiers;
+  ByText<Directory> directories;
   std::unordered_map<Data, std::shared_ptr<DCManagedOtherMetadata>, DataHash> otherMetadata;
   // All of these, when they are known at all.
   std::optional<std::unordered_map<Data, std::shared_ptr<DCManagedStoredLocalMetadata>, DataHash>> storedLocalMetadata;
   std::optional<std::map<std::string, UploadPtr, std::less<>>> uploads;
-  std::unordered_set<std::string> prefetched;
-  // What the last look at a directory's children brought, for whoever asks for them next.
-  std::string lastDirectory;
-  std::optional<std::unordered_map<std::string, Data>> lastChildren;
 
   std::atomic<std::uint64_t> changes{1};
 
@@ -45,6 +57,22 @@ struct DCDatabase::Memory {
   void clear();
   // Clears answers that do not hold any more.
   void validate(const ManagedObjectContext& current);
+
+  std::optional<Identifier> identifierForPath(std::string_view path) const;
+  void keepIdentifier(std::string_view path, const Identifier& identifier);
+  // With what was learnt since they were read; null when they were not.
+  DCKnownChildren::Ptr childrenOf(const std::string& directoryPath);
+  void keepChildren(const std::string& directoryPath, DCKnownChildren::Ptr children);
+  using OtherMetadata = std::shared_ptr<DCManagedOtherMetadata>;
+  std::optional<OtherMetadata> otherMetadataForIdentifier(const Data& documentIdentifier);
+  void keepOtherMetadata(const Data& documentIdentifier, const OtherMetadata& metadata);
+
+ private:
+  std::size_t answers_ = 0;            // about identifiers
+  std::uint64_t metadataChanges_ = 0;  // of bookkeeping, by this process
+  // Children that are known to have no bookkeeping, but not by their identifiers yet.
+  std::vector<DCKnownChildren::Ptr> unnamed_;
+  std::size_t missed_ = 0;
 };
 
 // What the look finds in answers that still hold; absent when it finds none.

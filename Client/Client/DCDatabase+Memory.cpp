@@ -12,6 +12,7 @@ namespace {
 
 // Beyond this many answers of a kind all are forgotten, so that memory stays bounded.
 constexpr std::size_t kMostAnswers = 400'000;
+constexpr std::size_t kFewMisses = 16;
 constexpr char kLogSuffix[] = "-wal";
 constexpr std::int64_t kNanosecondsPerSecond = 1'000'000'000;
 // Longer than a tick of any file system's clock.
@@ -23,6 +24,13 @@ std::int64_t nanoseconds(const timespec& time) {
 
 std::string folderPrefix(const std::string& directoryPath) {
   return directoryPath.empty() ? directoryPath : directoryPath + "/";
+}
+
+// Of the directory, and of the child in it.
+std::pair<std::string_view, std::string_view> splitPath(std::string_view path) {
+  const std::size_t slash = path.rfind('/');
+  if (slash == std::string_view::npos) return {std::string_view(), path};
+  return {path.substr(0, slash), path.substr(slash + 1)};
 }
 
 // Inode, size and dates of the store and of its log.
@@ -51,22 +59,101 @@ bool willShowChanges(const std::array<std::int64_t, 8>& stamp, std::int64_t look
 }  // namespace
 
 void DCDatabase::Memory::clear() {
-  identifiers.clear();
+  directories.clear();
+  answers_ = 0;
+  unnamed_.clear();
+  missed_ = 0;
   otherMetadata.clear();
   storedLocalMetadata.reset();
   uploads.reset();
-  prefetched.clear();
-  lastChildren.reset();
 }
 
 void DCDatabase::Memory::validate(const ManagedObjectContext& current) {
   const std::uint64_t currentVersion = current.storeVersion();
-  const bool isFull = identifiers.size() > kMostAnswers || otherMetadata.size() > kMostAnswers;
+  const bool isFull = otherMetadata.size() > kMostAnswers;
   if (context == &current && version == currentVersion && !isFull) return;
   clear();
   ++changes;
   context = &current;
   version = currentVersion;
+}
+
+std::optional<DCDatabase::Memory::Identifier> DCDatabase::Memory::identifierForPath(std::string_view path) const {
+  const auto [directoryPath, name] = splitPath(path);
+  auto directory = directories.find(directoryPath);
+  if (directory == directories.end()) return std::nullopt;
+  const auto& [children, changesSeen, identifiers] = directory->second;
+  if (auto later = identifiers.find(name); later != identifiers.end()) return later->second;
+  const auto* child = children ? children->named(name) : nullptr;
+  return child ? std::optional<Identifier>(child->documentIdentifier) : std::nullopt;
+}
+
+void DCDatabase::Memory::keepIdentifier(std::string_view path, const Identifier& identifier) {
+  if (answers_ > kMostAnswers) {
+    directories.clear();
+    answers_ = 0;
+  }
+  const auto [directoryPath, name] = splitPath(path);
+  auto directory = directories.find(directoryPath);
+  if (directory == directories.end()) directory = directories.emplace(directoryPath, Directory()).first;
+  if (directory->second.identifiers.insert_or_assign(std::string(name), identifier).second) ++answers_;
+}
+
+void DCDatabase::Memory::keepChildren(const std::string& directoryPath, DCKnownChildren::Ptr children) {
+  if (answers_ + children->children().size() > kMostAnswers) {
+    directories.clear();
+    unnamed_.clear();
+    answers_ = 0;
+  }
+  unnamed_.push_back(children);
+  answers_ += children->children().size();
+  directories.insert_or_assign(directoryPath, Directory{std::move(children), metadataChanges_, {}});
+}
+
+DCKnownChildren::Ptr DCDatabase::Memory::childrenOf(const std::string& directoryPath) {
+  auto found = directories.find(directoryPath);
+  if (found == directories.end() || !found->second.children) return nullptr;
+  auto& [known, changesSeen, later] = found->second;
+  if (later.empty() && changesSeen == metadataChanges_) return known;
+
+  std::vector<DCKnownChildren::Child> children;
+  children.reserve(known->children().size() + later.size());
+  for (const auto& child : known->children()) {
+    if (later.contains(child.name)) continue;
+    auto& kept = children.emplace_back(child);
+    if (kept.mayHaveOtherMetadata) continue;
+    auto metadata = otherMetadata.find(kept.documentIdentifier);
+    kept.mayHaveOtherMetadata = metadata != otherMetadata.end() && metadata->second;
+  }
+  for (const auto& [name, identifier] : later) {
+    if (identifier) children.push_back({name, *identifier, true});
+  }
+  known = std::make_shared<const DCKnownChildren>(std::move(children));
+  changesSeen = metadataChanges_;
+  later.clear();
+  return known;
+}
+
+std::optional<DCDatabase::Memory::OtherMetadata> DCDatabase::Memory::otherMetadataForIdentifier(
+    const Data& documentIdentifier) {
+  auto found = otherMetadata.find(documentIdentifier);
+  if (found == otherMetadata.end() && !unnamed_.empty() && ++missed_ > kFewMisses) {
+    // Whoever asks for more than a few will ask for many.
+    for (const auto& children : unnamed_) {
+      for (const auto& child : children->children()) {
+        if (!child.mayHaveOtherMetadata) otherMetadata.try_emplace(child.documentIdentifier, nullptr);
+      }
+    }
+    unnamed_.clear();
+    missed_ = 0;
+    found = otherMetadata.find(documentIdentifier);
+  }
+  return found == otherMetadata.end() ? std::nullopt : std::optional(found->second);
+}
+
+void DCDatabase::Memory::keepOtherMetadata(const Data& documentIdentifier, const OtherMetadata& metadata) {
+  otherMetadata.insert_or_assign(documentIdentifier, metadata);
+  ++metadataChanges_;
 }
 
 void DCDatabase::forgetAnswers() {
@@ -78,14 +165,13 @@ void DCDatabase::forgetAnswers() {
 
 void DCDatabase::rememberIdentifier(const std::string& path, const std::optional<Data>& documentIdentifier) {
   std::lock_guard lock(memory_->mutex);
-  memory_->identifiers.insert_or_assign(path, documentIdentifier);
-  memory_->lastChildren.reset();
+  memory_->keepIdentifier(path, documentIdentifier);
 }
 
 void DCDatabase::rememberOtherMetadata(const Data& documentIdentifier,
                                        const std::shared_ptr<DCManagedOtherMetadata>& metadata) {
   std::lock_guard lock(memory_->mutex);
-  memory_->otherMetadata.insert_or_assign(documentIdentifier, metadata);
+  memory_->keepOtherMetadata(documentIdentifier, metadata);
 }
 
 void DCDatabase::rememberUpload(const std::string& path, const UploadPtr& upload) {
@@ -105,18 +191,14 @@ void DCDatabase::forgetStoredLocalMetadata() {
 
 std::optional<Data> DCDatabase::knownDocumentIdentifierForPath(const std::string& path) {
   using Answer = std::optional<Data>;
-  auto answer = known<Answer>([&](Memory& memory) -> std::optional<Answer> {
-    auto found = memory.identifiers.find(path);
-    if (found == memory.identifiers.end()) return std::nullopt;
-    return std::optional<Answer>(std::in_place, found->second);
-  });
+  auto answer = known<Answer>([&](Memory& memory) { return memory.identifierForPath(path); });
   if (answer) return *answer;
   auto context = managedObjectContext();
   return context->performAndWait([&] {
     auto found = documentIdentifierForPath(path);
     std::lock_guard lock(memory_->mutex);
     memory_->validate(*context);
-    memory_->identifiers.insert_or_assign(path, found);
+    memory_->keepIdentifier(path, found);
     return found;
   });
 }
@@ -124,10 +206,7 @@ std::optional<Data> DCDatabase::knownDocumentIdentifierForPath(const std::string
 std::shared_ptr<DCManagedOtherMetadata> DCDatabase::knownOtherMetadataForDocumentIdentifier(
     const Data& documentIdentifier) {
   using Answer = std::shared_ptr<DCManagedOtherMetadata>;
-  auto answer = known<Answer>([&](Memory& memory) -> std::optional<Answer> {
-    auto found = memory.otherMetadata.find(documentIdentifier);
-    return found == memory.otherMetadata.end() ? std::nullopt : std::optional(found->second);
-  });
+  auto answer = known<Answer>([&](Memory& memory) { return memory.otherMetadataForIdentifier(documentIdentifier); });
   if (answer && (!*answer || !(*answer)->isDeleted())) return *answer;
   auto context = managedObjectContext();
   return context->performAndWait([&] {
@@ -224,13 +303,42 @@ std::vector<std::pair<std::string, DCDatabase::UploadPtr>> DCDatabase::knownUplo
 }
 
 bool DCDatabase::hasPrefetchedChildrenOf(const std::string& directoryPath) {
-  return known<bool>([&](Memory& memory) { return std::optional(memory.prefetched.contains(directoryPath)); }).value();
+  return known<bool>([&](Memory& memory) {
+           auto found = memory.directories.find(directoryPath);
+           return std::optional(found != memory.directories.end() && found->second.children);
+         })
+      .value();
 }
 
 void DCDatabase::beginPrefetchingChildrenOf(const std::string& directoryPath) {
   if (hasPrefetchedChildrenOf(directoryPath)) return;
   managedObjectContext()->perform(
       [self = shared_from_this(), directoryPath] { self->prefetchChildrenOf(directoryPath); });
+}
+
+// The identifiers of the children that have some; their records become known.
+std::unordered_set<Data, DataHash> DCDatabase::prefetchOtherMetadataBelow(const std::string& directoryPath) {
+  auto context = managedObjectContext();
+  ManagedObjectFetch fetch;
+  fetch.entity = DCEntityIndexOtherMetadata;
+  fetch.joined = {DCManagedOtherMetadata::DocumentIdentifier,
+                  DCEntityIndexPath,
+                  DCManagedPath::DocumentIdentifier,
+                  {DCManagedPath::Path, folderPrefix(directoryPath), true}};
+  const auto found = context->fetch(fetch);
+  std::unordered_set<Data, DataHash> identifiers;
+  identifiers.reserve(found.size());
+  std::vector<std::pair<Data, std::shared_ptr<DCManagedOtherMetadata>>> records;
+  records.reserve(found.size());
+  for (const auto& object : found) {
+    auto record = std::static_pointer_cast<DCManagedOtherMetadata>(object);
+    auto identifier = record->documentIdentifier();
+    if (identifier && identifiers.insert(*identifier).second) records.emplace_back(*identifier, record);
+  }
+  std::lock_guard lock(memory_->mutex);
+  memory_->validate(*context);
+  for (const auto& [identifier, record] : records) memory_->otherMetadata.insert_or_assign(identifier, record);
+  return identifiers;
 }
 
 void DCDatabase::prefetchChildrenOf(const std::string& directoryPath) {
@@ -240,29 +348,42 @@ void DCDatabase::prefetchChildrenOf(const std::string& directoryPath) {
   context->performAndWait([&] {
     // Begun ahead, and come to its end by now.
     if (hasPrefetchedChildrenOf(directoryPath)) return;
-    auto identifiers = documentIdentifiers(directoryPath, true);
+    const std::string prefix = folderPrefix(directoryPath);
     ManagedObjectFetch fetch;
-    fetch.entity = DCEntityIndexOtherMetadata;
-    fetch.joined = {DCManagedOtherMetadata::DocumentIdentifier,
-                    DCEntityIndexPath,
-                    DCManagedPath::DocumentIdentifier,
-                    {DCManagedPath::Path, folderPrefix(directoryPath), true}};
-    std::unordered_map<Data, std::shared_ptr<DCManagedOtherMetadata>, DataHash> found;
-    for (const auto& object : context->fetch(fetch)) {
-      auto record = std::static_pointer_cast<DCManagedOtherMetadata>(object);
-      if (auto identifier = record->documentIdentifier()) found.emplace(*identifier, record);
+    fetch.entity = DCEntityIndexPath;
+    fetch.below = {DCManagedPath::Path, prefix, true};
+    std::vector<DCKnownChildren::Child> children;
+    static constexpr std::size_t attributes[] = {DCManagedPath::Path, DCManagedPath::DocumentIdentifier};
+    context->visit(fetch, attributes, [&](std::span<const std::string_view> values) {
+      const std::string_view path = values[0], identifier = values[1];
+      if (path.empty() || identifier.empty()) return;
+      children.push_back({std::string(path.substr(prefix.size())), Data::fromString(identifier)});
+    });
+    const auto withMetadata = prefetchOtherMetadataBelow(directoryPath);
+    if (!withMetadata.empty()) {
+      for (auto& child : children) child.mayHaveOtherMetadata = withMetadata.contains(child.documentIdentifier);
     }
+    auto known = std::make_shared<const DCKnownChildren>(std::move(children));
     std::lock_guard lock(memory_->mutex);
     memory_->validate(*context);
-    for (const auto& [path, identifier] : identifiers) {
-      auto record = found.find(identifier);
-      memory_->otherMetadata.insert_or_assign(identifier, record == found.end() ? nullptr : record->second);
-      memory_->identifiers.insert_or_assign(path, identifier);
-    }
-    memory_->prefetched.insert(directoryPath);
-    memory_->lastDirectory = directoryPath;
-    memory_->lastChildren = std::move(identifiers);
+    memory_->keepChildren(directoryPath, std::move(known));
   });
+}
+
+DCKnownChildren::Ptr DCDatabase::knownChildrenOf(const std::string& directoryPath) {
+  using Answer = DCKnownChildren::Ptr;
+  auto look = [&](Memory& memory) -> std::optional<Answer> {
+    auto children = memory.childrenOf(directoryPath);
+    return children ? std::optional(std::move(children)) : std::nullopt;
+  };
+  auto answer = known<Answer>(look);
+  if (!answer) {
+    managedObjectContext()->performAndWait([&] {
+      prefetchChildrenOf(directoryPath);
+      answer = known<Answer>(look);
+    });
+  }
+  return answer ? *answer : std::make_shared<const DCKnownChildren>(std::vector<DCKnownChildren::Child>());
 }
 
 void DCDatabase::refresh() {

@@ -2,9 +2,8 @@
 #include "Client/Client/DCDatabase.h"
 #include "Client/Client/DCLog.h"
 
-#include <algorithm>
 #include <cstddef>
-#include <ranges>
+#include <memory>
 #include <unordered_set>
 
 #include <unistd.h>
@@ -15,8 +14,6 @@ namespace {
 
 using PathPtr = std::shared_ptr<DCManagedPath>;
 
-// A huge folder's records are not all in memory at once: recording them again after a kill does no harm.
-constexpr std::ptrdiff_t kPathsOfASave = 10'000;
 constexpr std::size_t kFewPaths = 16;
 
 std::string folderPrefix(const std::string& directoryPath) {
@@ -90,31 +87,62 @@ Result<void> DCDatabase::setDocumentIdentifiers(
     const std::vector<std::pair<std::string, Data>>& documentIdentifiersByPath, const std::string& directoryPath) {
   DCLogTrace("-[DCDatabase setDocumentIdentifiers:forPathsBelow:]",
              {{"count", documentIdentifiersByPath.size()}, {"directoryPath", directoryPath}});
-  const auto recorded = documentIdentifiers(directoryPath, true);
-  auto next = documentIdentifiersByPath.begin();
-  while (next != documentIdentifiersByPath.end()) {
-    const auto end = next + std::min(kPathsOfASave, documentIdentifiersByPath.end() - next);
-    auto saved = change(Durability::Full, [&](ManagedObjectContext& context) {
-      for (const auto& [path, documentIdentifier] : std::ranges::subrange(next, end)) {
-        PathPtr record;
-        if (recorded.contains(path)) record = first<DCManagedPath>(DCEntityIndexPath, {{DCManagedPath::Path, path}});
-        if (!record) {
-          record = std::static_pointer_cast<DCManagedPath>(context.insert(DCEntityIndexPath));
-          record->setPath(path);
-        }
-        record->setDocumentIdentifier(documentIdentifier);
+  const std::size_t prefixSize = folderPrefix(directoryPath).size();
+  bool isInserted = false;
+  auto record = [&](ManagedObjectContext& context, bool insertsAtOnce) {
+    const auto known = knownChildrenOf(directoryPath);
+    DCKnownChildren::Walk walk(*known);
+    std::vector<const std::pair<std::string, Data>*> newcomers;
+    for (const auto& each : documentIdentifiersByPath) {
+      const auto& [path, documentIdentifier] = each;
+      if (!walk.named(std::string_view(path).substr(prefixSize))) {
+        newcomers.push_back(&each);
+      } else if (auto found = first<DCManagedPath>(DCEntityIndexPath, {{DCManagedPath::Path, path}})) {
+        found->setDocumentIdentifier(documentIdentifier);
         rememberIdentifier(path, documentIdentifier);
+      } else {
+        newcomers.push_back(&each);
       }
-    });
-    if (!saved) return saved;
-    next = end;
+    }
+    isInserted = insertsAtOnce && newcomers.size() > kFewPaths && recordNewcomers(context, directoryPath, newcomers);
+    if (isInserted) return;
+    for (const auto* newcomer : newcomers) {
+      auto made = std::static_pointer_cast<DCManagedPath>(context.insert(DCEntityIndexPath));
+      made->setPath(newcomer->first);
+      made->setDocumentIdentifier(newcomer->second);
+      rememberIdentifier(newcomer->first, newcomer->second);
+    }
+  };
+  auto saved = change(Durability::Full, [&](ManagedObjectContext& context) { record(context, true); });
+  if (saved || !isInserted) return saved;
+  // What could not be saved stays in memory.
+  forgetAnswers();
+  return change(Durability::Full, [&](ManagedObjectContext& context) { record(context, false); });
+}
+
+// Many at once. What is known of them is asked for together, too.
+bool DCDatabase::recordNewcomers(ManagedObjectContext& context, const std::string& directoryPath,
+                                 const std::vector<const std::pair<std::string, Data>*>& newcomers) {
+  static constexpr std::size_t attributes[] = {DCManagedPath::Path, DCManagedPath::DocumentIdentifier};
+  const bool inserted = context.insertRecords(
+      DCEntityIndexPath, attributes, newcomers.size(), [&](std::size_t record, std::size_t attribute) {
+        const auto& [path, documentIdentifier] = *newcomers[record];
+        return attribute == DCManagedPath::Path ? std::string_view(path) : documentIdentifier.view();
+      });
+  if (!inserted) return false;
+  const auto withMetadata = prefetchOtherMetadataBelow(directoryPath);
+  const std::size_t prefixSize = folderPrefix(directoryPath).size();
+  auto children = knownChildrenOf(directoryPath)->children();
+  children.reserve(children.size() + newcomers.size());
+  for (const auto* newcomer : newcomers) {
+    const auto& [path, documentIdentifier] = *newcomer;
+    children.push_back({path.substr(prefixSize), documentIdentifier, withMetadata.contains(documentIdentifier)});
   }
-  if (documentIdentifiersByPath.size() > kFewPaths) {
-    // What is known of that many newcomers is asked for at once, not one by one.
-    std::lock_guard lock(memory_->mutex);
-    memory_->prefetched.erase(directoryPath);
-  }
-  return {};
+  auto known = std::make_shared<const DCKnownChildren>(std::move(children));
+  std::lock_guard lock(memory_->mutex);
+  memory_->validate(context);
+  memory_->keepChildren(directoryPath, std::move(known));
+  return true;
 }
 
 std::optional<Data> DCDatabase::documentIdentifierForPath(const std::string& path) {
@@ -123,31 +151,17 @@ std::optional<Data> DCDatabase::documentIdentifierForPath(const std::string& pat
   return record ? record->documentIdentifier() : std::nullopt;
 }
 
-std::unordered_map<std::string, Data> DCDatabase::documentIdentifiers(const std::string& directoryPath,
-                                                                      bool onlyChildren) {
-  std::unordered_map<std::string, Data> identifiers;
-  managedObjectContext()->visit(below(DCEntityIndexPath, DCManagedPath::Path, directoryPath, onlyChildren),
-                                [&](std::span<const Value> values) {
-                                  auto identifier = values[DCManagedPath::DocumentIdentifier].asData();
-                                  auto path = values[DCManagedPath::Path].asString();
-                                  if (identifier && path) identifiers.emplace(*path, *identifier);
-                                });
-  return identifiers;
-}
-
 std::unordered_map<std::string, Data> DCDatabase::documentIdentifiersForPathsBelow(const std::string& directoryPath) {
   DCLogTrace("-[DCDatabase documentIdentifiersForPathsBelow:]", {{"directoryPath", directoryPath}});
-  return documentIdentifiers(directoryPath, false);
-}
-
-std::unordered_map<std::string, Data> DCDatabase::documentIdentifiersForChildrenOf(const std::string& directoryPath) {
-  DCLogTrace("-[DCDatabase documentIdentifiersForChildrenOf:]", {{"directoryPath", directoryPath}});
-  refresh();
-  using Children = std::unordered_map<std::string, Data>;
-  auto children = known<Children>([&](Memory& memory) {
-    return memory.lastDirectory == directoryPath ? std::exchange(memory.lastChildren, std::nullopt) : std::nullopt;
-  });
-  return children ? std::move(*children) : documentIdentifiers(directoryPath, true);
+  static constexpr std::size_t attributes[] = {DCManagedPath::Path, DCManagedPath::DocumentIdentifier};
+  std::unordered_map<std::string, Data> identifiers;
+  managedObjectContext()->visit(below(DCEntityIndexPath, DCManagedPath::Path, directoryPath, false), attributes,
+                                [&](std::span<const std::string_view> values) {
+                                  const std::string_view path = values[0], identifier = values[1];
+                                  if (path.empty() || identifier.empty()) return;
+                                  identifiers.emplace(path, Data::fromString(identifier));
+                                });
+  return identifiers;
 }
 
 std::vector<std::string> DCDatabase::pathsForDocumentIdentifier(const Data& documentIdentifier) {

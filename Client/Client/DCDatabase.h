@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Client/Client/DCKnownChildren.h"
 #include "Client/Client/DCManagedObjectModel.h"
 #include "Client/Client/DCManagedOtherMetadata.h"
 #include "Client/Client/DCManagedPath.h"
@@ -57,13 +58,12 @@ class DCDatabase : public std::enable_shared_from_this<DCDatabase> {
   Result<void> performBatch(const std::function<void()>& work, bool rollbackOnFailure = false);
 
   Result<void> setDocumentIdentifier(const Data& documentIdentifier, const std::string& path);
-  // Those of a listing: every path is a child of the directory. One query and few transactions for all.
+  // Those of a listing: every path is a child of the directory. One transaction for all; not within performBatch.
   Result<void> setDocumentIdentifiers(const std::vector<std::pair<std::string, Data>>& documentIdentifiersByPath,
                                       const std::string& directoryPath);
   std::optional<Data> documentIdentifierForPath(const std::string& path);
-  // By path, of the whole tree below the directory, or of its children; one query.
+  // By path, of the whole tree below the directory; one query.
   std::unordered_map<std::string, Data> documentIdentifiersForPathsBelow(const std::string& directoryPath);
-  std::unordered_map<std::string, Data> documentIdentifiersForChildrenOf(const std::string& directoryPath);
   std::vector<std::string> pathsForDocumentIdentifier(const Data& documentIdentifier);
   // A record that was at the new path goes; nothing happens when there is none at the old one.
   Result<void> renamePath(const std::string& srcPath, const std::string& dstPath);
@@ -113,7 +113,8 @@ class DCDatabase : public std::enable_shared_from_this<DCDatabase> {
   UploadPtr knownUploadForPath(const std::string& path);
   // By path: those of the folder's own children, or of the whole tree below it.
   std::vector<std::pair<std::string, UploadPtr>> knownUploadsBelow(const std::string& directoryPath, bool onlyChildren);
-  // Makes the answers about all children of a directory known, with two queries.
+  // All children of a directory; never null. Makes the answers about them known, with two queries.
+  DCKnownChildren::Ptr knownChildrenOf(const std::string& directoryPath);
   void prefetchChildrenOf(const std::string& directoryPath);
   // The same on the context's queue while the caller goes on.
   void beginPrefetchingChildrenOf(const std::string& directoryPath);
@@ -163,7 +164,9 @@ class DCDatabase : public std::enable_shared_from_this<DCDatabase> {
   Result<void> removeMetadata(std::size_t entity, const Data& documentIdentifier);
   template <typename T>
   std::shared_ptr<T> metadataMade(std::size_t entity, const Data& documentIdentifier, ManagedObjectContext& context);
-  std::unordered_map<std::string, Data> documentIdentifiers(const std::string& directoryPath, bool onlyChildren);
+  bool recordNewcomers(ManagedObjectContext& context, const std::string& directoryPath,
+                       const std::vector<const std::pair<std::string, Data>*>& newcomers);
+  std::unordered_set<Data, DataHash> prefetchOtherMetadataBelow(const std::string& directoryPath);
   void renameUploads(const std::string& srcPath, const std::string& dstPath, ManagedObjectContext& context);
   std::vector<UploadPtr> fetchUploads(const ManagedObjectFetch& fetch);
   void announceUploads();

@@ -6,6 +6,8 @@
 #include "platform/ResourceValues.h"
 
 #include <algorithm>
+#include <filesystem>
+#include <system_error>
 
 #include <sys/stat.h>
 
@@ -14,6 +16,8 @@ namespace florvane {
 namespace {
 
 constexpr char kSource[] = "Client/Client/DCDocumentManager";
+// Beyond this many looks for folders all of them are read at once.
+constexpr std::size_t kFewLooks = 1024;
 
 bool isOfDocument(const Value& entry, const Data& documentIdentifier) {
   static const Key key(FVDocumentIdentifierKey);
@@ -79,77 +83,123 @@ std::optional<DCDirectoryChanges::Child> DCDirectoryChanges::childOfEntry(const 
   return child;
 }
 
-DCDirectoryChanges::Kind DCDirectoryChanges::kindOfChild(const Child& child) const {
-  const std::string path = pathOf(child.name);
-  auto recorded = identifiersByPath_.find(path);
-  if (recorded != identifiersByPath_.end()) {
-    if (!(recorded->second == child.documentIdentifier)) return Kind::Other;
+DCDirectoryChanges::Records& DCDirectoryChanges::records() {
+  if (records_) return *records_;
+  records_.emplace();
+  records_->identifiersByPath.reserve(recorded_->children().size());
+  for (const auto& child : recorded_->children()) {
+    std::string path = pathOf(child.name);
+    records_->pathsByIdentifier[child.documentIdentifier].push_back(path);
+    records_->identifiersByPath.emplace(std::move(path), child.documentIdentifier);
+  }
+  return *records_;
+}
+
+bool DCDirectoryChanges::isRecorded(const Child& child) const {
+  if (!records_) {
+    const auto* recorded = recorded_->named(child.name);
+    return recorded && recorded->documentIdentifier == child.documentIdentifier;
+  }
+  auto recorded = records_->identifiersByPath.find(pathOf(child.name));
+  return recorded != records_->identifiersByPath.end() && recorded->second == child.documentIdentifier;
+}
+
+bool DCDirectoryChanges::isHeld(const std::string& name) const {
+  return std::binary_search(held_.begin(), held_.end(), name);
+}
+
+DCDirectoryChanges::Kind DCDirectoryChanges::kindOfChild(const Child& child, const DCKnownChildren::Child* recorded) {
+  if (recorded) {
+    if (!(recorded->documentIdentifier == child.documentIdentifier)) return Kind::Other;
     const Value* before = previousEntry(child.documentIdentifier);
     if (!before) return Kind::Unverified;
     return *before == *child.entry ? Kind::Unchanged : Kind::Changed;
   }
-  const bool isElsewhere =
-      pathsByIdentifier_.contains(child.documentIdentifier) || isKnownElsewhere(child.documentIdentifier);
   // A new file that waits to be sent, or an item that somebody holds already, takes the identifier by itself.
-  const bool isHeld = database_->knownUploadForPath(path) || manager_->knownItem(path);
-  return isElsewhere || isHeld ? Kind::Other : Kind::New;
+  const std::string name(child.name);
+  if (isHeld(name) || std::binary_search(uploads_.begin(), uploads_.end(), name)) return Kind::Other;
+  const bool isRecorded =
+      !recorded_->children().empty() && records().pathsByIdentifier.contains(child.documentIdentifier);
+  return isRecorded || isKnownElsewhere(child.documentIdentifier) ? Kind::Other : Kind::New;
 }
 
 // What was ever fetched of a document has a folder of its own, which a look at the disk tells without a query.
-bool DCDirectoryChanges::isKnownElsewhere(const Data& documentIdentifier) const {
-  struct stat status{};
-  return stat((metadataRoot_ + "/" + pu_hex(documentIdentifier)).c_str(), &status) == 0;
+bool DCDirectoryChanges::isKnownElsewhere(const Data& documentIdentifier) {
+  const std::string folder = pu_hex(documentIdentifier);
+  if (!fetched_ && looks_ < kFewLooks) {
+    ++looks_;
+    struct stat status{};
+    return stat((metadataRoot_ + "/" + folder).c_str(), &status) == 0;
+  }
+  if (!fetched_) {
+    fetched_.emplace();
+    std::error_code error;
+    std::filesystem::directory_iterator entries(metadataRoot_, error), end;
+    for (; !error && entries != end; entries.increment(error)) fetched_->insert(entries->path().filename().string());
+  }
+  return fetched_->contains(folder);
 }
 
 void DCDirectoryChanges::processFetchingForChild(const DCCachedFile::Ptr& child,
                                                  std::optional<Dictionary>* remoteMetadata) {
   if (remoteMetadata) remoteMetadata->reset();
-  manager_->prefetchChildrenOf(*directory_);
-  pathsByIdentifier_ = manager_->childrenByDocumentIdentifier(*directory_);
-  for (const auto& [identifier, paths] : pathsByIdentifier_) {
-    for (const auto& path : paths) identifiersByPath_.emplace(path, identifier);
+  recorded_ = manager_->knownChildrenOf(*directory_);
+  held_ = manager_->namesOfKnownItemsIn(*directory_);
+  for (const auto& [path, upload] : database_->knownUploadsBelow(directoryPath_, true)) {
+    uploads_.push_back(path.substr(prefix_.size()));
   }
   const auto wanted = child ? std::optional(child->relativePath()->string()) : std::nullopt;
   const auto wantedIdentifier = child ? child->documentIdentifier() : std::nullopt;
 
   std::vector<Child> others;
   std::vector<std::pair<std::string, Data>> newChildren;
+  DCKnownChildren::Walk walk(*recorded_);
+  std::size_t inPlace = 0;
+  bool isOther = false;
   for (const Value& entry : current_->entries()) {
     auto listed = childOfEntry(entry);
     if (!listed) continue;
-    switch (kindOfChild(*listed)) {
+    const auto* recorded = walk.named(listed->name);
+    const Kind kind = kindOfChild(*listed, recorded);
+    switch (kind) {
       case Kind::Unchanged:
+        ++inPlace;
         break;
       case Kind::New:
         newChildren.emplace_back(listed->name, listed->documentIdentifier);
         break;
       case Kind::Unverified:
+        listed->isWorthLooking = recorded->mayHaveOtherMetadata || isHeld(recorded->name);
+        [[fallthrough]];
       case Kind::Changed:
+        ++inPlace;
+        others.push_back(*listed);
+        break;
       case Kind::Other:
+        isOther = true;
         others.push_back(*listed);
         break;
     }
-    if (remoteMetadata && (pathOf(listed->name) == wanted || listed->documentIdentifier == wantedIdentifier)) {
+    if (remoteMetadata && child && (pathOf(listed->name) == wanted || listed->documentIdentifier == wantedIdentifier)) {
       const auto* remoteMetadataPtr = remoteMetadata;
       DCAssert(!*remoteMetadataPtr, kSource);
       *remoteMetadata = entry.asDictionary();
     }
   }
-  if (!newChildren.empty()) {
-    // A failure is logged there; the next listing records them.
-    (void)manager_->recordChildren(*directory_, newChildren);
-    // The answers about all of them at once, for the listing that follows.
-    manager_->prefetchChildrenOf(*directory_);
+  // A failure is logged there; the next listing records them.
+  if (!newChildren.empty()) (void)manager_->recordChildren(*directory_, newChildren);
+  const bool isAnyVanished = inPlace < recorded_->children().size();
+  for (const Child& other : others) {
+    // While every child is in its place nobody can have come between one and its record.
+    if (other.isWorthLooking || isOther || isAnyVanished) settle(other);
   }
-  for (const Child& other : others) settle(other);
-  removeVanished();
+  if (isAnyVanished || records_) removeVanished();
 }
 
 void DCDirectoryChanges::settle(const Child& child) {
   const std::string path = pathOf(child.name);
   const Data& documentIdentifier = child.documentIdentifier;
-  auto recorded = identifiersByPath_.find(path);
-  if (recorded != identifiersByPath_.end() && recorded->second == documentIdentifier) {
+  if (isRecorded(child)) {
     const bool isKept = database_->knownOtherMetadataForDocumentIdentifier(documentIdentifier) != nullptr;
     const Value* before = previousEntry(documentIdentifier);
     const bool isChanged = before && DCDirectoryContents::nameOfEntry(*before) == child.name;
@@ -167,9 +217,9 @@ void DCDirectoryChanges::settle(const Child& child) {
     const auto version = child.entry->asDictionary()->data(FVVersionIdentifierKey);
     if (found->relativePath()->string() != path) {
       if (before && !found->documentIdentifier()) DCAssertionFailed(kSource, __LINE__, "child.documentIdentifier");
-      identifiersByPath_.erase(found->relativePath()->string());
+      records().identifiersByPath.erase(found->relativePath()->string());
       manager_->moveItem(found, documentIdentifier, version, relativePathOf(path));
-      identifiersByPath_.insert_or_assign(path, documentIdentifier);
+      records().identifiersByPath.insert_or_assign(path, documentIdentifier);
     }
     compare(found, child, false);
     return;
@@ -188,7 +238,7 @@ void DCDirectoryChanges::settle(const Child& child) {
     // A file of this client's own, which the server knows by now.
     hooks_.didUpdateAttributes(item, *child.entry->asDictionary());
   }
-  identifiersByPath_.insert_or_assign(path, documentIdentifier);
+  records().identifiersByPath.insert_or_assign(path, documentIdentifier);
 }
 
 // Where the document is in the cache, if it is anywhere, as an item of the entry's kind.
@@ -196,7 +246,8 @@ DCCachedItem::Ptr DCDirectoryChanges::findByIdentity(const Child& child) {
   // Of several names of one document each is itself.
   if (current_->entryWithDocumentIdentifier(child.documentIdentifier) != child.entry) return nullptr;
   std::vector<std::string> paths;
-  if (auto found = pathsByIdentifier_.find(child.documentIdentifier); found != pathsByIdentifier_.end()) {
+  const auto& pathsByIdentifier = records().pathsByIdentifier;
+  if (auto found = pathsByIdentifier.find(child.documentIdentifier); found != pathsByIdentifier.end()) {
     paths = found->second;
   } else if (isFresh_) {
     paths = database_->pathsForDocumentIdentifier(child.documentIdentifier);
@@ -238,10 +289,10 @@ DCCachedItem::Ptr DCDirectoryChanges::replace(const DCCachedItem::Ptr& old, cons
       // It lives on under another name of this listing, where it goes at once; its own turn finds it there.
       auto itsChild = childOfEntry(*itsEntry);
       if (itsChild && itsChild->isDirectory == isDirectoryItem(old)) {
-        identifiersByPath_.erase(path);
+        records().identifiersByPath.erase(path);
         manager_->moveItem(old, previousDocumentIdentifier, std::nullopt, relativePathOf(pathOf(itsChild->name)));
-        identifiersByPath_.insert_or_assign(pathOf(itsChild->name), *previousDocumentIdentifier);
-        pathsByIdentifier_[*previousDocumentIdentifier] = {pathOf(itsChild->name)};
+        records().identifiersByPath.insert_or_assign(pathOf(itsChild->name), *previousDocumentIdentifier);
+        records().pathsByIdentifier[*previousDocumentIdentifier] = {pathOf(itsChild->name)};
       } else {
         remove(old, *previousDocumentIdentifier);
       }
@@ -295,10 +346,17 @@ void DCDirectoryChanges::markStaleIfServerWentBack(const DCCachedItem::Ptr& item
 
 void DCDirectoryChanges::removeVanished() {
   std::vector<std::pair<std::string, Data>> vanished;
-  for (const auto& [path, documentIdentifier] : identifiersByPath_) {
-    const std::string_view name = std::string_view(path).substr(prefix_.size());
-    const Value* entry = DCCachedItemManager::isParkedPath(path) ? nullptr : current_->entryNamed(name);
+  DCDirectoryContents::Walk walk(*current_);
+  auto look = [&](const std::string& path, std::string_view name, const Data& documentIdentifier) {
+    const Value* entry = DCCachedItemManager::isParkedPath(path) ? nullptr : walk.entryNamed(name);
     if (!entry || !isOfDocument(*entry, documentIdentifier)) vanished.emplace_back(path, documentIdentifier);
+  };
+  if (records_) {
+    for (const auto& [path, documentIdentifier] : records_->identifiersByPath) {
+      look(path, std::string_view(path).substr(prefix_.size()), documentIdentifier);
+    }
+  } else {
+    for (const auto& child : recorded_->children()) look(pathOf(child.name), child.name, child.documentIdentifier);
   }
   for (const auto& [path, documentIdentifier] : vanished) {
     // Moved on, meanwhile, or somebody else's place by now.
@@ -324,9 +382,9 @@ void DCDirectoryChanges::removeVanished() {
 
 void DCDirectoryChanges::remove(const DCCachedItem::Ptr& item, const Data& documentIdentifier) {
   const std::string path = item->relativePath()->string();
-  if (auto recorded = identifiersByPath_.find(path);
-      recorded != identifiersByPath_.end() && recorded->second == documentIdentifier) {
-    identifiersByPath_.erase(recorded);
+  if (auto recorded = records().identifiersByPath.find(path);
+      recorded != records().identifiersByPath.end() && recorded->second == documentIdentifier) {
+    records().identifiersByPath.erase(recorded);
   }
   manager_->removeItem(item);
 }

@@ -3,6 +3,7 @@
 #include "Client/Client/DCCachedItemManager.h"
 #include "Client/Client/DCDatabase.h"
 #include "Client/Client/DCDirectoryContents.h"
+#include "Client/Client/DCKnownChildren.h"
 
 #include <cstddef>
 #include <functional>
@@ -10,6 +11,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -44,12 +46,23 @@ class DCDirectoryChanges {
     std::string_view name;
     Data documentIdentifier;
     bool isDirectory = false;
+    // Whether there may be more to do than to see that it is where the entry says.
+    bool isWorthLooking = true;
   };
   enum class Kind : std::uint8_t { Unchanged, Unverified, Changed, New, Other };
+  // What the database has for the directory's children, to be kept in step while changes are made.
+  struct Records {
+    std::unordered_map<Data, std::vector<std::string>, DataHash> pathsByIdentifier;
+    std::unordered_map<std::string, Data> identifiersByPath;
+  };
 
   std::optional<Child> childOfEntry(const Value& entry) const;
-  Kind kindOfChild(const Child& child) const;
-  bool isKnownElsewhere(const Data& documentIdentifier) const;
+  Kind kindOfChild(const Child& child, const DCKnownChildren::Child* recorded);
+  bool isKnownElsewhere(const Data& documentIdentifier);
+  // At its place, as of now.
+  bool isRecorded(const Child& child) const;
+  bool isHeld(const std::string& name) const;
+  Records& records();
   const Value* previousEntry(const Data& documentIdentifier) const;
   std::string pathOf(std::string_view name) const;
   DCRelativePath::Ptr relativePathOf(const std::string& path) const;
@@ -73,9 +86,14 @@ class DCDirectoryChanges {
   const std::string directoryPath_;
   const std::string prefix_;
   const std::string metadataRoot_;
-  // What the database has for the directory's children; kept in step while the changes are made.
-  std::unordered_map<Data, std::vector<std::string>, DataHash> pathsByIdentifier_;
-  std::unordered_map<std::string, Data> identifiersByPath_;
+  // As it was before the changes, and the same once something is different from it.
+  DCKnownChildren::Ptr recorded_;
+  std::optional<Records> records_;
+  // Names of children that have an upload record, and of those that somebody holds, in plain order.
+  std::vector<std::string> uploads_, held_;
+  // The documents that something was ever fetched of, once more than a few were looked for.
+  std::size_t looks_ = 0;
+  std::optional<std::unordered_set<std::string>> fetched_;
 };
 
 }  // namespace florvane

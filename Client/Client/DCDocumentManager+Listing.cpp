@@ -16,12 +16,33 @@ namespace {
 
 constexpr char kSource[] = "Client/Client/DCDocumentManager";
 
-using NamesToEntries = std::map<std::string_view, const Value*>;
+// A name of a listing; the entry is null for what only this cache knows.
+struct Line {
+  std::string_view name;
+  const Value* entry;
+};
 
 std::string childPath(const std::string& directory, std::string_view name) {
   std::string path = directory;
   if (!path.empty()) path += '/';
   return path.append(name);
+}
+
+// In plain order of their names.
+std::vector<Line> linesOf(const DCDirectoryContents* contents,
+                          const std::map<std::string, DCCachedFile::Ptr>& localItems) {
+  std::vector<Line> lines;
+  lines.reserve((contents ? contents->entries().size() : 0) + localItems.size());
+  if (contents) {
+    for (const Value& entry : contents->entries()) lines.push_back({DCDirectoryContents::nameOfEntry(entry), &entry});
+  }
+  for (const auto& [name, item] : localItems) {
+    if (!contents || !contents->entryNamed(name)) lines.push_back({name, nullptr});
+  }
+  if (!localItems.empty() || (contents && !contents->isSortedByName())) {
+    std::sort(lines.begin(), lines.end(), [](const Line& a, const Line& b) { return a.name < b.name; });
+  }
+  return lines;
 }
 
 void setIfOther(Dictionary& dictionary, const char* key, const Value& value) {
@@ -98,40 +119,44 @@ DCDocumentManager::Listing DCDocumentManager::_listingOfDirectory(const DCCached
   auto contents = isListed ? directory->directoryContents() : nullptr;
   auto localItems =
       directory->isDropBox() ? std::map<std::string, DCCachedFile::Ptr>() : _localItemsInDirectory(*directory);
-  if (contents) database->prefetchChildrenOf(path);
 
-  std::vector<std::string_view> names;
-  names.reserve((contents ? contents->entries().size() : 0) + localItems.size());
-  if (contents) {
-    for (const Value& entry : contents->entries()) names.push_back(DCDirectoryContents::nameOfEntry(entry));
-  }
-  for (const auto& [name, item] : localItems) {
-    if (!contents || !contents->entryNamed(name)) names.push_back(name);
-  }
-  std::sort(names.begin(), names.end());
-
+  const std::vector<Line> lines = linesOf(contents.get(), localItems);
   std::size_t local = 0, remote = 0;
-  listing.contents.reserve(names.size());
-  for (std::string_view name : names) {
-    const Value* entry = contents ? contents->entryNamed(name) : nullptr;
+  // A listing of which there is nothing else to say is handed out as it is.
+  bool isAsListed = contents && contents->isSortedByName();
+  auto append = [&](std::size_t place, const Value& item) {
+    if (isAsListed && lines[place].entry && &item == lines[place].entry) return;
+    if (std::exchange(isAsListed, false)) {
+      listing.contents.reserve(lines.size());
+      for (std::size_t i = 0; i < place; ++i) listing.contents.append(*lines[i].entry);
+    }
+    listing.contents.append(item);
+  };
+  const auto recorded = contents ? database->knownChildrenOf(path)
+                                 : std::make_shared<const DCKnownChildren>(std::vector<DCKnownChildren::Child>());
+  DCKnownChildren::Walk walk(*recorded);
+  for (std::size_t place = 0; place < lines.size(); ++place) {
+    const auto [name, entry] = lines[place];
     auto found = localItems.empty() ? localItems.end() : localItems.find(std::string(name));
     DCCachedItem::Ptr item = found == localItems.end() ? nullptr : found->second;
     if (entry) ++remote;
     if (!item && entry) {
-      const std::string entryPath = childPath(path, name);
       static const Key identifierKey(FVDocumentIdentifierKey);
       const Value* identifier = DCDirectoryContents::valueOfEntry(*entry, identifierKey);
-      const bool isKnown = identifier && database->knownDocumentIdentifierForPath(entryPath) == identifier->asData();
+      const auto* child = walk.named(name);
+      const bool isKnown = child && identifier && identifier->kind() == Value::Kind::Data &&
+                           identifier->dataBytes() == child->documentIdentifier.view();
       if (isKnown) ++local;
       // Of what was never fetched there is nothing to say beyond its entry, and no item to make for it.
-      if (isKnown && !database->knownOtherMetadataForDocumentIdentifier(*identifier->asData())) {
-        listing.contents.append(*entry);
+      if (isKnown && (!child->mayHaveOtherMetadata ||
+                      !database->knownOtherMetadataForDocumentIdentifier(child->documentIdentifier))) {
+        append(place, *entry);
         continue;
       }
-      item = _itemOfEntry(*entry, entryPath);
+      item = _itemOfEntry(*entry, childPath(path, name));
       if (!item) {
         DCAssert(item, kSource);
-        listing.contents.append(*entry);
+        append(place, *entry);
         continue;
       }
     } else {
@@ -141,12 +166,13 @@ DCDocumentManager::Listing DCDocumentManager::_listingOfDirectory(const DCCached
       }
     }
     auto fields = entry ? entry->asDictionary() : std::nullopt;
-    listing.contents.append(_synthesizedMetadataForItem(*item, fields));
+    append(place, _synthesizedMetadataForItem(*item, fields));
     if (!entry && item->relativeAge() == DCCachedItemOrderLocalIsOlder) {
       DCAssertionFailed(kSource, __LINE__, "item.relativeAge != DCCachedItemOrderLocalIsOlder");
     }
   }
-  const bool isConsistent = names.size() == local && names.size() == remote;
+  if (isAsListed) listing.contents = contents->entries();
+  const bool isConsistent = lines.size() == local && lines.size() == remote;
   if (!contents) {
     // Never listed, or the listing cannot be read any more.
     listing.state = DCDocumentManagerFreshnessStateUnknown;

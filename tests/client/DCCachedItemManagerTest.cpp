@@ -290,13 +290,16 @@ TEST_F(DCCachedItemManagerTest, ChildrenAreAskedForTogether) {
   list("", "root", entries);
   file("f7")->setLastDownloadDate(clock_.now());
   auto other = DCCachedItemManager::managerWithService(service_, std::make_shared<DCDatabase>(service_, clock_));
-  other->prefetchChildrenOf(*other->root());
-  EXPECT_EQ(other->childrenByDocumentIdentifier(*other->root()).at(bytes("F499")), std::vector<std::string>{"f499"});
+  const auto known = other->knownChildrenOf(*other->root());
+  EXPECT_EQ(known->named("f499")->documentIdentifier, bytes("F499"));
+  EXPECT_TRUE(known->named("f7")->mayHaveOtherMetadata);
+  EXPECT_FALSE(known->named("f8")->mayHaveOtherMetadata);
   EXPECT_EQ(other->file(path("f7"))->lastDownloadDate(), clock_.now());
   EXPECT_FALSE(other->file(path("f8"))->lastDownloadDate());
   EXPECT_EQ(other->file(path("f8"))->documentIdentifier(), bytes("F8"));
   other->file(path("f8"))->setLastDownloadDate(clock_.now());
   EXPECT_TRUE(other->file(path("f8"))->lastDownloadDate());
+  EXPECT_TRUE(other->knownChildrenOf(*other->root())->named("f8")->mayHaveOtherMetadata);
 }
 
 TEST_F(DCCachedItemManagerTest, UploadsSendAStableCopyOfOneGeneration) {

@@ -7,6 +7,7 @@
 #include <csignal>
 #include <filesystem>
 #include <future>
+#include <map>
 #include <thread>
 
 #include <gmock/gmock.h>
@@ -26,6 +27,23 @@ using testing::UnorderedElementsAre;
 const std::string kPeer = std::string(FLORVANE_BIN_DIR) + "/database_peer";
 
 using DCDatabaseTest = DatabaseFixture;
+using Children = std::map<std::string, Data>;
+
+Children childrenOf(DCDatabase& database, const std::string& directory) {
+  Children children;
+  for (const auto& child : database.knownChildrenOf(directory)->children()) {
+    children.emplace(child.name, child.documentIdentifier);
+  }
+  return children;
+}
+
+std::vector<std::pair<std::string, Data>> newcomersOf(const std::string& directory, int count) {
+  std::vector<std::pair<std::string, Data>> newcomers;
+  for (int i = 0; i < count; ++i) {
+    newcomers.emplace_back(directory + "/n" + std::to_string(i), bytes("n" + std::to_string(i)));
+  }
+  return newcomers;
+}
 
 TEST_F(DCDatabaseTest, KeepsPathsAcrossOpenings) {
   {
@@ -69,7 +87,7 @@ TEST_F(DCDatabaseTest, MovesEverythingBelowAPath) {
               UnorderedElementsAre(std::pair("b", bytes("a")), std::pair("b/x", bytes("a/x")),
                                    std::pair("b/x/deep", bytes("a/x/deep")), std::pair("ab", bytes("ab")),
                                    std::pair("a.b", bytes("a.b"))));
-  EXPECT_THAT(database->documentIdentifiersForChildrenOf("b"), ElementsAre(std::pair("b/x", bytes("a/x"))));
+  EXPECT_EQ(childrenOf(*database, "b"), (Children{{"x", bytes("a/x")}}));
   EXPECT_THAT(database->uploadPaths(), ElementsAre("b/new"));
   EXPECT_NE(database->otherMetadataForDocumentIdentifier(bytes("b/new")), nullptr);
   EXPECT_EQ(test::readText(DCManagedUpload::temporaryUploadFileURLForItemAtPath("b/new", generation)->path()), "copy");
@@ -213,9 +231,13 @@ TEST_F(DCDatabaseTest, SavesTogetherOrNotAtAll) {
   EXPECT_EQ(database->documentIdentifierForPath("unsaved"), bytes("x"));
   EXPECT_EQ(open()->documentIdentifierForPath("unsaved"), std::nullopt);
   EXPECT_FALSE(database->saveWithError());
+  EXPECT_FALSE(database->setDocumentIdentifiers(newcomersOf("d", 200), "d"));
+  EXPECT_EQ(childrenOf(*database, "d").size(), 200U);
+  EXPECT_EQ(database->knownDocumentIdentifierForPath("d/n7"), bytes("n7"));
   sql("DROP TRIGGER full");
   EXPECT_TRUE(database->saveWithError());
   EXPECT_EQ(open()->documentIdentifierForPath("unsaved"), bytes("x"));
+  EXPECT_EQ(childrenOf(*open(), "d"), childrenOf(*database, "d"));
   sql("CREATE TRIGGER full BEFORE UPDATE ON Path BEGIN SELECT RAISE(ABORT, 'full'); END");
   EXPECT_FALSE(database->performBatch([&] { (void)database->setDocumentIdentifier(bytes("y"), "unsaved"); }, true));
   EXPECT_EQ(database->documentIdentifierForPath("unsaved"), bytes("x"));
@@ -317,29 +339,37 @@ TEST_F(DCDatabaseTest, DeletesOnlyItsOwnFiles) {
 
 // Answers that were read ahead hold until somebody changes what they tell, in this process or in another.
 TEST_F(DCDatabaseTest, ForgetsChildrenReadAheadWhenTheyChange) {
-  using Children = std::unordered_map<std::string, Data>;
   auto database = open(), other = open();
   ASSERT_TRUE(database->setDocumentIdentifier(bytes("1"), "d/a"));
   database->beginPrefetchingChildrenOf("d");
   ASSERT_TRUE(database->setDocumentIdentifier(bytes("2"), "d/b"));
-  EXPECT_EQ(database->documentIdentifiersForChildrenOf("d"), (Children{{"d/a", bytes("1")}, {"d/b", bytes("2")}}));
+  EXPECT_EQ(childrenOf(*database, "d"), (Children{{"a", bytes("1")}, {"b", bytes("2")}}));
 
   ASSERT_TRUE(database->setDocumentIdentifier(bytes("1"), "e/a"));
   database->prefetchChildrenOf("e");
   ASSERT_TRUE(other->setDocumentIdentifier(bytes("3"), "e/a"));
-  EXPECT_EQ(database->documentIdentifiersForChildrenOf("e"), (Children{{"e/a", bytes("3")}}));
+  database->refresh();
+  EXPECT_EQ(childrenOf(*database, "e"), (Children{{"a", bytes("3")}}));
 
   // Newcomers whose metadata another process has stored, together with more than are asked for one by one.
   database->prefetchChildrenOf("d");
   ASSERT_TRUE(other->saveOtherMetadata({{DCFileLastDownloadDateKey, Date::fromMicroseconds(7)}}, bytes("n5")));
-  std::vector<std::pair<std::string, Data>> newcomers;
-  for (int i = 0; i < 40; ++i) newcomers.emplace_back("d/n" + std::to_string(i), bytes("n" + std::to_string(i)));
-  ASSERT_TRUE(database->setDocumentIdentifiers(newcomers, "d"));
-  database->prefetchChildrenOf("d");
+  ASSERT_TRUE(database->setDocumentIdentifiers(newcomersOf("d", 40), "d"));
+  EXPECT_EQ(childrenOf(*database, "d"), childrenOf(*open(), "d"));
+  EXPECT_TRUE(database->knownChildrenOf("d")->named("n5")->mayHaveOtherMetadata);
+  EXPECT_FALSE(database->knownChildrenOf("d")->named("n6")->mayHaveOtherMetadata);
   auto known = database->knownOtherMetadataForDocumentIdentifier(bytes("n5"));
   ASSERT_TRUE(known);
   EXPECT_EQ(known->lastDownloadedDate(), Date::fromMicroseconds(7));
   EXPECT_FALSE(database->knownOtherMetadataForDocumentIdentifier(bytes("n6")));
+  ASSERT_TRUE(database->saveOtherMetadata({{DCFileLastDownloadDateKey, Date::fromMicroseconds(8)}}, bytes("n6")));
+  EXPECT_TRUE(database->knownChildrenOf("d")->named("n6")->mayHaveOtherMetadata);
+  for (int i = 7; i < 40; ++i) {
+    EXPECT_FALSE(database->knownOtherMetadataForDocumentIdentifier(bytes("n" + std::to_string(i))));
+  }
+  EXPECT_TRUE(database->renamePath("d/a", "d/z"));
+  EXPECT_TRUE(database->removePath("d/b"));
+  EXPECT_EQ(childrenOf(*database, "d"), childrenOf(*open(), "d"));
 }
 
 TEST_F(DCDatabaseTest, AnswersFromAHundredThousandRecords) {
@@ -361,7 +391,7 @@ TEST_F(DCDatabaseTest, AnswersFromAHundredThousandRecords) {
       "firstLookUpMicroseconds",
       std::to_string(
           std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - started).count()));
-  EXPECT_EQ(database->documentIdentifiersForChildrenOf("d42").size(), 1000U);
+  EXPECT_EQ(database->knownChildrenOf("d42")->children().size(), 1000U);
   EXPECT_EQ(database->documentIdentifiersForPathsBelow("").size(), 100'000U);
   EXPECT_TRUE(database->renamePathsBelow("d42", "moved"));
   EXPECT_EQ(database->documentIdentifierForPath("moved/999"), bytes("id"));

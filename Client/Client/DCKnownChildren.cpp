@@ -1,0 +1,35 @@
+#include "Client/Client/DCKnownChildren.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace florvane {
+
+DCKnownChildren::DCKnownChildren(std::vector<Child> children) : children_(std::move(children)) {
+  // The records of a listing were made in its order, which mostly is this one.
+  auto precedes = [](const Child& a, const Child& b) { return a.name < b.name; };
+  if (!std::is_sorted(children_.begin(), children_.end(), precedes)) {
+    std::stable_sort(children_.begin(), children_.end(), precedes);
+  }
+  auto isSame = [](const Child& a, const Child& b) { return a.name == b.name; };
+  children_.erase(std::unique(children_.begin(), children_.end(), isSame), children_.end());
+}
+
+std::size_t DCKnownChildren::placeOf(std::string_view name) const {
+  auto found = std::lower_bound(children_.begin(), children_.end(), name,
+                                [](const Child& child, std::string_view sought) { return child.name < sought; });
+  return static_cast<std::size_t>(found - children_.begin());
+}
+
+const DCKnownChildren::Child* DCKnownChildren::named(std::string_view name) const {
+  const std::size_t place = placeOf(name);
+  return place < children_.size() && children_[place].name == name ? &children_[place] : nullptr;
+}
+
+const DCKnownChildren::Child* DCKnownChildren::Walk::named(std::string_view name) {
+  const auto& children = known_.children_;
+  if (next_ >= children.size() || children[next_].name != name) next_ = known_.placeOf(name);
+  return next_ < children.size() && children[next_].name == name ? &children[next_++] : nullptr;
+}
+
+}  // namespace florvane
