@@ -95,6 +95,12 @@ DCDirectoryChanges::Records& DCDirectoryChanges::records() {
   return *records_;
 }
 
+void DCDirectoryChanges::record(const std::string& path, const Data& documentIdentifier) {
+  auto [place, isNew] = records().identifiersByPath.try_emplace(path, documentIdentifier);
+  if (isNew || place->second == documentIdentifier) return;
+  displaced_.emplace_back(path, std::exchange(place->second, documentIdentifier));
+}
+
 bool DCDirectoryChanges::isRecorded(const Child& child) const {
   if (!records_) {
     const auto* recorded = recorded_->named(child.name);
@@ -219,7 +225,7 @@ void DCDirectoryChanges::settle(const Child& child) {
       if (before && !found->documentIdentifier()) DCAssertionFailed(kSource, __LINE__, "child.documentIdentifier");
       records().identifiersByPath.erase(found->relativePath()->string());
       manager_->moveItem(found, documentIdentifier, version, relativePathOf(path));
-      records().identifiersByPath.insert_or_assign(path, documentIdentifier);
+      record(path, documentIdentifier);
     }
     compare(found, child, false);
     return;
@@ -238,7 +244,7 @@ void DCDirectoryChanges::settle(const Child& child) {
     // A file of this client's own, which the server knows by now.
     hooks_.didUpdateAttributes(item, *child.entry->asDictionary());
   }
-  records().identifiersByPath.insert_or_assign(path, documentIdentifier);
+  record(path, documentIdentifier);
 }
 
 // Where the document is in the cache, if it is anywhere, as an item of the entry's kind.
@@ -291,7 +297,7 @@ DCCachedItem::Ptr DCDirectoryChanges::replace(const DCCachedItem::Ptr& old, cons
       if (itsChild && itsChild->isDirectory == isDirectoryItem(old)) {
         records().identifiersByPath.erase(path);
         manager_->moveItem(old, previousDocumentIdentifier, std::nullopt, relativePathOf(pathOf(itsChild->name)));
-        records().identifiersByPath.insert_or_assign(pathOf(itsChild->name), *previousDocumentIdentifier);
+        record(pathOf(itsChild->name), *previousDocumentIdentifier);
         records().pathsByIdentifier[*previousDocumentIdentifier] = {pathOf(itsChild->name)};
       } else {
         remove(old, *previousDocumentIdentifier);
@@ -345,7 +351,7 @@ void DCDirectoryChanges::markStaleIfServerWentBack(const DCCachedItem::Ptr& item
 }
 
 void DCDirectoryChanges::removeVanished() {
-  std::vector<std::pair<std::string, Data>> vanished;
+  std::vector<std::pair<std::string, Data>> vanished = displaced_;
   DCDirectoryContents::Walk walk(*current_);
   auto look = [&](const std::string& path, std::string_view name, const Data& documentIdentifier) {
     const Value* entry = DCCachedItemManager::isParkedPath(path) ? nullptr : walk.entryNamed(name);

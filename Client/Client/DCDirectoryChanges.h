@@ -63,6 +63,7 @@ class DCDirectoryChanges {
   bool isRecorded(const Child& child) const;
   bool isHeld(const std::string& name) const;
   Records& records();
+  void record(const std::string& path, const Data& documentIdentifier);
   const Value* previousEntry(const Data& documentIdentifier) const;
   std::string pathOf(std::string_view name) const;
   DCRelativePath::Ptr relativePathOf(const std::string& path) const;
@@ -89,6 +90,8 @@ class DCDirectoryChanges {
   // As it was before the changes, and the same once something is different from it.
   DCKnownChildren::Ptr recorded_;
   std::optional<Records> records_;
+  // Those whose places others have taken: parked, unless an entry of their own has moved them on.
+  std::vector<std::pair<std::string, Data>> displaced_;
   // Names of children that have an upload record, and of those that somebody holds, in plain order.
   std::vector<std::string> uploads_, held_;
   // The documents that something was ever fetched of, once more than a few were looked for.
