@@ -6,6 +6,7 @@
 #include "Client/Client/DCCachedThumbnail.h"
 #include "Client/Client/DCDatabase.h"
 #include "Client/Client/DCLog.h"
+#include "Client/Client/DCTakeInLock.h"
 #include "Client/Client/DCTemporaryFile.h"
 #include "common/FVFGenerationIdentifierUtils.h"
 #include "common/FVFMetadataUtils.h"
@@ -221,9 +222,15 @@ void DCCachedItem::markContentsStale() {
 
 void DCCachedItem::prepareForDownload() {
   DCLogTrace("-[DCCachedItem prepareForDownload]");
+  auto isWithoutContents = [this] {
+    auto locked = lock();
+    return !hasBeenRemoved_ && !isUnsent() && remoteMetadata() && !holdsContentsOfRemoteMetadata();
+  };
+  if (!isWithoutContents()) return;
+  // Another process may be about to put in their place what belongs to it.
+  const DCTakeInLock takingIn(environment_->service);
   auto locked = lock();
-  if (hasBeenRemoved_ || isUnsent()) return;
-  if (remoteMetadata() && !holdsContentsOfRemoteMetadata()) forgetRemoteMetadata();
+  if (isWithoutContents()) forgetRemoteMetadata();
 }
 
 bool DCCachedItem::holdsContentsOfRemoteMetadata() const {
