@@ -4,6 +4,7 @@
 #include "Client/Client/DCUnsentFiles.h"
 #include "common/FVFGenerationIdentifierUtils.h"
 #include "common/FVFMetadataUtils.h"
+#include "platform/Encoding.h"
 #include "platform/Exceptions.h"
 #include "platform/FileSystem.h"
 #include "platform/PropertyList.h"
@@ -69,18 +70,21 @@ Result<void> forgetDatesOfExchanges(DCDatabase& database) {
   });
 }
 
-// Of items that are not there.
-Result<void> forgetOtherExchanges(DCDatabase& database) {
+// Of items that are neither known nor on the disk: a document whose folder was not to be read is named again by its
+// next listing, and must not look like somebody's own then.
+Result<void> forgetOtherExchanges(DCDatabase& database, const std::string& documentRoot) {
   std::unordered_set<std::string> keys;
   if (auto root = database.documentIdentifierForPath("")) keys.emplace(root->view());
   for (const auto& [path, identifier] : database.documentIdentifiersForPathsBelow("")) keys.emplace(identifier.view());
   for (std::string& path : database.uploadPaths()) keys.insert(std::move(path));
   std::vector<Data> others;
-  forEachRecord<DCManagedOtherMetadata>(database, DCEntityIndexOtherMetadata,
-                                        [&](const DCManagedOtherMetadata& metadata) {
-                                          auto key = metadata.documentIdentifier();
-                                          if (key && !keys.contains(std::string(key->view()))) others.push_back(*key);
-                                        });
+  forEachRecord<DCManagedOtherMetadata>(
+      database, DCEntityIndexOtherMetadata, [&](const DCManagedOtherMetadata& metadata) {
+        auto key = metadata.documentIdentifier();
+        if (key && !keys.contains(std::string(key->view())) && !fileExists(documentRoot + "/" + hexEncode(*key))) {
+          others.push_back(*key);
+        }
+      });
   return database.performBatch([&] {
     for (const Data& key : others) (void)database.removeOtherMetadataForDocumentIdentifier(key);
   });
@@ -174,7 +178,9 @@ Result<void> DCDocumentManager::_rebuildDatabaseExclusively(bool onlyIfUnfinishe
   if (remoteMetadata && remoteMetadata->data(FVDocumentIdentifierKey)) {
     _rebuildItemWithRelativePath(root->relativePath(), *remoteMetadata);
   }
-  (void)forgetOtherExchanges(*database);  // logged there; what is too much does no harm
+  (void)forgetOtherExchanges(
+      *database,
+      DCFullPath::documentRootForService(service_)->string());  // logged there; what is too much does no harm
   _queueStagedFiles();
   (void)removeItem(rebuildMark());
   _adjustFetchingUpdatesIfNecessary();
@@ -203,11 +209,10 @@ void DCDocumentManager::_rebuildItemWithRelativePath(const DCRelativePath::Ptr& 
     item->updateDocumentIdentifier(parentDirectoryMetadata.data(FVDocumentIdentifierKey));
   // Absent for what was never downloaded: its entry in the parent's listing is all that there is to know.
   auto remoteMetadata = item->remoteMetadataFromDisk();
-  if (!remoteMetadata) return;
-  if (auto file = std::dynamic_pointer_cast<DCCachedFile>(item)) {
+  if (auto directory = std::dynamic_pointer_cast<DCCachedDirectory>(item)) {
+    _rebuildDirectory(directory, remoteMetadata);
+  } else if (auto file = std::dynamic_pointer_cast<DCCachedFile>(item); file && remoteMetadata) {
     _rebuildFile(file, *remoteMetadata);
-  } else if (auto directory = std::dynamic_pointer_cast<DCCachedDirectory>(item)) {
-    _rebuildDirectory(directory, *remoteMetadata);
   }
 }
 
@@ -231,17 +236,21 @@ void DCDocumentManager::_rebuildFile(const DCCachedFile::Ptr& file, const Dictio
   if (thumbnail && thumbnail->existsOnDisk()) thumbnail->updateDocumentIdentifier(thumbnail->documentIdentifier());
 }
 
-void DCDocumentManager::_rebuildDirectory(const DCCachedDirectory::Ptr& directory, const Dictionary& remoteMetadata) {
+void DCDocumentManager::_rebuildDirectory(const DCCachedDirectory::Ptr& directory,
+                                          const std::optional<Dictionary>& remoteMetadata) {
   auto listing = directory->directoryContents();
   auto path = directory->fullPath();
   if (!listing || !path) return;
-  Dictionary metadata = remoteMetadata;
-  // The parent's listing may know a newer name, and under that the items below are looked for.
-  if (!directory->isRoot()) metadata.set(ResourceNameKey, directory->relativePath()->lastPathComponent());
-  cachedItemManager()->updateItem(
-      directory, *FVFResponseContainer::containerWithURL(path->url(), FVFResponseContainerTransferTypeFull, metadata));
-  directory->setLastDownloadDate(kDistantPast);
-  DCLogDebug("REBUILD reponseContainer for %@", *directory);
+  // A listing that is about to be asked for anew has none, and its items are there all the same.
+  if (remoteMetadata) {
+    Dictionary metadata = *remoteMetadata;
+    // The parent's listing may know a newer name, and under that the items below are looked for.
+    if (!directory->isRoot()) metadata.set(ResourceNameKey, directory->relativePath()->lastPathComponent());
+    cachedItemManager()->updateItem(directory, *FVFResponseContainer::containerWithURL(
+                                                   path->url(), FVFResponseContainerTransferTypeFull, metadata));
+    directory->setLastDownloadDate(kDistantPast);
+    DCLogDebug("REBUILD reponseContainer for %@", *directory);
+  }
 
   struct Child {
     DCRelativePath::Ptr path;

@@ -394,7 +394,7 @@ class DCDocumentManager : public DCConnectivityTrackerDelegate, public std::enab
   void _rebuildDatabase(bool onlyIfUnfinished);
   Result<void> _rebuildDatabaseExclusively(bool onlyIfUnfinished);
   void _rebuildFile(const DCCachedFile::Ptr& file, const Dictionary& remoteMetadata);
-  void _rebuildDirectory(const DCCachedDirectory::Ptr& directory, const Dictionary& remoteMetadata);
+  void _rebuildDirectory(const DCCachedDirectory::Ptr& directory, const std::optional<Dictionary>& remoteMetadata);
   void _queueStagedFiles();
   // To be called once a manager, before anything else is submitted: a rebuild that was cut short is done again.
   void _finishInterruptedRebuild();

@@ -121,6 +121,21 @@ TEST_F(Maintenance, RebuildsWhatTheDiskKnowsAndChangesNothingElse) {
   writeText(server.files() + "/notes", "22");
   list({"", "Files", "Files/notes"});
   EXPECT_EQ(fileAt("Files/notes")->contents(), Data::fromString("22"));
+  // A folder and the share above it that were about to be asked for anew.
+  known = database()->documentIdentifiersForPathsBelow("");
+  auto forgetListing = [&](const std::string& path) {
+    DCCachedItemManager::directoryAtRelativePath(DCRelativePath::relativePathWithString(path, service()))
+        ->clearRemoteMetadata();
+  };
+  for (const char* path : {"Files/Folder", "Files"}) forgetListing(path);
+  rebuild();
+  EXPECT_EQ(database()->documentIdentifiersForPathsBelow(""), known);
+  forgetListing("");
+  rebuild();
+  writeText(server.files() + "/Folder/below", "22");
+  list({"", "Files", "Files/Folder", "Files/Folder/below"});
+  EXPECT_EQ(fileAt("Files/Folder/below")->contents(), Data::fromString("22"));
+  EXPECT_TRUE(fileAt("Files/edited")->isUnsent());
 }
 
 TEST_F(Maintenance, LeavesWhatANewerVersionHasWrittenAlone) {
