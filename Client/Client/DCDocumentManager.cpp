@@ -282,10 +282,12 @@ void DCDocumentManager::_dispatchMaybeCallSelector(std::string_view selector, co
   };
   std::vector<Offer> offers;
   {
+    // Of those that are not called there is only something to say where anybody would read it.
+    const bool isLogged = dc_log_is_enabled(dc_log_callbacks_category(), DCLogLevelInfo);
     std::lock_guard lock(mutex_);
-    offers.reserve(delegateStates_.size());
     for (const auto& [filterPath, state] : delegateStates_) {
-      offers.push_back({state->delegate(), state->queue(), _shouldCallDelegate(*state, path)});
+      const bool isWanted = _shouldCallDelegate(*state, path);
+      if (isWanted || isLogged) offers.push_back({state->delegate(), state->queue(), isWanted});
     }
   }
   for (auto& offer : offers) {
