@@ -1,24 +1,14 @@
 // Clients of one container are killed while they list and read. Whoever comes next finds whole files and whole
 // listings, and in the end nothing of the dead is left.
 
-#include "tests/client/ClientProcess.h"
-#include "tests/support/TemporaryDirectory.h"
-#include "tests/support/TestServer.h"
+#include "tests/client/KillFixture.h"
 
-#include <array>
-#include <chrono>
-#include <csignal>
 #include <filesystem>
 #include <map>
 #include <memory>
-#include <random>
 #include <set>
 #include <string>
-#include <thread>
 #include <vector>
-
-#include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 
 namespace {
 
@@ -26,16 +16,12 @@ using namespace florvane::test;
 using nlohmann::json;
 namespace fs = std::filesystem;
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr int kKills = 15;
-#else
-constexpr int kKills = 150;
-#endif
+constexpr int kKills = killsOf(150);
 constexpr int kFolders = 5, kFiles = 8, kWideEntries = 2000;
 
-class Killing {
+class CacheKilling : Killing {
  public:
-  explicit Killing(std::uint64_t seed) : random_(seed) {
+  explicit CacheKilling(int seed) : Killing(seed) {
     for (int folder = 0; folder < kFolders; ++folder) {
       fs::create_directories(folderPath(folder));
       for (int file = 0; file < kFiles; ++file) edit(folder, file);
@@ -53,12 +39,12 @@ class Killing {
       }
       for (int edits = pick(4); edits > 0; --edits) edit(pick(kFolders), pick(kFiles));
       for (auto& client : clients) order(*client);
-      std::this_thread::sleep_for(std::chrono::microseconds(pick(8000)));
+      goOnFor(8000);
       for (auto& client : clients) client->kill(SIGKILL);
     }
     ahead_ += 3700;
     auto last = start();
-    ask(*last, {{"op", "list"}, {"path", ""}, {"sync", true}});
+    ask(*last, listingOf(""));
     ask(*last, {{"op", "settle"}, {"path", "Files"}});
     EXPECT_EQ(ask(*last, {{"op", "known"}})["assertions"], json::array());
     for (const auto& each : fs::directory_iterator(container_.file("tmp"))) {
@@ -67,7 +53,6 @@ class Killing {
   }
 
  private:
-  int pick(int below) { return static_cast<int>(random_() % static_cast<std::uint64_t>(below)); }
   std::string folderPath(int folder) { return server_.files() + "/folder " + std::to_string(folder); }
   std::string wideEntry(int entry) { return server_.files() + "/wide/entry " + std::to_string(entry); }
   static std::string remote(int folder) { return "Files/folder " + std::to_string(folder); }
@@ -86,18 +71,16 @@ class Killing {
     contents_[remote(folder, file)].insert(contents);
   }
 
-  std::unique_ptr<ChildProcess> start() { return startClient(container_.path(), server_.port(), ahead_ += 11); }
-
   // Work to be killed in; nobody waits for the answers.
   void order(ChildProcess& client) {
-    client.writeLine(json{{"op", "list"}, {"path", ""}, {"sync", true}}.dump());
+    client.writeLine(listingOf("").dump());
     client.writeLine(json{{"op", "advance"}, {"seconds", 11}}.dump());
-    client.writeLine(json{{"op", "list"}, {"path", "Files"}, {"sync", true}}.dump());
+    client.writeLine(listingOf("Files").dump());
     client.writeLine(json{{"op", "advance"}, {"seconds", 11}}.dump());
-    if (pick(2) == 0) client.writeLine(json{{"op", "list"}, {"path", "Files/wide"}, {"sync", true}}.dump());
+    if (pick(2) == 0) client.writeLine(listingOf("Files/wide").dump());
     for (int i = 0; i < 3; ++i) {
       const int folder = pick(kFolders);
-      client.writeLine(json{{"op", "list"}, {"path", remote(folder)}, {"sync", true}}.dump());
+      client.writeLine(listingOf(remote(folder)).dump());
       for (int file = 0; file < kFiles; ++file) {
         client.writeLine(json{{"op", "read"}, {"path", remote(folder, file)}}.dump());
       }
@@ -124,20 +107,13 @@ class Killing {
     EXPECT_EQ(ask(client, {{"op", "known"}})["assertions"], json::array());
   }
 
-  std::mt19937_64 random_;
-  TestServer server_;
-  TemporaryDirectory container_;
-  int ahead_ = 0, versions_ = 0;
+  int versions_ = 0;
   std::map<std::string, std::set<std::string>> contents_;
 };
 
 class CacheKillTest : public ::testing::TestWithParam<int> {};
 
-TEST_P(CacheKillTest, NothingIsTornOrLeftBehind) {
-  std::printf("seed %d\n", GetParam());
-  Killing killing(static_cast<std::uint64_t>(GetParam()));
-  killing.run();
-}
+TEST_P(CacheKillTest, NothingIsTornOrLeftBehind) { CacheKilling(GetParam()).run(); }
 INSTANTIATE_TEST_SUITE_P(Parts, CacheKillTest, ::testing::Values(1, 2));
 
 }  // namespace

@@ -1,23 +1,12 @@
 // Clients of one container are killed while they make its database anew, and while another writes. Whoever comes next
 // finishes that: no waiting upload is lost or sent twice, and nothing counts as changed that is not.
 
-#include "tests/client/ClientProcess.h"
-#include "tests/support/TemporaryDirectory.h"
-#include "tests/support/TestServer.h"
+#include "tests/client/KillFixture.h"
 
-#include <chrono>
-#include <csignal>
 #include <filesystem>
-#include <map>
 #include <memory>
-#include <random>
 #include <set>
 #include <string>
-#include <thread>
-#include <vector>
-
-#include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 
 namespace {
 
@@ -25,16 +14,12 @@ using namespace florvane::test;
 using nlohmann::json;
 namespace fs = std::filesystem;
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr int kKills = 12;
-#else
-constexpr int kKills = 120;
-#endif
+constexpr int kKills = killsOf(120);
 constexpr int kFolders = 3, kFiles = 8, kKillsBetweenChecks = 6;
 
-class RebuildKilling {
+class RebuildKilling : Killing {
  public:
-  explicit RebuildKilling(std::uint64_t seed) : random_(seed) {
+  explicit RebuildKilling(int seed) : Killing(seed) {
     fs::permissions(container_.path(), fs::perms::owner_all);
     for (int folder = 0; folder < kFolders; ++folder) {
       fs::create_directories(server_.files() + "/" + std::to_string(folder));
@@ -60,7 +45,6 @@ class RebuildKilling {
   }
 
  private:
-  int pick(int below) { return static_cast<int>(random_() % static_cast<std::uint64_t>(below)); }
   static std::string remote(int folder, int file) {
     return "Files/" + std::to_string(folder) + "/" + std::to_string(file);
   }
@@ -71,9 +55,7 @@ class RebuildKilling {
   static bool isRead(int file) { return file > 0; }
   static std::string textWrittenTo(const std::string& path) { return "written to " + path; }
 
-  std::unique_ptr<ChildProcess> start() {
-    return startClient(container_.path(), server_.port(), ahead_ += 11, {"FLORVANE_TRANSFERD=/nonexistent"});
-  }
+  std::unique_ptr<ChildProcess> start() { return Killing::start({"FLORVANE_TRANSFERD=/nonexistent"}); }
   json writeOf(const std::string& path) {
     const std::string source = sources_.file(std::to_string(++sourceCount_));
     writeText(source, textWrittenTo(path));
@@ -82,10 +64,10 @@ class RebuildKilling {
 
   void downloadMost() {
     auto client = start();
-    ask(*client, {{"op", "list"}, {"path", ""}, {"sync", true}});
-    ask(*client, {{"op", "list"}, {"path", "Files"}, {"sync", true}});
+    ask(*client, listingOf(""));
+    ask(*client, listingOf("Files"));
     for (int folder = 0; folder < kFolders; ++folder) {
-      ask(*client, {{"op", "list"}, {"path", "Files/" + std::to_string(folder)}, {"sync", true}});
+      ask(*client, listingOf("Files/" + std::to_string(folder)));
       for (int file = 0; file < kFiles; ++file) {
         if (isRead(file)) ask(*client, {{"op", "read"}, {"path", remote(folder, file)}});
       }
@@ -100,10 +82,10 @@ class RebuildKilling {
     const std::string path = "Files/" + std::to_string(pick(kFolders)) + "/new " + std::to_string(pick(12));
     client->writeLine(json{{"op", "rebuild"}}.dump());
     if (other) other->writeLine(writeOf(path).dump());
-    std::this_thread::sleep_for(std::chrono::microseconds(pick(25'000)));
+    goOnFor(25'000);
     client->kill(SIGKILL);
     if (!other) return;
-    if (pick(2) == 0) std::this_thread::sleep_for(std::chrono::microseconds(pick(25'000)));
+    if (pick(2) == 0) goOnFor(25'000);
     other->kill(SIGKILL);
     attempted_.insert(path);
     // What it said before it was killed counts.
@@ -146,7 +128,7 @@ class RebuildKilling {
     for (int turn = 0; turn < 400; ++turn) {
       ask(*client, {{"op", "restart"}});
       ask(*client, {{"op", "advance"}, {"seconds", 61}});
-      ask(*client, {{"op", "list"}, {"path", "Files"}, {"sync", true}});
+      ask(*client, listingOf("Files"));
       if (ask(*client, {{"op", "uploads"}})["uploads"].empty()) break;
     }
     EXPECT_EQ(ask(*client, {{"op", "uploads"}})["uploads"], json::array());
@@ -167,21 +149,15 @@ class RebuildKilling {
     EXPECT_EQ(ask(*client, {{"op", "unsent"}})["paths"], json::array());
   }
 
-  std::mt19937_64 random_;
-  TestServer server_;
-  TemporaryDirectory container_, sources_;
-  int ahead_ = 0, sourceCount_ = 0;
+  const TemporaryDirectory sources_;
+  int sourceCount_ = 0;
   json known_;
   std::set<std::string> written_, attempted_;
 };
 
 class RebuildKillTest : public ::testing::TestWithParam<int> {};
 
-TEST_P(RebuildKillTest, WhoeverComesNextFinishesIt) {
-  std::printf("seed %d\n", GetParam());
-  RebuildKilling killing(static_cast<std::uint64_t>(GetParam()));
-  killing.run();
-}
+TEST_P(RebuildKillTest, WhoeverComesNextFinishesIt) { RebuildKilling(GetParam()).run(); }
 INSTANTIATE_TEST_SUITE_P(Parts, RebuildKillTest, ::testing::Values(1, 2));
 
 }  // namespace

@@ -173,11 +173,7 @@ TEST(UploadWriters, TwoThatRestartTheSameUploadsSendEachOnce) {
   // A drop box would show the second copy of a file.
   constexpr std::size_t count = 20;
   for (std::size_t i = 0; i < count; ++i) {
-    const std::string path = "Inbox/drop " + std::to_string(i);
-    auto staged = client.manager->fileURLOfItemAtPath(path);
-    ASSERT_TRUE(staged);
-    writeText(staged->path(), "bytes " + std::to_string(i));
-    ASSERT_TRUE(client.database().saveUploadFileURL(*staged, path));
+    client.queueWithoutStart("Inbox/drop " + std::to_string(i), "bytes " + std::to_string(i));
   }
   Peer first(client.container, faulty.port()), second(client.container, faulty.port());
   std::thread other([&] { second.restart(); });
