@@ -107,8 +107,6 @@ int lockByte(int descriptor, off_t offset, bool exclusive, std::optional<SteadyC
   }
 }
 
-std::string folderOf(const std::string& path) { return path.substr(0, path.find_last_of('/')); }
-
 Error lockError(int errorNumber, const std::string& path) {
   if (errorNumber == ETIMEDOUT || errorNumber == EDEADLK) return Error::posix(errorNumber, path);
   return Error::fileWrite(errorNumber, path);

@@ -25,12 +25,6 @@ constexpr std::size_t kPieceSize = std::size_t{256} * 1024;
 constexpr std::size_t kKernelPieceSize = std::size_t{1} << 30U;
 constexpr int kOpenDirectory = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
 
-std::string folderOf(const std::string& path) {
-  std::size_t slash = path.find_last_of('/');
-  if (slash == std::string::npos) return ".";
-  return slash == 0 ? "/" : path.substr(0, slash);
-}
-
 struct DirectoryCloser {
   void operator()(DIR* directory) const { closedir(directory); }
 };
@@ -224,6 +218,12 @@ void reserveStandardDescriptors() {
     // The lowest number that is free. A descriptor of a place alone can neither be read nor written.
     if (open("/dev/null", O_PATH | O_CLOEXEC) < 0) return;
   }
+}
+
+std::string folderOf(const std::string& path) {
+  std::size_t slash = path.find_last_of('/');
+  if (slash == std::string::npos) return ".";
+  return slash == 0 ? "/" : path.substr(0, slash);
 }
 
 Result<FileDescriptor> openFile(const std::string& path, int flags, mode_t mode) {

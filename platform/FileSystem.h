@@ -36,6 +36,8 @@ class FileDescriptor {
 
 inline constexpr std::uint64_t kWholeFile = UINT64_MAX;
 
+// The path without its last component; "." for a single name, "/" for what lies in the root.
+std::string folderOf(const std::string& path);
 // Opens with O_CLOEXEC added to the flags; the mode is for a file that is made. The error is a reading one for flags
 // that only read, else a writing one.
 Result<FileDescriptor> openFile(const std::string& path, int flags, mode_t mode = 0600);

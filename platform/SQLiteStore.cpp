@@ -144,7 +144,7 @@ Result<void> putRescuedStoreInPlace(const std::string& path) {
   // The old log first: a log is applied to whatever file it stands beside.
   removeLog(path);
   if (rename(rescued.c_str(), path.c_str()) != 0) return Failure(Error::fileWrite(errno, path));
-  return syncDirectory(path.substr(0, path.rfind('/')));
+  return syncDirectory(folderOf(path));
 }
 
 }  // namespace

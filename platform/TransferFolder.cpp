@@ -19,16 +19,21 @@ namespace {
 constexpr char kSocketName[] = "agent.socket";
 constexpr char kNewSocketName[] = "agent.socket.new";
 constexpr char kMarkName[] = "tasks";
+constexpr char kFolder[] = "/Transfers";
 constexpr int kBacklog = 64;
 
 const sockaddr* generic(const sockaddr_un& address) { return reinterpret_cast<const sockaddr*>(&address); }
 
 }  // namespace
 
+std::string TransferFolder::storePathIn(const std::string& container) {
+  return container + kFolder + "/transfers.sqlite";
+}
+
 Result<TransferFolder> TransferFolder::open(const std::string& container) {
   TransferFolder folder;
   folder.container_ = container;
-  folder.path_ = container + "/Transfers";
+  folder.path_ = container + kFolder;
   if (mkdir(folder.path_.c_str(), 0700) != 0 && errno != EEXIST) {
     return Failure(Error::fileWrite(errno, folder.path_));
   }

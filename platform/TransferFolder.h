@@ -17,7 +17,9 @@ class TransferFolder {
 
   const std::string& container() const { return container_; }
   const std::string& path() const { return path_; }
-  std::string storePath() const { return path_ + "/transfers.sqlite"; }
+  std::string storePath() const { return storePathIn(container_); }
+  // Where a container has its store, also while there is none.
+  static std::string storePathIn(const std::string& container);
   std::string storeLockPath() const { return path_ + "/store.lock"; }
   std::string agentLockPath() const { return path_ + "/agent.lock"; }
   // Held by a process while it starts an agent.

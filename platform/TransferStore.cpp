@@ -110,7 +110,7 @@ std::uint64_t identifierOf(SQLite::Statement& row) { return static_cast<std::uin
 }  // namespace
 
 Result<void> TransferStore::check(const std::string& container) {
-  if (!fileExists(container + "/Transfers/transfers.sqlite")) return {};
+  if (!fileExists(TransferFolder::storePathIn(container))) return {};
   auto folder = TransferFolder::open(container);
   return folder ? SQLiteStore::check(optionsOf(*folder)) : Failure(folder.error());
 }

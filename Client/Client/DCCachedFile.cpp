@@ -27,8 +27,6 @@ constexpr char kSource[] = "Client/Client/DCCachedFile";
 // Of a file that becomes known to the server while it is written, or whose folder goes with the last of the others.
 constexpr int kWriteAttempts = 8;
 
-std::string folderOf(const std::string& path) { return path.substr(0, path.rfind('/')); }
-
 std::optional<Data> generationOf(const std::string& path) {
   auto generation = FVFGenerationIdentifierUtils::versionIdentifierForFileWithURL(URL::fileURL(path));
   return generation ? *generation : std::nullopt;

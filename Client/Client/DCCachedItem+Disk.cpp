@@ -61,8 +61,6 @@ std::vector<RemoteMetadataFile> remoteMetadataFiles(const std::string& folder) {
   return files;
 }
 
-std::string folderOf(const std::string& path) { return path.substr(0, path.rfind('/')); }
-
 // A name of the same file, which takes no space, also where the disk is too full for a copy.
 Result<DCTemporaryFile> temporaryOf(const std::string& source, const std::string& target, bool sharesFile) {
   if (!sharesFile) {

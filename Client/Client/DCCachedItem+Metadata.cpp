@@ -28,8 +28,6 @@ namespace {
 
 constexpr char kSource[] = "Client/Client/DCCachedItem";
 
-std::string folderOf(const std::string& path) { return path.substr(0, path.rfind('/')); }
-
 }  // namespace
 
 // The four sets.

@@ -27,8 +27,6 @@ std::string_view lastComponent(std::string_view path) {
   return slash == std::string_view::npos ? path : path.substr(slash + 1);
 }
 
-std::string folderOf(const std::string& path) { return path.substr(0, path.rfind('/')); }
-
 void logFailedRename(const std::string& from, const std::string& to, const Error& error) {
   DCLogWarning("Failed to rename '%@' to '%@': %@", from, to, error);
 }

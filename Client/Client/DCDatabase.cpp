@@ -23,8 +23,6 @@ URL databaseURLOf(const DCService& service) {
                       kExtension);
 }
 
-std::string folderOf(const std::string& path) { return path.substr(0, path.rfind('/')); }
-
 void logFailure(const Result<void>& saved) {
   if (!saved) DCLogInfo("Could not save context: %@", saved.error().description());
 }

@@ -110,7 +110,7 @@ bool DCDocumentManager::_findUploadSource(const DCCachedFile& file, const std::s
   const std::string& target = fullPath->string();
   if (!fileExists(target)) {
     if (!isRecordedThere) return false;
-    auto moved = createDirectories(target.substr(0, target.rfind('/')));
+    auto moved = createDirectories(folderOf(target));
     if (moved && renameat2(AT_FDCWD, recorded->c_str(), AT_FDCWD, target.c_str(), RENAME_NOREPLACE) != 0) {
       moved = Failure(Error::fileWrite(errno, target));
     }

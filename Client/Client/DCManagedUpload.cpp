@@ -100,7 +100,7 @@ void DCManagedUpload::removeTemporaryUploadFileIfNecessary() const {
   if (auto copy = conflictingVersionURL()) {
     const std::string copied = copy->path();
     (void)removeItem(copied);
-    (void)removeItem(copied.substr(0, copied.rfind('/')));
+    (void)removeItem(folderOf(copied));
   }
 }
 

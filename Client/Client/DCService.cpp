@@ -140,7 +140,7 @@ std::optional<std::string> DCService::serverIdentifierForURL(const URL& url) {
   if (!url.isFileURL()) return std::nullopt;
   try {
     std::string path = FVFPathUtils::stringBySanitizingPath(url.path(), false, true);
-    for (int dropped = 0; dropped < 2; ++dropped) path = path.substr(0, path.rfind('/'));
+    for (int dropped = 0; dropped < 2; ++dropped) path = folderOf(path);
     std::string identifier = path.substr(path.rfind('/') + 1);
     return identifier.empty() ? std::nullopt : std::optional(identifier);
   } catch (const InvalidArgumentException&) {

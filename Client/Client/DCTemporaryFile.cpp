@@ -21,8 +21,6 @@ namespace {
 constexpr char kPrefix[] = ".florvane-tmp-";
 constexpr int kAttempts = 5;
 
-std::string folderOf(const std::string& path) { return path.substr(0, path.rfind('/')); }
-
 // The folder of temporaries, unless a file there could not be renamed to the target.
 std::string folderFor(const std::string& target) {
   auto temporary = DUTemporaryDirectory();
