@@ -30,6 +30,8 @@ struct SerialQueue::State : std::enable_shared_from_this<SerialQueue::State> {
   void runThread();
   // Runs the first item with the lock given back meanwhile.
   void runFirst(std::unique_lock<std::mutex>& lock);
+  // Runs the item on the caller's thread, if it is its turn already.
+  bool runInPlace(const std::shared_ptr<SerialQueue>& queue, WorkItem& item);
   void watchMainQueueLocked();
 
   const std::string label;
@@ -41,6 +43,7 @@ struct SerialQueue::State : std::enable_shared_from_this<SerialQueue::State> {
   std::deque<WorkItem> items;
   // The queue itself while it has items, so that they run however soon it is dropped.
   std::shared_ptr<SerialQueue> keptAlive;
+  bool busy = false;  // an item is running
   bool threadStarted = false;
   bool closing = false;
   std::map<std::string, std::string, std::less<>> specifics;
@@ -70,7 +73,7 @@ void SerialQueue::State::push(std::shared_ptr<SerialQueue> queue, WorkItem item)
   items.push_back(std::move(item));
   if (!keptAlive) keptAlive = std::move(queue);
   if (isMain) watchMainQueueLocked();
-  if (items.size() == 1) changed.notify_one();
+  if (items.size() == 1 && !busy) changed.notify_one();
   try {
     startThreadLocked();
   } catch (const std::system_error& error) {
@@ -84,10 +87,12 @@ void SerialQueue::State::runFirst(std::unique_lock<std::mutex>& lock) {
   WorkItem item = std::move(items.front());
   items.pop_front();
   SerialQueue* outer = std::exchange(current, keptAlive.get());
+  busy = true;
   lock.unlock();
   runGuarded(item, label);
   item = nullptr;  // what it captured goes while its queue is still the current one
   lock.lock();
+  busy = false;
   current = outer;
   if (!items.empty()) return;
   auto dropped = std::move(keptAlive);
@@ -96,10 +101,31 @@ void SerialQueue::State::runFirst(std::unique_lock<std::mutex>& lock) {
   lock.lock();
 }
 
+bool SerialQueue::State::runInPlace(const std::shared_ptr<SerialQueue>& queue, WorkItem& item) {
+  {
+    std::lock_guard lock(mutex);
+    if (isMain || busy || !items.empty()) return false;
+    busy = true;
+  }
+  struct Turn {
+    State& state;
+    SerialQueue* outer;
+    ~Turn() {
+      current = outer;
+      std::lock_guard lock(state.mutex);
+      state.busy = false;
+      if (!state.items.empty()) state.changed.notify_one();
+    }
+  } turn{*this, std::exchange(current, queue.get())};
+  item();
+  item = nullptr;
+  return true;
+}
+
 void SerialQueue::State::runThread() {
   std::unique_lock lock(mutex);
   for (;;) {
-    changed.wait(lock, [this] { return !items.empty() || closing; });
+    changed.wait(lock, [this] { return (!items.empty() && !busy) || closing; });
     if (items.empty()) return;
     runFirst(lock);
   }
@@ -151,6 +177,7 @@ void SerialQueue::sync(WorkItem item) {
     item();
     return;
   }
+  if (state_->runInPlace(shared_from_this(), item)) return;
   if (!state_->isMain) {
     std::lock_guard lock(state_->mutex);
     state_->startThreadLocked();  // throws rather than wait for a thread that cannot be had

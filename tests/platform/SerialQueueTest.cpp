@@ -114,10 +114,42 @@ TEST_F(SerialQueueTest, TellsCodeWhichQueueItRunsOn) {
     EXPECT_EQ(SerialQueue::currentLabel(), queue->label());
     EXPECT_EQ(SerialQueue::specific("key"), "value");
     EXPECT_EQ(SerialQueue::specific("other"), std::nullopt);
-    std::array<char, 16> name{};
-    pthread_getname_np(pthread_self(), name.data(), name.size());
-    EXPECT_STREQ(name.data(), "a label longer ");
   });
+  EXPECT_EQ(SerialQueue::current(), nullptr);
+  std::promise<std::string> name;
+  queue->async([&] {
+    std::array<char, 16> text{};
+    pthread_getname_np(pthread_self(), text.data(), text.size());
+    name.set_value(text.data());
+  });
+  EXPECT_EQ(name.get_future().get(), "a label longer ");
+}
+
+TEST_F(SerialQueueTest, RunsWhatIsWaitedForInPlaceWhileItIsIdleAndInItsTurnOtherwise) {
+  auto queue = SerialQueue::create("in place");
+  queue->sync([caller = std::this_thread::get_id()] { EXPECT_EQ(std::this_thread::get_id(), caller); });
+  std::promise<void> begun, gate;
+  std::vector<int> order;
+  std::thread first([&] {
+    queue->sync([&] {
+      begun.set_value();
+      gate.get_future().wait();
+      order.push_back(1);
+    });
+  });
+  begun.get_future().wait();
+  queue->async([&] { order.push_back(2); });
+  std::thread second([&] { queue->sync([&] { order.push_back(3); }); });
+  gate.set_value();
+  first.join();
+  second.join();
+  EXPECT_EQ(order, (std::vector{1, 2, 3}));
+  // What is thrown in place leaves the queue as it was.
+  EXPECT_THROW(queue->sync([] { throw 7; }), int);
+  EXPECT_EQ(SerialQueue::current(), nullptr);
+  std::promise<void> ran;
+  queue->async([&] { ran.set_value(); });
+  ran.get_future().get();
 }
 
 TEST_F(SerialQueueTest, RunsDelayedItemsByTheClockThatItWasGiven) {
