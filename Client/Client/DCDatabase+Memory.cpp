@@ -400,6 +400,11 @@ void DCDatabase::refresh() {
   memory_->isSettled = willShowChanges(stamp, nanoseconds(now));
 }
 
+std::uint64_t DCDatabase::changesOfOthers() {
+  refresh();
+  return managedObjectContext()->storeVersion();
+}
+
 std::uint64_t DCDatabase::changeCount() {
   auto context = managedObjectContext();
   std::lock_guard lock(memory_->mutex);

@@ -123,6 +123,8 @@ class DCDatabase : public std::enable_shared_from_this<DCDatabase> {
   void refresh();
   // Rises with every change of this process, and of others as far as it is known.
   std::uint64_t changeCount();
+  // Rises when another process may have changed the store.
+  std::uint64_t changesOfOthers();
 
   // An empty store in place of this one.
   void reset();

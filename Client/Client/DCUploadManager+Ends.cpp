@@ -4,6 +4,8 @@
 #include "Client/Client/DCUploadManager.h"
 #include "platform/Format.h"
 
+#include <utility>
+
 namespace florvane {
 
 namespace {
@@ -144,7 +146,8 @@ void DCUploadManager::_finishUploadFile(const DCCachedFile::Ptr& file, const DCC
   }
 }
 
-// Another process does not tell what became of its transfers; its records do.
+// Another process does not tell what became of its transfers; its records do. While no other has written there is
+// nothing to be learned from them: this process's own removals of records say by themselves which ones they are.
 void DCUploadManager::checkTransfersOfOthers() {
   struct Ended {
     DCCachedFile::Ptr file;
@@ -154,6 +157,10 @@ void DCUploadManager::checkTransfersOfOthers() {
   std::vector<Ended> ended;
   {
     std::lock_guard lock(mutex_);
+    isCheckQueued_ = false;
+    _removePendingCompletionHandlersForCompletedUploads();
+    const std::uint64_t changes = database().changesOfOthers();
+    if (std::exchange(changesSeen_, changes) == changes) return;
     for (const auto& [path, transfer] : uploadTasks_) {
       if (transfer.isOwn) continue;
       auto upload = database().uploadForPath(path);

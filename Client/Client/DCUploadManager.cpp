@@ -6,6 +6,8 @@
 #include "common/FVFQueueManager.h"
 #include "platform/Format.h"
 
+#include <utility>
+
 namespace florvane {
 
 namespace {
@@ -47,7 +49,7 @@ void DCUploadManager::observe() {
     auto self = weak.lock();
     if (!self) return;
     std::lock_guard lock(self->mutex_);
-    if (self->transfersOfOthers_ == 0) return;
+    if (self->transfersOfOthers_ == 0 || std::exchange(self->isCheckQueued_, true)) return;
     self->queue_->dispatchAsynchronousBlock([weak] {
       if (auto manager = weak.lock()) manager->checkTransfersOfOthers();
     });

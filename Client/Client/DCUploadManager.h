@@ -191,6 +191,8 @@ class DCUploadManager : public DCConnectivityTrackerDelegate, public std::enable
   };
   std::unordered_map<std::string, Repetition> afterSettling_;
   std::size_t transfersOfOthers_ = 0;
+  bool isCheckQueued_ = false;
+  std::optional<std::uint64_t> changesSeen_;  // of others, when their transfers were checked last
   std::unordered_map<std::string, Order> waitingForSignIn_;
   bool isSigningIn_ = false;
   int refusals_ = 0;
