@@ -22,6 +22,8 @@ struct ManagedAttribute {
   Value::Kind kind;
   // Has an index in the store, and one over unsaved objects.
   bool indexed = false;
+  // In a durable entity: a change of nothing else need not be on stable storage when it is saved.
+  bool fleeting = false;
 };
 
 struct ManagedEntity {

@@ -2,11 +2,28 @@
 #include "platform/ManagedObjectContext.h"
 
 #include <cerrno>
+#include <functional>
 #include <utility>
+#include <vector>
 
 #include <sqlite3.h>
 
 namespace florvane {
+
+// The group that a thread is in.
+struct ManagedObjectContext::Group {
+  explicit Group(const ManagedObjectContext& owner) : context(&owner), outer(std::exchange(current, this)) {}
+  ~Group() { current = outer; }
+  Group(const Group&) = delete;
+  Group& operator=(const Group&) = delete;
+
+  const ManagedObjectContext* const context;
+  Group* const outer;
+  std::vector<std::function<void()>> whenStable;
+  static thread_local Group* current;
+};
+
+thread_local ManagedObjectContext::Group* ManagedObjectContext::Group::current = nullptr;
 
 // What one save writes of one object.
 struct ManagedObjectContext::Change {
@@ -190,10 +207,22 @@ bool ManagedObjectContext::hasChanges() const {
   return false;
 }
 
+bool ManagedObjectContext::mustLastLocked(const ManagedObject& object) const {
+  const ManagedEntity& entity = model_.entities[object.entity_];
+  if (!entity.durable || object.state_ != State::Stored) return entity.durable;
+  for (std::size_t i = 0; i < entity.attributes.size(); ++i) {
+    if ((object.changed_ >> i & 1U) && !entity.attributes[i].fleeting) return true;
+  }
+  return false;
+}
+
 bool ManagedObjectContext::hasDurableChanges() const {
   std::lock_guard lock(mutex_);
   for (std::size_t i = 0; i < unsaved_.size(); ++i) {
-    if (model_.entities[i].durable && !unsaved_[i].empty()) return true;
+    if (!model_.entities[i].durable) continue;
+    for (const auto& [serial, object] : unsaved_[i]) {
+      if (mustLastLocked(*object)) return true;
+    }
   }
   return false;
 }
@@ -212,15 +241,56 @@ void ManagedObjectContext::rollback() {
   });
 }
 
+bool ManagedObjectContext::isInGroup() const { return Group::current && Group::current->context == this; }
+
+Result<void> ManagedObjectContext::performGroup(const std::function<void()>& work) {
+  std::vector<std::function<void()>> then;
+  if (isInGroup()) {
+    work();
+    return {};
+  }
+  {
+    Group group(*this);
+    work();
+    then = std::move(group.whenStable);
+  }
+  auto stable = performAndWait([&] { return makeStable(); });
+  if (!stable) return stable;
+  for (const auto& each : then) each();
+  return {};
+}
+
+void ManagedObjectContext::performWhenStable(std::function<void()> work) {
+  if (isInGroup()) {
+    Group::current->whenStable.push_back(std::move(work));
+  } else {
+    work();
+  }
+}
+
+Result<void> ManagedObjectContext::makeStable() {
+  if (!isUnstable_ || !store_) return {};
+  auto synced = store_->sync();
+  isUnstable_ = !synced;
+  return synced;
+}
+
 Result<void> ManagedObjectContext::save(bool rollbackOnFailure) {
+  const bool isGrouped = isInGroup();
   return performAndWait([&]() -> Result<void> {
-    if (transactionDepth_ > 0 || !hasChanges()) return {};
-    return performTransaction(Durability::Normal, [] {}, rollbackOnFailure);
+    if (transactionDepth_ > 0) return {};
+    if (hasChanges()) return transact(Durability::Normal, isGrouped, [] {}, rollbackOnFailure);
+    return isGrouped ? Result<void>() : makeStable();
   });
 }
 
 Result<void> ManagedObjectContext::performTransaction(Durability durability, const std::function<void()>& work,
                                                       bool rollbackOnFailure) {
+  return transact(durability, isInGroup(), work, rollbackOnFailure);
+}
+
+Result<void> ManagedObjectContext::transact(Durability durability, bool isGrouped, const std::function<void()>& work,
+                                            bool rollbackOnFailure) {
   return performAndWait([&]() -> Result<void> {
     if (transactionDepth_ > 0) {
       work();
@@ -234,8 +304,9 @@ Result<void> ManagedObjectContext::performTransaction(Durability durability, con
     if (!usableStore()) {
       transactionError_ = storeError_ ? *storeError_ : Error(SQLiteErrorDomain, SQLITE_MISUSE, "There is no store.");
     } else {
-      auto begun = store_->begin(durability);
-      if (!begun && begun.error().is(POSIXErrorDomain, ESTALE) && usableStore()) begun = store_->begin(durability);
+      const Durability atCommit = isGrouped ? Durability::Normal : durability;
+      auto begun = store_->begin(atCommit);
+      if (!begun && begun.error().is(POSIXErrorDomain, ESTALE) && usableStore()) begun = store_->begin(atCommit);
       if (begun) {
         noteOtherProcesses();
       } else {
@@ -258,7 +329,7 @@ Result<void> ManagedObjectContext::performTransaction(Durability durability, con
       if (begun) store_->rollBack();
       saved = Failure(*transactionError_);
     } else {
-      saved = saveAtEnd(durability);
+      saved = saveAtEnd(durability, isGrouped);
     }
     if (saved) return saved;
     if (store_ && SQLiteStore::isDamage(saved.error())) (void)replaceDamagedStore(saved.error());
@@ -267,11 +338,12 @@ Result<void> ManagedObjectContext::performTransaction(Durability durability, con
   });
 }
 
-Result<void> ManagedObjectContext::saveAtEnd(Durability durability) {
+Result<void> ManagedObjectContext::saveAtEnd(Durability durability, bool isGrouped) {
   auto changes = takeChanges(durability);
+  const bool lasts = durability == Durability::Full;
   if (changes.empty() && !hasInsertedRecords_) {
     store_->rollBack();
-    return {};
+    return lasts && !isGrouped ? makeStable() : Result<void>();
   }
   auto saved = store_->perform([&] {
     for (Change& change : changes) write(change);
@@ -282,6 +354,7 @@ Result<void> ManagedObjectContext::saveAtEnd(Durability durability) {
     store_->rollBack();
   }
   if (saved) {
+    if (lasts) isUnstable_ = isGrouped;
     didSave(changes);
   } else {
     didNotSave(changes);
@@ -294,8 +367,8 @@ std::vector<ManagedObjectContext::Change> ManagedObjectContext::takeChanges(Dura
   std::vector<Change> changes;
   std::lock_guard lock(mutex_);
   for (std::size_t i = 0; i < unsaved_.size(); ++i) {
-    if (durability == Durability::Normal && model_.entities[i].durable) continue;
     for (auto& [serial, object] : unsaved_[i]) {
+      if (durability == Durability::Normal && mustLastLocked(*object)) continue;
       object->saving_ = std::exchange(object->changed_, 0);
       changes.push_back({object, object->state_, object->saving_, object->values_, object->row_});
     }

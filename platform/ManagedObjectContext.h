@@ -95,6 +95,13 @@ class ManagedObjectContext : public std::enable_shared_from_this<ManagedObjectCo
                                   bool rollbackOnFailure = false);
   // Inside performTransaction it is the transaction's end that saves.
   Result<void> save(bool rollbackOnFailure = false);
+  // Runs the work, in which any locks may be taken. What it saves of durable objects on this thread, in however many
+  // transactions, is on stable storage when this returns, with one wait for the disk; until then it survives the end of
+  // the process. A group inside a group is part of that.
+  Result<void> performGroup(const std::function<void()>& work);
+  // Runs the work once everything that this thread has saved is on stable storage: now, or at the end of its group; not
+  // at all when the group cannot be put there.
+  void performWhenStable(std::function<void()> work);
   // Back to what was saved last.
   void rollback();
   bool hasChanges() const;
@@ -124,6 +131,7 @@ class ManagedObjectContext : public std::enable_shared_from_this<ManagedObjectCo
   using State = ManagedObject::State;
   struct Change;
   struct Row;
+  struct Group;
 
   ManagedObjectContext(const ManagedObjectModel& model, const std::string& label);
 
@@ -141,11 +149,17 @@ class ManagedObjectContext : public std::enable_shared_from_this<ManagedObjectCo
   // False after a failure. Begins anew, and says so, when another store takes a damaged one's place.
   bool query(const ManagedObjectFetch& fetch, const std::string& columns, bool limited,
              const std::function<void()>& begin, const std::function<void(SQLite::Statement&)>& visitor);
-  Result<void> saveAtEnd(Durability durability);
+  Result<void> transact(Durability durability, bool isGrouped, const std::function<void()>& work,
+                        bool rollbackOnFailure);
+  Result<void> saveAtEnd(Durability durability, bool isGrouped);
+  Result<void> makeStable();
+  bool isInGroup() const;
   std::vector<Change> takeChanges(Durability durability);
   void write(Change& change);
   void didSave(const std::vector<Change>& changes);
   void didNotSave(const std::vector<Change>& changes);
+  // Whether something of the object must be on stable storage once it is saved.
+  bool mustLastLocked(const ManagedObject& object) const;
   bool hasDurableChanges() const;
   // Under the lock.
   ObjectPtr objectOfRowLocked(std::size_t entity, Row& row);
@@ -171,6 +185,8 @@ class ManagedObjectContext : public std::enable_shared_from_this<ManagedObjectCo
   std::optional<Error> storeError_;
   std::optional<std::int64_t> dataVersion_;
   int transactionDepth_ = 0;
+  // Something was saved that is still to be put on stable storage.
+  bool isUnstable_ = false;
   // What went wrong in the transaction in progress; its end fails with it.
   std::optional<Error> transactionError_;
   bool hasInsertedRecords_ = false;   // in the transaction in progress

@@ -368,6 +368,19 @@ void SQLiteStore::rollBack() {
   writing_.reset();
 }
 
+// The log may be synced by anybody: its locks are on another file, and what has left it was synced by the checkpoint.
+Result<void> SQLiteStore::sync() {
+  const std::string path = options_.path + "-wal";
+  if (!fileExists(path)) return {};
+  auto log = openFile(path, O_RDWR);
+  if (!log) return Failure(log.error());
+  int result = 0;
+  do result = fdatasync(log->get());
+  while (result != 0 && errno == EINTR);
+  if (result != 0) return Failure(Error::fileWrite(errno, path));
+  return {};
+}
+
 int SQLiteStore::didWriteLog(void* store, sqlite3*, const char*, int pages) {
   static_cast<SQLiteStore*>(store)->logPages_ = pages;
   return SQLITE_OK;

@@ -103,6 +103,9 @@ class SQLiteStore {
   Result<void> commit();
   void rollBack();
 
+  // Puts on stable storage what was committed without being there.
+  Result<void> sync();
+
   // Differs from the last answer once another connection has changed the store.
   Result<std::int64_t> dataVersion();
   // Whether the file at the path is another than the one that was opened, or none, or about to be another.

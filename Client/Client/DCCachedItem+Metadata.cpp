@@ -288,7 +288,12 @@ bool DCCachedItem::updateDocumentIdentifier(const std::optional<Data>& documentI
     if (present && *present != *documentIdentifier) return false;
     if (upload && !present) forgetRemoteMetadata();
     // Until now the record named the staged file, and from now on the other name of the same.
-    if (isAdopted && staged && *staged != target) takeStagedFileAway(*staged, target);
+    if (isAdopted && staged && *staged != target) {
+      database().performWhenStable(
+          [self = shared_from_this(), staged = *staged, target, adopted = DCFileStamp::of(target)] {
+            self->takeStagedFileAway(staged, target, adopted);
+          });
+    }
   }
   if (_dataKey() == previousDataKey)
     DCAssertionFailed(kSource, __LINE__, "![previousDataKey isEqualToData:self._dataKey]");
@@ -315,9 +320,10 @@ bool DCCachedItem::adoptStagedFile(const Data& documentIdentifier) {
 
 // Another process may have put newer contents there when the identifier was not recorded yet. Whoever does so
 // afterwards sees it there and writes once more.
-void DCCachedItem::takeStagedFileAway(const std::string& staged, const std::string& target) const {
-  auto left = DCFileStamp::of(staged), present = DCFileStamp::of(target);
-  if (left && present && left->isSameFile(*present)) {
+void DCCachedItem::takeStagedFileAway(const std::string& staged, const std::string& target,
+                                      const std::optional<DCFileStamp>& adopted) const {
+  auto left = DCFileStamp::of(staged);
+  if (left && adopted && left->isSameFile(*adopted)) {
     (void)removeItem(staged);
   } else if (left && rename(staged.c_str(), target.c_str()) != 0) {
     DCLogWarning("Failed to rename '%@' to '%@': %@", staged, target, Error::fileWrite(errno, target));

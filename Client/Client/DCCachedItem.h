@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Client/Client/DCFileStamp.h"
 #include "Client/Client/DCManagedOtherMetadata.h"
 #include "Client/Client/DCPath.h"
 #include "Client/Client/DCService.h"
@@ -240,7 +241,9 @@ class DCCachedItem : public std::enable_shared_from_this<DCCachedItem> {
   Result<void> dateContents(Date date, std::string_view generationKey);
   // The bytes of a new file go where its identifier says, and its upload record with them; false when there are none.
   bool adoptStagedFile(const Data& documentIdentifier);
-  void takeStagedFileAway(const std::string& staged, const std::string& target) const;
+  // The adopted file is the one that was at both places.
+  void takeStagedFileAway(const std::string& staged, const std::string& target,
+                          const std::optional<DCFileStamp>& adopted) const;
   std::optional<PreparedResponse> _prepareForResponse(const FVFResponseContainer& responseContainer);
   bool _storeResponse(const FVFResponseContainer& responseContainer, const PreparedResponse& response);
   [[noreturn]] void throwDocumentIdentifierChanged(const Data& documentIdentifier) const;

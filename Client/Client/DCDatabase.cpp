@@ -139,6 +139,16 @@ Result<void> DCDatabase::performBatch(const std::function<void()>& work, bool ro
   return saved;
 }
 
+Result<void> DCDatabase::performGroup(const std::function<void()>& work) {
+  auto saved = managedObjectContext()->performGroup(work);
+  logFailure(saved);
+  return saved;
+}
+
+void DCDatabase::performWhenStable(std::function<void()> work) {
+  managedObjectContext()->performWhenStable(std::move(work));
+}
+
 std::shared_ptr<DCManagedStoredLocalMetadata> DCDatabase::storedLocalMetadataForDocumentIdentifier(
     const Data& documentIdentifier) {
   DCLogTrace("-[DCDatabase storedLocalMetadataForDocumentIdentifier:]", {{"documentIdentifier", documentIdentifier}});

@@ -56,6 +56,11 @@ class DCDatabase : public std::enable_shared_from_this<DCDatabase> {
   // The work, whose changes are saved together in one transaction at its end and are on stable storage on return. It
   // runs on the context's queue, so it must take no lock that the caller holds.
   Result<void> performBatch(const std::function<void()>& work, bool rollbackOnFailure = false);
+  // The work, here and now and with whatever locks it takes. What it saves of uploads on this thread is on stable
+  // storage when this returns, not with each save: until then it survives the end of the process.
+  Result<void> performGroup(const std::function<void()>& work);
+  // Runs the work once what this thread has saved is on stable storage: now, or at the end of its group.
+  void performWhenStable(std::function<void()> work);
 
   Result<void> setDocumentIdentifier(const Data& documentIdentifier, const std::string& path);
   // Those of a listing: every path is a child of the directory. One transaction for all; not within performBatch.

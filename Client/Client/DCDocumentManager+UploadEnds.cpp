@@ -4,6 +4,7 @@
 #include "Client/Client/DCTakeInLock.h"
 #include "Client/Client/DCUploadOutcome.h"
 #include "common/FVFMetadataUtils.h"
+#include "platform/BackgroundThread.h"
 #include "platform/FileSystem.h"
 #include "platform/PropertyList.h"
 #include "platform/ResourceValues.h"
@@ -263,19 +264,24 @@ void DCDocumentManager::_uploadDidSucceed(const UploadAnswer& answer) {
     _completeUpload(answer, answer.container ? answer.container->metadata() : std::nullopt, false);
     return;
   }
-  // Every answer carries the whole listing. Of those that come together only the newest is taken in.
-  const std::string path = parent->relativePath()->string();
-  auto& waiting = uploadAnswers_[path];
-  waiting.push_back(answer);
-  if (waiting.size() > 1) return;
-  queue_->dispatchAsynchronousBlock([self = shared_from_this(), path] { self->_takeInUploadAnswers(path); });
+  // Every answer carries the whole listing. Of those of a directory that come together only the newest is taken in, and
+  // all of them wait for the disk once.
+  const bool isFirst = uploadAnswers_.empty();
+  uploadAnswers_[parent->relativePath()->string()].push_back(answer);
+  if (!isFirst) return;
+  queue_->dispatchAsynchronousBlock([self = shared_from_this()] {
+    (void)self->database()->performGroup([&] {
+      const auto waiting = std::exchange(self->uploadAnswers_, {});
+      for (const auto& entry : waiting) {
+        // What one directory's answers come to keeps no other's from being taken in.
+        WorkItem item = [&] { self->_takeInUploadAnswers(entry.second); };
+        runGuarded(item, kSource);
+      }
+    });
+  });
 }
 
-void DCDocumentManager::_takeInUploadAnswers(const std::string& directoryPath) {
-  auto waiting = uploadAnswers_.find(directoryPath);
-  if (waiting == uploadAnswers_.end()) return;
-  std::vector<UploadAnswer> answers = std::move(waiting->second);
-  uploadAnswers_.erase(waiting);
+void DCDocumentManager::_takeInUploadAnswers(const std::vector<UploadAnswer>& answers) {
   // The listing that is taken in is the one that the files are looked up in.
   const DCTakeInLock lock(service_);
 

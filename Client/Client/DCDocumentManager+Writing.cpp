@@ -124,7 +124,7 @@ DCDocumentManager::OptionalError DCDocumentManager::_writeFile(const DCCachedFil
   // A fresh write is no further attempt of the one before, and whoever writes over a conflict that he was told of has
   // decided it.
   upload->resolveConflict();
-  upload->setNumberOfRetries(0);
+  if (upload->numberOfRetries().value_or(0) != 0) upload->setNumberOfRetries(0);  // a new record needs no second save
   upload->setError({});
   (void)database()->save();
   return std::nullopt;

@@ -322,7 +322,7 @@ class DCDocumentManager : public DCConnectivityTrackerDelegate, public std::enab
   void _restartUploadAfterLoss(const DCCachedFile::Ptr& file);
   void _afterPause(const std::string& path, std::function<void()> work);
   void _uploadDidSucceed(const UploadAnswer& answer);
-  void _takeInUploadAnswers(const std::string& directoryPath);
+  void _takeInUploadAnswers(const std::vector<UploadAnswer>& answers);
   void _listForUploadAnswers(const DCCachedDirectory::Ptr& directory, std::vector<UploadAnswer> answers);
   void _completeUpload(const UploadAnswer& answer, const std::optional<Dictionary>& remoteMetadata, bool isOfListing);
   void _serverReturnedNoMetadata(const UploadAnswer& answer);

@@ -29,7 +29,7 @@ struct DCUploadTask {
 };
 
 // Entity "Upload": a file whose contents are still to reach the server. Saves that touch one are on stable storage when
-// they return. Any thread.
+// they return, but for those of nothing but a transfer's progress. Any thread.
 class DCManagedUpload : public ManagedObject {
  public:
   enum Attribute : std::size_t {

@@ -244,6 +244,24 @@ TEST_F(DCDatabaseTest, SavesTogetherOrNotAtAll) {
   EXPECT_FALSE(database->managedObjectContext()->hasChanges());
 }
 
+TEST_F(DCDatabaseTest, SavesAGroupStepByStepAndSettlesItAtItsEnd) {
+  auto database = open();
+  std::vector<std::string> order;
+  database->performWhenStable([&] { order.emplace_back("alone"); });
+  EXPECT_TRUE(database->performGroup([&] {
+    EXPECT_TRUE(database->saveUploadFileURL(URL::fileURL("/file"), "path"));
+    EXPECT_NE(open()->uploadForPath("path"), nullptr);  // would survive a kill here
+    EXPECT_TRUE(database->performGroup([&] { database->performWhenStable([&] { order.emplace_back("stable"); }); }));
+    // What other threads save meanwhile is not of the group.
+    std::thread([&] { database->performWhenStable([&] { order.emplace_back("other thread"); }); }).join();
+    order.emplace_back("end");
+  }));
+  EXPECT_EQ(order, (std::vector<std::string>{"alone", "other thread", "end", "stable"}));
+  EXPECT_THROW((void)database->performGroup([] { throw std::runtime_error("stop"); }), std::runtime_error);
+  database->performWhenStable([&] { order.clear(); });
+  EXPECT_THAT(order, IsEmpty());
+}
+
 TEST_F(DCDatabaseTest, WritesOnlyWhatChanged) {
   auto here = open(), there = open();
   EXPECT_TRUE(here->saveUploadFileURL(URL::fileURL("/f"), "f"));

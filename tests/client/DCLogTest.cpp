@@ -56,10 +56,11 @@ class DCLogTest : public testing::Test {
 TEST_F(DCLogTest, WritesMessagesOfTheCategorysLevelWithTheirOrigin) {
   int unused = 0;
   auto queue = SerialQueue::create("work");
-  queue->sync([&] {
+  queue->async([&] {
     DCLogInfo("not %d", ++unused);
     DCLogNotice("file %@ of %lld bytes", "a", 12);
   });
+  queue->sync([] {});
   DCLogWarning("from the main thread");
   auto messages = log_.messages();
   ASSERT_EQ(messages.size(), 2U);
