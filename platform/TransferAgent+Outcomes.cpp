@@ -62,12 +62,14 @@ void TransferAgent::storeAgain() {
 void TransferAgent::storeEnded() {
   storingQueued_ = false;
   if (stopped_ || ended_.empty()) return;
+  const auto next = takeNext();
   auto stored = store_->transaction(TransferStore::Durability::Machine, [&]() -> Result<void> {
     for (const Ended& ended : ended_) {
       if (auto done = store_->end(ended.task, ended.outcome); !done) return Failure(done.error());
     }
-    return {};
+    return noteSending(next);
   });
+  startAttempts(next, stored);
   if (!stored) {
     SystemLog::shared().write(
         {kLogError, format("%lu ended transfers cannot be stored yet: %@", ended_.size(), stored.error()), {}});

@@ -236,13 +236,15 @@ std::optional<Error> TransferAgent::attemptWillSend(TransferAttempt& attempt) {
     if (judges_[identifier].outdated) return tryAgain(Again::AtOnce);
   }
   // Stored before the first byte leaves: an agent that is killed from here on must not send the task again.
-  auto stored = store_->setSending(identifier);
-  if (!stored) {
-    SystemLog::shared().write(
-        {kLogWarning, format("A transfer waits, since it cannot be noted: %@", stored.error()), {}});
-    return tryAgain(Again::Later);
+  if (attempt.task().state != TransferState::Sending) {
+    auto stored = store_->setSending(identifier);
+    if (!stored) {
+      SystemLog::shared().write(
+          {kLogWarning, format("A transfer waits, since it cannot be noted: %@", stored.error()), {}});
+      return tryAgain(Again::Later);
+    }
+    if (!*stored) return makeCancelledError(attempt.task().request.url);
   }
-  if (!*stored) return makeCancelledError(attempt.task().request.url);
   queue_->async([self = shared_from_this(), identifier] {
     self->schedule_.didReach(identifier);
     self->startNext();
@@ -283,6 +285,7 @@ void TransferAgent::attemptDidEnd(TransferAttempt& attempt, TransferOutcome outc
     outcome.error = makeCancelledError(attempt.task().request.url);
   }
   if (waits) {
+    if (attempt.task().state == TransferState::Sending) (void)store_->setUnsent(identifier);
     schedule_.didFail(identifier, clock_.monotonicNow());
     if (again && outcome.error->code() == static_cast<std::int64_t>(Again::AtOnce)) schedule_.retry(server);
   } else {
@@ -292,9 +295,38 @@ void TransferAgent::attemptDidEnd(TransferAttempt& attempt, TransferOutcome outc
   tick();
 }
 
+// What has ended is stored first, in one transaction with what takes its turn.
 void TransferAgent::startNext() {
-  if (stopped_) return;
-  while (auto task = schedule_.next(clock_.monotonicNow())) startAttempt(*task);
+  if (stopped_ || !ended_.empty()) return;
+  const auto tasks = takeNext();
+  if (tasks.empty()) return;
+  startAttempts(tasks, store_->transaction(TransferStore::Durability::Machine, [&] { return noteSending(tasks); }));
+}
+
+std::vector<std::uint64_t> TransferAgent::takeNext() {
+  std::vector<std::uint64_t> tasks;
+  while (auto task = schedule_.next(clock_.monotonicNow())) tasks.push_back(*task);
+  return tasks;
+}
+
+// A task for a server that may not answer is noted when its connection is there, so that it stays a waiting one till
+// then.
+Result<void> TransferAgent::noteSending(const std::vector<std::uint64_t>& tasks) {
+  for (std::uint64_t identifier : tasks) {
+    if (!schedule_.isReached(identifier)) continue;
+    if (auto noted = store_->setSending(identifier); !noted) return Failure(noted.error());
+  }
+  return {};
+}
+
+void TransferAgent::startAttempts(const std::vector<std::uint64_t>& tasks, const Result<void>& noted) {
+  for (std::uint64_t identifier : tasks) {
+    if (noted) {
+      startAttempt(identifier);
+    } else {
+      schedule_.didFail(identifier, clock_.monotonicNow());
+    }
+  }
 }
 
 void TransferAgent::startAttempt(std::uint64_t identifier) {
@@ -303,7 +335,7 @@ void TransferAgent::startAttempt(std::uint64_t identifier) {
     schedule_.didFail(identifier, clock_.monotonicNow());
     return;
   }
-  if (!*task || (*task)->state != TransferState::Waiting) {
+  if (!*task || ((*task)->state != TransferState::Waiting && (*task)->state != TransferState::Sending)) {
     schedule_.didEnd(identifier);
     return;
   }

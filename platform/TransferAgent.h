@@ -100,6 +100,10 @@ class TransferAgent final : public TransferAttemptClient, public std::enable_sha
 
   void cancel(std::uint64_t task);
   void startNext();
+  std::vector<std::uint64_t> takeNext();
+  // What is about to go to a server that answers, in the transaction that is open.
+  Result<void> noteSending(const std::vector<std::uint64_t>& tasks);
+  void startAttempts(const std::vector<std::uint64_t>& tasks, const Result<void>& noted);
   void startAttempt(std::uint64_t identifier);
   void endExpired();
   void tick();

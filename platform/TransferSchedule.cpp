@@ -64,7 +64,14 @@ std::optional<std::uint64_t> TransferSchedule::next(MonotonicTime now) {
 
 void TransferSchedule::didReach(std::uint64_t task) {
   auto found = running_.find(task);
-  if (found != running_.end()) found->second.server->delay = Duration::zero();
+  if (found == running_.end()) return;
+  found->second.server->delay = Duration::zero();
+  found->second.server->reached = true;
+}
+
+bool TransferSchedule::isReached(std::uint64_t task) const {
+  auto found = running_.find(task);
+  return found != running_.end() && found->second.server->reached;
 }
 
 void TransferSchedule::didEnd(std::uint64_t task) {
@@ -78,6 +85,7 @@ void TransferSchedule::didFail(std::uint64_t task, MonotonicTime now) {
   Place place = node.mapped();
   Server& server = *place.server;
   --server.running;
+  server.reached = false;
   server.sessions[*place.session].push_front(task);
   waiting_.insert(std::move(node));
   // Of several that failed together the first has said it.

@@ -28,6 +28,8 @@ class TransferSchedule {
   void didFail(std::uint64_t task, MonotonicTime now);
   // The server's tasks may be tried at once.
   void retry(const TransferServer& server);
+  // Whether the server of a running task has taken a connection since one failed.
+  bool isReached(std::uint64_t task) const;
   // When next() has to be asked again though nothing else has happened.
   std::optional<MonotonicTime> deadline() const;
 
@@ -40,6 +42,7 @@ class TransferSchedule {
     std::map<std::string, std::deque<std::uint64_t>> sessions;  // of tasks that are still in waiting_, and others
     std::string lastServed;
     std::size_t running = 0;
+    bool reached = false;
     std::uint64_t round = 0;  // counts the failures that lengthened the delay
     Duration delay{0};
     MonotonicTime retryAt;

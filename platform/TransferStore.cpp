@@ -270,6 +270,16 @@ Result<bool> TransferStore::setSending(std::uint64_t identifier) {
   return changed;
 }
 
+Result<void> TransferStore::setUnsent(std::uint64_t identifier) {
+  return transaction(Durability::Process, [&]() -> Result<void> {
+    return store_->perform([&] {
+      SQLite::Statement& update = store_->statement("UPDATE tasks SET state = 1 WHERE identifier = ? AND state = 2");
+      put(update, 1, identifier);
+      update.exec();
+    });
+  });
+}
+
 // In the order in which tasks end.
 std::uint64_t TransferStore::nextEnd() { return ++lastEnd_; }
 
@@ -401,9 +411,9 @@ Result<void> TransferStore::replaceCookie(const TransferServer& server, const st
                                           const std::optional<Secret>& cookie, const std::optional<Data>& pin) {
   return transaction(Durability::Machine, [&]() -> Result<void> {
     return store_->perform([&] {
-      const char* text = cookie ? "UPDATE tasks SET cookie = ?1, pin = ?2 WHERE host = ?3 AND port = ?4 AND state < 2"
+      const char* text = cookie ? "UPDATE tasks SET cookie = ?1, pin = ?2 WHERE host = ?3 AND port = ?4 AND state < 3"
                                   " AND substr(session, 1, length(?5)) = ?5"
-                                : "UPDATE tasks SET cookie = ?1 WHERE host = ?3 AND port = ?4 AND state < 2"
+                                : "UPDATE tasks SET cookie = ?1 WHERE host = ?3 AND port = ?4 AND state < 3"
                                   " AND substr(session, 1, length(?5)) = ?5";
       SQLite::Statement& update = store_->statement(text);
       put(update, 1, cookie ? std::optional(cookie->revealData()) : std::nullopt);

@@ -43,6 +43,8 @@ class TransferStore {
   Result<bool> setWaiting(std::uint64_t identifier, Date until);
   // False when the task was not waiting.
   Result<bool> setSending(std::uint64_t identifier);
+  // Back to waiting: nothing of the task has left.
+  Result<void> setUnsent(std::uint64_t identifier);
 
   // Ends the task, unless it has ended; false then.
   Result<bool> end(std::uint64_t identifier, const TransferOutcome& outcome);
@@ -65,7 +67,7 @@ class TransferStore {
   // Whether the store's file or its folder is gone.
   bool isLost() const;
 
-  // In the tasks of that server and those sessions which have not been sent. A null cookie removes it and leaves the
+  // In the tasks of that server and those sessions which have not ended. A null cookie removes it and leaves the
   // pin.
   Result<void> replaceCookie(const TransferServer& server, const std::string& sessionPrefix,
                              const std::optional<Secret>& cookie, const std::optional<Data>& pin);

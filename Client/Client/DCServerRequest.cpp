@@ -378,8 +378,9 @@ Result<std::optional<URL>> DCServerRequest::storeResponseData() const {
   if (!responseData_) return std::nullopt;
   std::string path = DUTemporaryDirectory().value_or("/tmp") + "/upload-response-XXXXXXXXX";
   FileDescriptor file(mkostemp(path.data(), O_CLOEXEC));
-  auto stored = file.valid() ? writeFileAtomically(path, Data::fromString(*responseData_))
-                             : Result<void>(Failure(Error::fileWrite(errno, path)));
+  const Data bytes = Data::fromString(*responseData_);
+  auto stored =
+      file.valid() ? writeAll(file.get(), bytes.span(), path) : Result<void>(Failure(Error::fileWrite(errno, path)));
   if (stored) return URL::fileURL(path);
   DCLogError("Could not store response data: %@", stored.error());
   if (file.valid()) (void)removeItem(path);

@@ -2,6 +2,7 @@
 #include "platform/Exceptions.h"
 #include "platform/TransferAgent.h"
 #include "platform/TransferSchedule.h"
+#include "platform/TransferStore.h"
 #include "tests/support/ManualClock.h"
 #include "tests/support/RecordingSystemLog.h"
 #include "tests/support/ScriptedServer.h"
@@ -295,6 +296,29 @@ TEST_F(BackgroundURLSessionTest, InvalidatingCancelsWhoeverMadeTheTasks) {
   EXPECT_THAT(maker->wait(1), ElementsAre(std::to_string(task->taskIdentifier()) + " -999"));
 }
 
+TEST_F(BackgroundURLSessionTest, EndsAfterItsDeathOnlyWhatMayHaveLeft) {
+  auto folder = TransferFolder::open(container_);
+  ASSERT_TRUE(folder);
+  std::array<std::uint64_t, 2> made{};
+  {
+    auto store = TransferStore::open(*folder, clock_);
+    ASSERT_TRUE(store);
+    for (std::uint64_t& identifier : made) {
+      TransferTask task(URLRequest(*URL::fromString("http://127.0.0.1:1/")));
+      task.session = kSession;
+      task.sourcePath = file_;
+      identifier = (*store)->create(task, Data::fromString(std::to_string(&identifier - made.data()))).value_or(0);
+      EXPECT_TRUE((*store)->setWaiting(identifier, clock_.now() + 1h));
+      EXPECT_TRUE((*store)->setSending(identifier).value_or(false));
+    }
+    EXPECT_TRUE((*store)->setUnsent(made[0]));
+  }
+  startAgent();
+  makeSession(recorder_);
+  EXPECT_THAT(recorder_->wait(2), ElementsAre(std::to_string(made[1]) + " -1005", "finished"));
+  EXPECT_EQ(tasks(sessions_.front()).at(0)->taskIdentifier(), made[0]);
+}
+
 TEST(TransferScheduleTest, OneTaskTriesAServerThatIsAwayAndSessionsTakeTurns) {
   TransferSchedule schedule;
   const TransferServer server{"a", 1}, other{"b", 1};
@@ -330,12 +354,15 @@ TEST(TransferScheduleTest, OneTaskTriesAServerThatIsAwayAndSessionsTakeTurns) {
   schedule.retry(server);
   auto task = schedule.next(now);
   ASSERT_TRUE(task);
+  EXPECT_FALSE(schedule.isReached(*task));
   schedule.didReach(*task);
   std::size_t running = 1;
-  for (; schedule.next(now); ++running) {
-  }
+  std::uint64_t last = 0;
+  for (; auto next = schedule.next(now); ++running) EXPECT_TRUE(schedule.isReached(last = *next));
   EXPECT_EQ(running, 8U);
   EXPECT_FALSE(schedule.deadline());
+  schedule.didFail(*task, now);
+  EXPECT_FALSE(schedule.isReached(last));
 }
 
 }  // namespace
