@@ -3,11 +3,11 @@
 #include "platform/Crypto.h"
 #include "platform/FileSystem.h"
 
+#include <array>
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <system_error>
-#include <vector>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -18,7 +18,7 @@ namespace {
 
 constexpr std::uint8_t kSignatureScheme = 1;
 constexpr std::size_t kDigestSize = 20;
-constexpr std::size_t kPieceSize = std::size_t{256} * 1024;
+constexpr std::size_t kPieceSize = std::size_t{64} * 1024;
 constexpr char kURLKey[] = "url";
 
 Error signatureError(int errorNumber, const URL& url) {
@@ -38,7 +38,7 @@ Result<Data> FVFSignatureManager::signatureOfFileAtURL(const URL& url) const {
   FileDescriptor file(::open(url.path().c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
   if (!file.valid()) return Failure(signatureError(errno, url));
   Digest digest(DigestAlgorithm::SHA256);
-  std::vector<std::uint8_t> piece(kPieceSize);
+  std::array<std::uint8_t, kPieceSize> piece;
   for (;;) {
     ssize_t count = ::read(file.get(), piece.data(), piece.size());
     if (count < 0 && errno == EINTR) continue;

@@ -1,6 +1,7 @@
 #include "platform/FileSystem.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -21,7 +22,7 @@ namespace {
 
 constexpr std::string_view kTemporaryPrefix = ".florvane-tmp-";
 constexpr time_t kAbandonedAge = 60L * 60;  // seconds
-constexpr std::size_t kPieceSize = std::size_t{256} * 1024;
+constexpr std::size_t kPieceSize = std::size_t{64} * 1024;
 constexpr std::size_t kKernelPieceSize = std::size_t{1} << 30U;
 constexpr int kOpenDirectory = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
 
@@ -288,7 +289,7 @@ Result<void> copyContents(int source, int target, std::string_view sourcePath, s
     if (count < 0 && errno == ENOSPC) return Failure(Error::fileWrite(errno, targetPath));
     if (count < 0 && errno != EINTR) break;
   }
-  std::vector<std::uint8_t> piece(kPieceSize);
+  std::array<std::uint8_t, kPieceSize> piece;  // not filled: that would cost more than to copy a small file
   for (;;) {
     ssize_t count = read(source, piece.data(), piece.size());
     if (count < 0 && errno == EINTR) continue;

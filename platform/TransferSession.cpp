@@ -23,7 +23,7 @@ namespace {
 constexpr int kLogError = 3;
 constexpr std::size_t kTokenBytes = 16;
 constexpr std::size_t kClaimedAtOnce = 10'000;
-constexpr std::size_t kPieceBytes = std::size_t{256} * 1024;
+constexpr std::size_t kPieceBytes = std::size_t{64} * 1024;
 
 bool wasStartedFor(const std::string& session) {
   const char* named = std::getenv("FLORVANE_BACKGROUND_SESSION");
@@ -251,7 +251,7 @@ std::optional<Error> TransferSession::tellBody(URLSessionDelegate& delegate, con
   if (!path) return std::nullopt;
   auto file = openFile(std::string(path->view()), O_RDONLY | O_NOFOLLOW);
   if (!file) return file.error();
-  std::vector<std::uint8_t> piece(kPieceBytes);
+  std::array<std::uint8_t, kPieceBytes> piece;
   for (;;) {
     ssize_t count = read(file->get(), piece.data(), piece.size());
     if (count < 0 && errno == EINTR) continue;
