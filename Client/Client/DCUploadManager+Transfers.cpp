@@ -2,6 +2,7 @@
 #include "Client/Client/DCBackgroundSessionManager.h"
 #include "Client/Client/DCCachedItemManager.h"
 #include "Client/Client/DCLog.h"
+#include "Client/Client/DCTakeInLock.h"
 #include "Client/Client/DCUploadManager.h"
 #include "Client/Client/DCUploadOutcome.h"
 #include "common/FVFMetadataUtils.h"
@@ -108,12 +109,19 @@ void DCUploadManager::dropOutdatedTransfer(const std::string& path) {
 
 // Whether there was an upload of older contents; it has been cancelled then.
 bool DCUploadManager::replacesRunningUpload(const DCCachedFile::Ptr& file, const std::string& path) {
+  auto local = file->_localGenerationIdentifier();
+  if (!local) {
+    // Another process may be giving the file its place as a document.
+    const DCTakeInLock lock(service_);
+    local = file->_localGenerationIdentifier();
+  }
   auto upload = uploadForItemAtPath(path);
-  const auto local = file->_localGenerationIdentifier();
-  const auto sent = upload ? upload->generationIdentifier() : std::nullopt;
+  // It has come to its end, or begun anew, in another process since.
+  if (!upload || !upload->task()) return false;
+  const auto sent = upload->generationIdentifier();
   if (!sent) DCAssertionFailed(kSource, __LINE__, "upload.generationIdentifier");
   if (!local) DCAssertionFailed(kSource, __LINE__, "file._localGenerationIdentifier");
-  if (!upload || (sent && local && *sent == *local)) return false;
+  if (sent && local && *sent == *local) return false;
   return _cancelExistingUpload(upload, file);
 }
 
@@ -201,6 +209,7 @@ void DCUploadManager::start(const Order& order) {
     return;
   }
   DCLogInfo("Starting upload of file at '%@'", path);
+  identifyNewFile(*order.file);
   auto read = DCCachedItemManager::cachedItemManagerForService(service_)->coordinateReadingForUploadingItem(
       order.file,
       [&](const URL& source, const Data& generationIdentifier) { send(order, source, generationIdentifier); });
@@ -211,6 +220,21 @@ void DCUploadManager::start(const Order& order) {
     (void)database().save();
   }
   failLater(order.file, read.error());
+}
+
+// Another process that takes in a listing shows it before it records which document is where; whoever looks in between
+// would send a file as a new one that is none.
+void DCUploadManager::identifyNewFile(DCCachedFile& file) const {
+  if (file.documentIdentifier() || !file.parentContentsMetadata()) return;
+  const DCTakeInLock lock(service_);
+  if (file.documentIdentifier()) return;
+  const auto entry = file.parentContentsMetadata();
+  const auto identifier = entry ? entry->data(FVDocumentIdentifierKey) : std::nullopt;
+  if (identifier && file.updateDocumentIdentifier(identifier)) return;
+  const auto remoteMetadata = file.remoteMetadata();
+  if (remoteMetadata && !remoteMetadata->empty())
+    DCAssertionFailed(kSource, __LINE__, "file.remoteMetadata.count == 0");
+  if (entry) DCAssertionFailed(kSource, __LINE__, "!file.parentContentsMetadata");
 }
 
 std::optional<Data> DCUploadManager::versionToReplace(const DCCachedFile& file, const DCManagedUpload& upload) {
@@ -281,12 +305,6 @@ void DCUploadManager::send(const Order& order, const URL& source, const Data& ge
   const auto parentVersionIdentifier = parent ? parent->versionIdentifier() : std::nullopt;
   DCAssert(documentIdentifier || parentDocumentIdentifier, kSource);
   if (file->hasBeenRemoved()) DCAssertionFailed(kSource, __LINE__, "!file.hasBeenRemoved");
-  if (!documentIdentifier) {
-    const auto remoteMetadata = file->remoteMetadata();
-    if (remoteMetadata && !remoteMetadata->empty())
-      DCAssertionFailed(kSource, __LINE__, "file.remoteMetadata.count == 0");
-    if (file->parentContentsMetadata()) DCAssertionFailed(kSource, __LINE__, "!file.parentContentsMetadata");
-  }
   const Preparation preparation = prepareRecord(order, source, generationIdentifier);
   if (preparation.isTaken) {
     joinTransferOfOthers(order);

@@ -135,6 +135,7 @@ class DCUploadManager : public DCConnectivityTrackerDelegate, public std::enable
   Preparation prepareRecord(const Order& order, const URL& source, const Data& generationIdentifier);
   // False when another process was first.
   bool recordTask(const std::string& path, std::uint64_t taskIdentifier, const Data& generationIdentifier);
+  void identifyNewFile(DCCachedFile& file) const;
   static std::optional<Data> versionToReplace(const DCCachedFile& file, const DCManagedUpload& upload);
   void joinTransferOfOthers(const Order& order);
   bool _cancelExistingUpload(const std::shared_ptr<DCManagedUpload>& upload, const DCCachedFile::Ptr& file);
