@@ -116,9 +116,10 @@ DCDocumentManager::Listing DCDocumentManager::_listingOfDirectory(const DCCached
   // Read from the store while this thread reads the listing.
   if (isListed) database->beginPrefetchingChildrenOf(path);
   _processListingOfOthers(directory);
-  auto contents = isListed ? directory->directoryContents() : nullptr;
+  // First what waits to be sent: it has its entry before another process takes its record away.
   auto localItems =
       directory->isDropBox() ? std::map<std::string, DCCachedFile::Ptr>() : _localItemsInDirectory(*directory);
+  auto contents = isListed ? directory->directoryContents() : nullptr;
 
   const std::vector<Line> lines = linesOf(contents.get(), localItems);
   std::size_t local = 0, remote = 0;
@@ -162,6 +163,8 @@ DCDocumentManager::Listing DCDocumentManager::_listingOfDirectory(const DCCached
     } else {
       ++local;
       if (!entry && !database->knownUploadForPath(childPath(path, name))) {
+        // Sent by another process since, which has listed it.
+        if (item->parentContentsMetadata()) return _listingOfDirectory(directory);
         DCAssertionFailed(kSource, __LINE__, "uploadPath");
       }
     }
@@ -267,7 +270,10 @@ Dictionary DCDocumentManager::_synthesizedMetadataForItem(const DCCachedItem& it
   if (const auto* directory = dynamic_cast<const DCCachedDirectory*>(&item)) {
     _addItemsCountOfDirectory(*directory, metadata);
   }
-  if (!remoteMetadata && !parentContentsMetadata && !otherMetadata && !path->isRoot() && !upload) {
+  if (remoteMetadata || parentContentsMetadata || otherMetadata || path->isRoot() || upload) return metadata;
+  // Another process may have made it known, or taken it away, since it was looked for.
+  if (auto entry = item.parentContentsMetadata()) return _synthesizedMetadataForItem(item, entry);
+  if (_performPreOperationChecksWithPath(path->string(), ItemClass::Any, true).item.get() == &item) {
     for (const char* condition : {"!remoteMetadata", "!parentContentsMetadata", "!item.otherMetadata"}) {
       DCAssertionFailed(kSource, __LINE__, condition);
     }
