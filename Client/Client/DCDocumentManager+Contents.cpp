@@ -42,6 +42,12 @@ void DCDocumentManager::attributesOfItemAtPath(const std::string& path, Attribut
     }
     const auto& item = checks.item;
     auto attributes = self->_synthesizedMetadataForItem(*item, item->parentContentsMetadata());
+    if (item->hasBeenRemoved()) {
+      callUserHandler(*self, handler, function, __LINE__, kUnknown, std::optional<Dictionary>(),
+                      OptionalError(DCError::errorNoSuchItemWithUserInfo(
+                          DCError::userInfoWithRelativePath(*item->relativePath()))));
+      return;
+    }
     const bool isFresh = self->_isUpToDateOrWatchedItem(*item);
     callUserHandler(*self, handler, function, __LINE__, isFresh ? kFresh : kStale,
                     std::optional<Dictionary>(std::move(attributes)), OptionalError());
@@ -75,11 +81,13 @@ void DCDocumentManager::_contentsOfFileAtPath(const std::string& path, const std
         } else if (checks.error || self->_isUpToDateOrWatchedItem(*file)) {
           settle(checks.error);
         } else {
-          self->_downloadItem(file, [self, path, handler, asksAgain, file, settle](const OptionalError& error) {
+          const std::string place = file->relativePath()->string();
+          self->_downloadItem(file, [self, path, handler, asksAgain, file, place, settle](const OptionalError& error) {
             const auto parent = file->parent();
             const bool isGone =
                 error && (pc_isDCErrorWithCode(*error, kNoSuchItem) || error->is(URLErrorDomain, kNotFound));
-            if (!asksAgain || !parent || !isGone) {
+            const bool hasMoved = file->relativePath()->string() != place;
+            if (!asksAgain || !parent || (!isGone && !hasMoved)) {
               settle(error);
               return;
             }
@@ -145,11 +153,18 @@ DCDocumentManager::OptionalError DCDocumentManager::_updateFreshlyDownloadedFile
     return std::nullopt;
   }
   _didDownloadChangedItem(*file, downloadedFile->metadata());
+  const std::string before = file->relativePath()->string();
   if (!cachedItemManager()->updateItem(file, *downloadedFile, now)) {
     if (file->isUnsent()) return conflict();
     return DCError::errorItemNotDownloadedWithUserInfo(DCError::userInfoWithItem(*file));
   }
   file->setLastDownloadDate(now);
+  if (auto parent = file->parent(); parent && file->relativePath()->string() != before) {
+    // The answer tells its name, and not the folder that it is in by now. The listing decides, also where it is still
+    // the one that was taken in.
+    processedListings_.forget(parent->documentIdentifier().value_or(Data()));
+    queue_->dispatchAsynchronousBlock([self = shared_from_this(), parent] { self->_refreshItem(parent, nullptr); });
+  }
   _didUpdateFile(file, downloadedFile->metadata().value_or(Dictionary()), function);
   return std::nullopt;
 }
