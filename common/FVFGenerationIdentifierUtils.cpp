@@ -47,6 +47,11 @@ Result<std::optional<Data>> FVFGenerationIdentifierUtils::versionIdentifierForFi
   return versionIdentifier(*identifier, url);
 }
 
+Result<std::optional<Data>> FVFGenerationIdentifierUtils::versionIdentifierForOwnFileWithURL(const URL& url) {
+  auto counter = generationCounterOfOwnFile(url.path());
+  return counter ? versionIdentifier(*counter, url) : Failure(counter.error());
+}
+
 Result<std::optional<Data>> FVFGenerationIdentifierUtils::versionIdentifierForPackageWithURL(const URL& url) {
   return generationIdentifierForItemWithURL(url);
 }

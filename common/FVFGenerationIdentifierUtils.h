@@ -19,6 +19,8 @@ class FVFGenerationIdentifierUtils {
   // file. An error when the attributes (QuilbarErrorDomain) or the contents (POSIXErrorDomain, the URL's text under
   // "url") cannot be read.
   static Result<std::optional<Data>> versionIdentifierForFileWithURL(const URL& url);
+  // The same of a file that nobody else writes or dates, as one is that was just made under a name of its own.
+  static Result<std::optional<Data>> versionIdentifierForOwnFileWithURL(const URL& url);
   // The generation identifier of the package's folder itself; never a signature.
   static Result<std::optional<Data>> versionIdentifierForPackageWithURL(const URL& url);
 

@@ -126,9 +126,8 @@ std::optional<struct stat> giveOwnDate(const std::string& path, const struct sta
   return status;
 }
 
-}  // namespace
-
-Result<std::optional<Data>> generationCounterOfItem(const std::string& path) {
+// Whether others may be dating the item while it is looked at.
+Result<std::optional<Data>> counterOfItem(const std::string& path, bool isShared) {
   struct statfs fileSystem{};
   struct stat status{};
   // Read before the status: a write after it is dated in this tick or later.
@@ -139,7 +138,8 @@ Result<std::optional<Data>> generationCounterOfItem(const std::string& path) {
   if (!keepsFineDates(fileSystem) || !hasFraction(status)) return std::nullopt;
   bool isPlain = S_ISREG(status.st_mode) || S_ISDIR(status.st_mode);
   // What changes in this tick may be somebody's dating, of which a look can catch one date without the other.
-  if (!isPlain || nanoseconds(status.st_ctim) < tick) return encode(status);
+  bool mayBeDated = isShared ? nanoseconds(status.st_ctim) >= tick : mayRepeat(status, tick);
+  if (!isPlain || !mayBeDated) return encode(status);
 
   auto container = Container::directory();
   auto resolved = realPath(path);
@@ -148,6 +148,12 @@ Result<std::optional<Data>> generationCounterOfItem(const std::string& path) {
   if (!dated && mayRepeat(status, tick)) return std::nullopt;
   return encode(dated.value_or(status));
 }
+
+}  // namespace
+
+Result<std::optional<Data>> generationCounterOfItem(const std::string& path) { return counterOfItem(path, true); }
+
+Result<std::optional<Data>> generationCounterOfOwnFile(const std::string& path) { return counterOfItem(path, false); }
 
 Result<std::optional<Data>> generationCounterOfItemDated(const std::string& path, Date date) {
   struct statfs fileSystem{};

@@ -24,6 +24,10 @@ namespace florvane {
 // alike on kernels that date by ticks.
 Result<std::optional<Data>> generationCounterOfItem(const std::string& path);
 
+// The counter of a file that nobody else writes or dates, as one is that was just made under a name of its own. Nothing
+// is locked for it. Errors and absence as above.
+Result<std::optional<Data>> generationCounterOfOwnFile(const std::string& path);
+
 // The counter that the item, once given that modification date, will have; nothing is changed. Errors and absence as
 // above.
 Result<std::optional<Data>> generationCounterOfItemDated(const std::string& path, Date date);

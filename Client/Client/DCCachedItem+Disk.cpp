@@ -146,9 +146,10 @@ bool DCCachedItem::_saveRemoteMetadataOnDisk(const Dictionary& metadata, const D
              {{"documentIdentifier", documentIdentifier}, {"previousVersionIdentifier", previousVersionIdentifier}});
   const std::string folder = metadataFolder(documentIdentifier);
   const std::string path = remoteMetadataPath(folder, metadata.data(FVVersionIdentifierKey));
+  const bool isFirst = !fileExists(folder);
   const bool saved = _saveDictionary(metadata, path, remoteMetadataPath(folder, previousVersionIdentifier));
   remoteMetadata_.reset();
-  if (!saved) return false;
+  if (!saved || isFirst) return saved;
   // The newest file is the one that counts, whatever the clock did meanwhile.
   auto files = remoteMetadataFiles(folder);
   if (files.size() > 1 && (files.front().path != path || !isOlder(files[1].modified, files[0].modified))) {
@@ -238,7 +239,7 @@ Result<void> DCCachedItem::_replaceFileAtURL(const URL& url, const Data& data) c
 // Contents.
 
 Result<bool> DCCachedItem::_replaceFileWithURL(const URL& url, Replacement replacement,
-                                               const std::optional<Date>& downloadDate) {
+                                               const PreparedResponse* response) {
   DCLogTrace("-[DCCachedItem _replaceFileWithURL:error:]", {{"url", url}});
   auto locked = lock();
   if (!documentIdentifier()) {
@@ -255,24 +256,31 @@ Result<bool> DCCachedItem::_replaceFileWithURL(const URL& url, Replacement repla
                Error::fileRead(errno, url.path()));
   }
   const bool isSame = sourceStamp && targetStamp && sourceStamp->isSameFile(*targetStamp);
+  const bool isServers = replacement == Replacement::WithServers;
+  auto generation = response ? response->generationIdentifier : std::nullopt;
   if (!isSame) {
     if (auto made = createDirectories(folderOf(target)); !made) {
       DCLogWarning("Unable to update file '%@': %@", target, made.error());
       return Failure(made.error());
     }
-    // Of a listing the status tells whether it was read already, and it changes when another name of the file goes.
-    const bool sharesFile = dynamic_cast<const DCCachedDirectory*>(this) == nullptr;
+  }
+  // Of a listing the status tells whether it was read already, and it changes when another name of the file goes.
+  const bool sharesFile = dynamic_cast<const DCCachedDirectory*>(this) == nullptr;
+  // Where nothing stands there is nothing to be replaced, and a link replaces nothing.
+  const bool isLinked =
+      !isSame && isServers && sharesFile && !targetStamp && link(url.path().c_str(), target.c_str()) == 0;
+  if (!isSame && !isLinked) {
     auto temporary = temporaryOf(url.path(), target, sharesFile);
     if (!temporary) {
       DCLogWarning("Unable to copy file '%@' from file at '%@': %@", target, url.path(), temporary.error());
       return Failure(temporary.error());
     }
-    if (keepsGenerations() && replacement == Replacement::WithServers) {
-      // A link has the generation that is recorded already, a copy one of its own.
-      auto generation = FVFGenerationIdentifierUtils::versionIdentifierForFileWithURL(URL::fileURL(temporary->path()));
-      auto managed = managedOtherMetadata();
-      if (generation && *generation && (!managed || managed->lastDownloadedGenerationIdentifier() != *generation)) {
-        saveOtherMetadata({{DCFileLastDownloadGenerationIdentifierKey, **generation}});
+    if (keepsGenerations() && isServers) {
+      if (!temporary->isLink()) {
+        // A link has the generation that is recorded already, a copy one of its own.
+        auto own = FVFGenerationIdentifierUtils::versionIdentifierForOwnFileWithURL(URL::fileURL(temporary->path()));
+        generation = own ? *own : std::nullopt;
+        if (generation) saveOtherMetadata({{DCFileLastDownloadGenerationIdentifierKey, *generation}});
       }
       if (isUnsent()) return false;
     }
@@ -281,10 +289,10 @@ Result<bool> DCCachedItem::_replaceFileWithURL(const URL& url, Replacement repla
       return Failure(moved.error());
     }
   }
-  if (replacement == Replacement::WithServers) {
+  if (isServers) {
     Dictionary values;
-    if (downloadDate) values.set(DCFileLastDownloadDateKey, *downloadDate);
-    _saveLastUpdateGenerationIdentifier(std::move(values));
+    if (response && response->downloadDate) values.set(DCFileLastDownloadDateKey, *response->downloadDate);
+    _saveLastUpdateGenerationIdentifier(std::move(values), generation);
   }
   return true;
 }

@@ -16,6 +16,7 @@
 #include "platform/GenerationCounter.h"
 #include "platform/ResourceValues.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 
@@ -165,15 +166,23 @@ bool DCCachedItem::isKnownGeneration(const std::optional<Data>& generationIdenti
   return !size || (stamp && stamp->size == *size);
 }
 
-void DCCachedItem::_saveLastUpdateGenerationIdentifier(Dictionary values) {
+void DCCachedItem::_saveLastUpdateGenerationIdentifier(Dictionary values,
+                                                       const std::optional<Data>& generationIdentifier) {
   if (auto path = _localGenerationIdentifierFullPath()) {
     auto full = fullPathIfKnown();
     DCAssert(full && path->string() == full->string(), kSource);
-    if (auto generation = _localGenerationIdentifier()) {
+    if (auto generation = generationIdentifier ? generationIdentifier : _localGenerationIdentifier()) {
       values.set(DCFileLastUpdateGenerationIdentifierKey, *generation);
     }
   }
-  if (!values.empty()) saveOtherMetadata(values);
+  // With first contents all of it is recorded by now.
+  const Dictionary known = otherMetadata().value_or(Dictionary());
+  const bool isKnown = std::all_of(values.begin(), values.end(), [&](const auto& entry) {
+    const auto& [key, value] = entry;
+    const Value* present = known.find(key.text());
+    return present && *present == value;
+  });
+  if (!isKnown) saveOtherMetadata(values);
 }
 
 // As that of the last update, so that it stays known when the others change: a kill may have left it in one of those
@@ -402,7 +411,7 @@ std::optional<DCCachedItem::PreparedResponse> DCCachedItem::_prepareForResponse(
   return response;
 }
 
-bool DCCachedItem::_storeResponse(const FVFResponseContainer& responseContainer, const PreparedResponse& response) {
+bool DCCachedItem::_storeResponse(const FVFResponseContainer& responseContainer, PreparedResponse response) {
   auto locked = lock();
   if (hasBeenRemoved_ || isUnsent()) return false;
   (void)_saveRemoteMetadataOnDisk(response.metadata, response.documentIdentifier, response.previousVersionIdentifier);
@@ -423,12 +432,21 @@ bool DCCachedItem::_storeResponse(const FVFResponseContainer& responseContainer,
   Dictionary values;
   if (keepsGenerations()) {
     // Known before it is in place: a kill in between must not make the server's bytes look like somebody's own.
-    auto generation = FVFGenerationIdentifierUtils::versionIdentifierForFileWithURL(url);
+    auto generation = FVFGenerationIdentifierUtils::versionIdentifierForOwnFileWithURL(url);
     values = presentGenerationIfKnown();
-    if (generation && *generation) values.set(DCFileLastDownloadGenerationIdentifierKey, **generation);
+    if (generation && *generation) {
+      response.generationIdentifier = *generation;
+      values.set(DCFileLastDownloadGenerationIdentifierKey, **generation);
+      const auto target = contentsPath();
+      if (target && !DCFileStamp::of(*target)) {
+        // There is no other generation to be kept meanwhile, so that one step is enough for all.
+        values.set(DCFileLastUpdateGenerationIdentifierKey, **generation);
+        if (response.downloadDate) values.set(DCFileLastDownloadDateKey, *response.downloadDate);
+      }
+    }
   }
   _setRemoteMetadataWithoutNeedingLocking(response.metadata, std::move(values));
-  auto replaced = _replaceFileWithURL(url, Replacement::WithServers, response.downloadDate);
+  auto replaced = _replaceFileWithURL(url, Replacement::WithServers, &response);
   if (!replaced) DCAssertionFailed(kSource, __LINE__, "!error");
   if (replaced && !*replaced && keepsGenerations()) {
     // Somebody wrote the file at the last moment. What he wrote is based on what was there before.

@@ -189,6 +189,8 @@ class DCCachedItem : public std::enable_shared_from_this<DCCachedItem> {
     std::optional<Data> previousBaseVersionIdentifier;
     // To be recorded with the new contents' generation, in one step; absent for none.
     std::optional<Date> downloadDate;
+    // That of the new contents; absent where none is kept or it is not known.
+    std::optional<Data> generationIdentifier;
   };
   enum class Replacement : std::uint8_t {
     WithServers,  // never of unsent contents; the new generation is recorded
@@ -211,8 +213,7 @@ class DCCachedItem : public std::enable_shared_from_this<DCCachedItem> {
   // Disk (DCCachedItem+Disk.cpp).
   std::optional<Data> _contents() const;
   // False when nothing was replaced.
-  Result<bool> _replaceFileWithURL(const URL& url, Replacement replacement,
-                                   const std::optional<Date>& downloadDate = std::nullopt);
+  Result<bool> _replaceFileWithURL(const URL& url, Replacement replacement, const PreparedResponse* response = nullptr);
   Result<void> _replaceFileAtURL(const URL& url, const Data& data) const;
   void _saveRootDocumentIdentifierOnDisk(const Data& documentIdentifier) const;
   std::optional<Dictionary> _readDictionaryFromPath(const std::string& path) const;
@@ -232,8 +233,9 @@ class DCCachedItem : public std::enable_shared_from_this<DCCachedItem> {
   void setOtherMetadataDate(std::string_view key, const std::optional<Date>& date);
   // With other bookkeeping values to be saved in the same step.
   void _setRemoteMetadataWithoutNeedingLocking(const Dictionary& remoteMetadata, Dictionary values = {});
-  // With other bookkeeping values to be saved in the same step.
-  void _saveLastUpdateGenerationIdentifier(Dictionary values = {});
+  // With other bookkeeping values to be saved in the same step. The generation is looked up where none is given.
+  void _saveLastUpdateGenerationIdentifier(Dictionary values = {},
+                                           const std::optional<Data>& generationIdentifier = std::nullopt);
   // Whether the generation is one that was recorded at an exchange with the server.
   bool isKnownGeneration(const std::optional<Data>& generationIdentifier) const;
   Dictionary presentGenerationIfKnown() const;
@@ -245,7 +247,7 @@ class DCCachedItem : public std::enable_shared_from_this<DCCachedItem> {
   void takeStagedFileAway(const std::string& staged, const std::string& target,
                           const std::optional<DCFileStamp>& adopted) const;
   std::optional<PreparedResponse> _prepareForResponse(const FVFResponseContainer& responseContainer);
-  bool _storeResponse(const FVFResponseContainer& responseContainer, const PreparedResponse& response);
+  bool _storeResponse(const FVFResponseContainer& responseContainer, PreparedResponse response);
   [[noreturn]] void throwDocumentIdentifierChanged(const Data& documentIdentifier) const;
 
   const EnvironmentPtr environment_;

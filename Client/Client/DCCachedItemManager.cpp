@@ -379,9 +379,9 @@ bool DCCachedItemManager::updateItem(const DCCachedItem::Ptr& item, const FVFRes
   if (!path) return false;
   prepared->downloadDate = downloadDate;
   bool stored = false;
-  auto coordinated =
-      coordinateWritingItemAtURL(URL::fileURL(*path), FileCoordinatorWritingOptions::ForReplacing,
-                                 [&](const URL&) { stored = item->_storeResponse(responseContainer, *prepared); });
+  auto coordinated = coordinateWritingItemAtURL(
+      URL::fileURL(*path), FileCoordinatorWritingOptions::ForReplacing,
+      [&](const URL&) { stored = item->_storeResponse(responseContainer, std::move(*prepared)); });
   if (!coordinated) DCLogWarning("Unable to update file '%@': %@", *path, coordinated.error());
   return stored;
 }

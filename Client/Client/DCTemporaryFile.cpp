@@ -42,7 +42,7 @@ DCTemporaryFile::~DCTemporaryFile() {
 Result<DCTemporaryFile> DCTemporaryFile::linkedTo(const std::string& source, const std::string& target) {
   const std::string folder = folderFor(target);
   std::string path = folder + "/" + kPrefix + makeUUID();
-  if (link(source.c_str(), path.c_str()) == 0) return DCTemporaryFile(std::move(path));
+  if (link(source.c_str(), path.c_str()) == 0) return DCTemporaryFile(std::move(path), true);
   if (errno == ENOENT) return Failure(Error::fileRead(errno, source));
   return copied(source, folder);
 }

@@ -19,20 +19,23 @@ class DCTemporaryFile {
   // being written, however often it is tried.
   static Result<DCTemporaryFile> copyOf(const std::string& source, const std::string& target);
 
-  DCTemporaryFile(DCTemporaryFile&& other) noexcept : path_(std::exchange(other.path_, {})) {}
+  DCTemporaryFile(DCTemporaryFile&& other) noexcept : path_(std::exchange(other.path_, {})), isLink_(other.isLink_) {}
   DCTemporaryFile& operator=(DCTemporaryFile&&) = delete;
   ~DCTemporaryFile();
 
   const std::string& path() const { return path_; }
+  // Whether it is another name of its source.
+  bool isLink() const { return isLink_; }
   // Puts its bytes on stable storage.
   Result<void> sync() const;
   // Renames it over the target.
   Result<void> moveTo(const std::string& target);
 
  private:
-  explicit DCTemporaryFile(std::string path) : path_(std::move(path)) {}
+  explicit DCTemporaryFile(std::string path, bool isLink = false) : path_(std::move(path)), isLink_(isLink) {}
   static Result<DCTemporaryFile> copied(const std::string& source, const std::string& folder);
   std::string path_;
+  bool isLink_ = false;
 };
 
 }  // namespace florvane
