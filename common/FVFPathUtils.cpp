@@ -83,6 +83,7 @@ std::string FVFPathUtils::stringBySanitizingPath(std::string_view string, bool r
     if (!legal) throw InvalidArgumentException(format("Illegal path: %@", path));
   };
   requireLegal(path.find('\0') == std::string::npos);
+  bool isResolved = false;
   if (relativePath) {
     requireLegal(isRelativePath(path));
     requireLegal(isValidUTF8(path));
@@ -90,14 +91,16 @@ std::string FVFPathUtils::stringBySanitizingPath(std::string_view string, bool r
     requireLegal(!isRelativePath(path));
     path = URLByReallyResolvingSymlinksInPath(URL::fileURL(path), host.hasPrivateDirectory).path();
     requireLegal(!isRelativePath(path));
+    isResolved = path == string;
   }
   if (path.empty()) return path;
   auto components = pathComponents(path);
   requireLegal(components.size() <= 1 || allowMultipleComponents);
   if (relativePath) errno = ENOENT;
   for (std::string_view component : components) requireLegal(component != "." && component != "..");
-  // It is the whole string that is looked up, so that once is as good as once a component.
-  requireLegal(!resolvesToAnotherPath(path, relativePath, host));
+  // It is the whole string that is looked up, so that once is as good as once a component, and not at all where its
+  // resolution has just left it as it was.
+  requireLegal(isResolved || !resolvesToAnotherPath(path, relativePath, host));
   std::string joined = pathWithComponents(components);
   return joined.size() == path.size() ? path : joined;
 }

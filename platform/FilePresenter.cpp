@@ -1,5 +1,6 @@
 #include "platform/FilePresenter.h"
 
+#include "platform/FileSystem.h"
 #include "platform/SoftAssertion.h"
 
 #include <algorithm>
@@ -99,8 +100,14 @@ std::string resolvedItemPath(const std::string& path) {
   std::filesystem::path given = std::filesystem::absolute(path, failure).lexically_normal();
   if (!given.has_filename()) given = given.parent_path();  // "/a/" is "/a"
   if (failure || given == given.root_path()) return given.string();
-  auto folder = std::filesystem::weakly_canonical(given.parent_path(), failure);
-  return failure ? given.string() : (folder / given.filename()).string();
+  // Up to the first folder that is there; no name above it is a link to anywhere.
+  std::filesystem::path missing = given.filename(), folder = given.parent_path();
+  while (!fileExists(folder.string()) && folder != given.root_path()) {
+    missing = folder.filename() / missing;
+    folder = folder.parent_path();
+  }
+  auto resolved = realPath(folder.string());
+  return resolved ? (std::filesystem::path(*resolved) / missing).string() : given.string();
 }
 
 bool isPathBelow(std::string_view path, std::string_view folder) {

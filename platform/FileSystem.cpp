@@ -50,24 +50,45 @@ int visitEntries(DIR* stream, Visitor visitor) {
   }
 }
 
-// Whether this process has not looked through the folder for an hour. Looking costs a walk over its entries, which a
-// write of one file in a large folder must not pay each time.
-bool sweepIsDue(const std::string& folder) {
+// When this process last looked through folders, by the hashes of their paths.
+class LastSweeps {
+ public:
+  // Whether it has not looked through the folder for an hour. Looking costs a walk over its entries, which a write of
+  // one file in a large folder must not pay each time.
+  bool isDue(const std::string& folder) {
+    auto now = Clock::now();
+    std::lock_guard lock(mutex_);
+    auto [entry, isNew] = find(folder, now);
+    if (!isNew && now - entry->second < std::chrono::seconds(kAbandonedAge)) return false;
+    entry->second = now;
+    return true;
+  }
+  void note(const std::string& folder) {
+    auto now = Clock::now();
+    std::lock_guard lock(mutex_);
+    find(folder, now).first->second = now;
+  }
+  static LastSweeps& shared() {
+    static auto& sweeps = *new LastSweeps;
+    return sweeps;
+  }
+
+ private:
   using Clock = std::chrono::steady_clock;
-  constexpr std::size_t kRememberedFolders = 4096;
-  static std::mutex mutex;  // guards the table of last looks, by the hash of the folder's path
-  static std::unordered_map<std::size_t, Clock::time_point> lastSweeps;
-  auto now = Clock::now();
-  std::lock_guard lock(mutex);
-  if (lastSweeps.size() >= kRememberedFolders) lastSweeps.clear();
-  auto [entry, isNew] = lastSweeps.try_emplace(std::hash<std::string>()(folder), now);
-  if (!isNew && now - entry->second < std::chrono::seconds(kAbandonedAge)) return false;
-  entry->second = now;
-  return true;
-}
+  using Table = std::unordered_map<std::size_t, Clock::time_point>;
+  static constexpr std::size_t kRememberedFolders = 4096;
+
+  std::pair<Table::iterator, bool> find(const std::string& folder, Clock::time_point now) {
+    if (table_.size() >= kRememberedFolders) table_.clear();
+    return table_.try_emplace(std::hash<std::string>()(folder), now);
+  }
+
+  std::mutex mutex_;  // guards the table
+  Table table_;
+};
 
 void sweepAbandonedTemporaries(const std::string& folder) {
-  if (!sweepIsDue(folder)) return;
+  if (!LastSweeps::shared().isDue(folder)) return;
   auto stream = openStream(FileDescriptor(open(folder.c_str(), kOpenDirectory)));
   if (!stream) return;
   int directory = dirfd(stream.get());
@@ -315,11 +336,20 @@ Result<void> writeFileAtomically(const std::string& path, const Data& bytes, mod
 }
 
 Result<void> createDirectories(const std::string& path, mode_t mode) {
+  struct stat status{};
+  if (stat(path.c_str(), &status) == 0) {
+    return S_ISDIR(status.st_mode) ? Result<void>() : Failure(Error::fileWrite(EEXIST, path));
+  }
   // Up to the first folder that is there, then down again.
   std::size_t end = path.size();
   while (end > 0) {
     std::string folder = path.substr(0, end);
-    if (mkdir(folder.c_str(), mode) == 0 || errno == EEXIST) break;
+    if (mkdir(folder.c_str(), mode) == 0) {
+      if (end < path.size()) break;
+      LastSweeps::shared().note(path);  // nothing can have been left in it
+      return {};
+    }
+    if (errno == EEXIST) break;
     if (errno != ENOENT) return Failure(Error::fileWrite(errno, folder));
     std::size_t slash = path.find_last_of('/', end - 1);
     if (slash == std::string::npos || slash == 0) return Failure(Error::fileWrite(ENOENT, folder));
@@ -330,7 +360,6 @@ Result<void> createDirectories(const std::string& path, mode_t mode) {
     std::string folder = path.substr(0, end);
     if (mkdir(folder.c_str(), mode) != 0 && errno != EEXIST) return Failure(Error::fileWrite(errno, folder));
   }
-  struct stat status{};
   if (stat(path.c_str(), &status) != 0) return Failure(Error::fileWrite(errno, path));
   if (!S_ISDIR(status.st_mode)) return Failure(Error::fileWrite(EEXIST, path));
   return {};
