@@ -172,8 +172,9 @@ class Watching {
         if (told_ != failure->sentence) output_.note("florvane: " + failure->sentence + " Trying again.");
         told_ = failure->sentence;
       } else {
-        told_.clear();
         if (isFirst) output_.note("Watching. Stop with Ctrl-C.");
+        if (!told_.empty()) output_.note("Watching again.");
+        told_.clear();
         backOff_.reset();
       }
       isFirst = false;
