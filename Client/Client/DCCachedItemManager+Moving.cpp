@@ -50,7 +50,8 @@ void DCCachedItemManager::moveItem(const DCCachedItem::Ptr& item, const std::opt
     DCAssertionFailed(kSource, __LINE__, "![item.relativePath.string isEqualToString:relativePath.string]");
     return;
   }
-  if (makeRoom(item, toRelativePath)) movePath(from, toRelativePath);
+  // What is below the one that makes room goes with it.
+  if (makeRoom(item, toRelativePath)) movePath(item->relativePath()->string(), toRelativePath);
 }
 
 // False when the item has become what waited at the destination.

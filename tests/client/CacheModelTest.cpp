@@ -33,7 +33,7 @@ using nlohmann::json;
 namespace fs = std::filesystem;
 
 // Seeds that failed once.
-constexpr std::array<std::uint64_t, 5> kKnownSeeds{35, 72, 294, 1'000'340, 3'000'001};
+constexpr std::array<std::uint64_t, 7> kKnownSeeds{21, 35, 72, 294, 1'000'340, 2'000'468, 3'000'001};
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr std::uint64_t kSequencesOfAPart = 25;
