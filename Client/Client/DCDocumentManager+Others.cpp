@@ -93,18 +93,20 @@ void DCDocumentManager::_observeUploads() {
 
 void DCDocumentManager::_continueUpdatesOfSent() {
   database()->refresh();
-  hasUpdatesOfUnsent_ = false;
+  // It stays true while this looks, so that an upload that ends meanwhile has it looked at again.
+  bool isAnyUnsent = false;
   std::vector<Data> sent;
   for (auto& [identifier, update] : updates_) {
     if (!update.waitsForUpload) continue;
     if (update.item->isUnsent()) {
-      hasUpdatesOfUnsent_ = true;
+      isAnyUnsent = true;
       continue;
     }
     update.waitsForUpload = false;
     update.attempts = 0;
     sent.push_back(identifier);
   }
+  hasUpdatesOfUnsent_ = isAnyUnsent;
   for (const auto& identifier : sent) _continueUpdate(identifier);
 }
 
