@@ -95,14 +95,14 @@ Result<void> DCDatabase::setDocumentIdentifiers(
     std::vector<const std::pair<std::string, Data>*> newcomers;
     for (const auto& each : documentIdentifiersByPath) {
       const auto& [path, documentIdentifier] = each;
-      if (!walk.named(std::string_view(path).substr(prefixSize))) {
+      const bool isKnown = walk.named(std::string_view(path).substr(prefixSize)) != nullptr;
+      auto found = isKnown ? first<DCManagedPath>(DCEntityIndexPath, {{DCManagedPath::Path, path}}) : nullptr;
+      if (!found) {
         newcomers.push_back(&each);
-      } else if (auto found = first<DCManagedPath>(DCEntityIndexPath, {{DCManagedPath::Path, path}})) {
-        found->setDocumentIdentifier(documentIdentifier);
-        rememberIdentifier(path, documentIdentifier);
-      } else {
-        newcomers.push_back(&each);
+        continue;
       }
+      found->setDocumentIdentifier(documentIdentifier);
+      rememberIdentifier(path, documentIdentifier);
     }
     isInserted = insertsAtOnce && newcomers.size() > kFewPaths && recordNewcomers(context, directoryPath, newcomers);
     if (isInserted) return;
