@@ -1,6 +1,7 @@
 #include "Client/Client/DCKnownChildren.h"
 
 #include <algorithm>
+#include <numeric>
 #include <utility>
 
 namespace florvane {
@@ -9,7 +10,16 @@ DCKnownChildren::DCKnownChildren(std::vector<Child> children) : children_(std::m
   // The records of a listing were made in its order, which mostly is this one.
   auto precedes = [](const Child& a, const Child& b) { return a.name < b.name; };
   if (!std::is_sorted(children_.begin(), children_.end(), precedes)) {
-    std::stable_sort(children_.begin(), children_.end(), precedes);
+    std::vector<std::size_t> order(children_.size());
+    std::iota(order.begin(), order.end(), std::size_t{0});
+    std::sort(order.begin(), order.end(), [this](std::size_t a, std::size_t b) {
+      const int compared = children_[a].name.compare(children_[b].name);
+      return compared != 0 ? compared < 0 : a < b;
+    });
+    std::vector<Child> sorted;
+    sorted.reserve(order.size());
+    for (const std::size_t place : order) sorted.push_back(std::move(children_[place]));
+    children_ = std::move(sorted);
   }
   auto isSame = [](const Child& a, const Child& b) { return a.name == b.name; };
   children_.erase(std::unique(children_.begin(), children_.end(), isSame), children_.end());
