@@ -22,6 +22,7 @@ namespace {
 constexpr char kLockFile[] = "/Coordination.lock";
 constexpr char kTemporaryFolder[] = "/tmp";
 constexpr char kCopyPrefix[] = "reading-";
+constexpr off_t kLargeFile = off_t{8} << 20U;  // bytes
 
 CoordinatedItem::Access accessFor(FileCoordinatorWritingOptions options) {
   return options == FileCoordinatorWritingOptions::None ? CoordinatedItem::Access::Write
@@ -50,6 +51,8 @@ class StableCopy {
     if (!copied) return Failure(copied.error());
     const std::array<timespec, 2> times = {status.st_atim, status.st_mtim};
     if (futimens(target->first.get(), times.data()) != 0) return Failure(Error::fileWrite(errno, copy.path_));
+    // One of the two in memory is enough: the one that is read next.
+    if (status.st_size >= kLargeFile) (void)posix_fadvise(source->get(), 0, 0, POSIX_FADV_DONTNEED);
     return copy;
   }
 

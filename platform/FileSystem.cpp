@@ -23,7 +23,7 @@ namespace {
 constexpr std::string_view kTemporaryPrefix = ".florvane-tmp-";
 constexpr time_t kAbandonedAge = 60L * 60;  // seconds
 constexpr std::size_t kPieceSize = std::size_t{64} * 1024;
-constexpr std::size_t kKernelPieceSize = std::size_t{1} << 30U;
+constexpr std::size_t kKernelPieceSize = std::size_t{16} << 20U;
 constexpr int kOpenDirectory = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
 
 struct DirectoryCloser {
@@ -309,6 +309,9 @@ Result<void> copyContents(int source, int target, std::string_view sourcePath, s
     if (count == 0) break;  // some file systems say so without having copied: what is left shows below
     if (count < 0 && errno == ENOSPC) return Failure(Error::fileWrite(errno, targetPath));
     if (count < 0 && errno != EINTR) break;
+    // The disk works on this piece during the next, so that little is left for whoever syncs the copy.
+    const bool isLarge = count == static_cast<ssize_t>(kKernelPieceSize);
+    if (isLarge) (void)sync_file_range(target, lseek(target, 0, SEEK_CUR) - count, count, SYNC_FILE_RANGE_WRITE);
   }
   std::array<std::uint8_t, kPieceSize> piece;  // not filled: that would cost more than to copy a small file
   for (;;) {

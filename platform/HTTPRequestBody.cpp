@@ -12,6 +12,8 @@ namespace florvane {
 
 namespace {
 
+constexpr std::uint64_t kForgottenPiece = std::uint64_t{8} << 20U;
+
 Failure cannotOpen(int errorNumber, const std::string& path) {
   bool missing = errorNumber == ENOENT || errorNumber == ENOTDIR || errorNumber == EISDIR;
   Error cause = Error::posix(errorNumber, path);
@@ -53,7 +55,16 @@ Result<std::size_t> HTTPRequestBody::read(std::span<char> buffer) {
                                     {FilePathErrorKey, path_}}));
   }
   offset_ += static_cast<std::uint64_t>(count);
+  forgetWhatWasRead();
   return static_cast<std::size_t>(count);
+}
+
+// A large file that is read once shall not push everything else out of the system's memory.
+void HTTPRequestBody::forgetWhatWasRead() {
+  if (offset_ - forgotten_ < kForgottenPiece) return;
+  (void)posix_fadvise(file_.get(), static_cast<off_t>(forgotten_), static_cast<off_t>(offset_ - forgotten_),
+                      POSIX_FADV_DONTNEED);
+  forgotten_ = offset_;
 }
 
 }  // namespace florvane

@@ -26,11 +26,14 @@ class HTTPRequestBody {
  private:
   HTTPRequestBody(FileDescriptor file, std::string path, std::uint64_t size)
       : file_(std::move(file)), path_(std::move(path)), size_(size) {}
+  void forgetWhatWasRead();
+
   Data data_;
   FileDescriptor file_;
   std::string path_;
   std::uint64_t size_ = 0;
   std::uint64_t offset_ = 0;
+  std::uint64_t forgotten_ = 0;  // up to there
 };
 
 }  // namespace florvane
