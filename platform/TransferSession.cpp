@@ -195,7 +195,11 @@ TransferSession::TaskPtr TransferSession::taskOf(const Dictionary& frame) {
 
 void TransferSession::didReceive(const Dictionary& frame) {
   auto type = frame.string("type");
-  if (type == transfer_frame::Challenge) return judge(frame);
+  if (type == transfer_frame::Challenge) {
+    // The delegate may ask the agent for something, such as to cancel the task, whose answer is read here.
+    trustQueue_->async([self = shared_from_this(), this, frame] { judge(frame); });
+    return;
+  }
   if (type == transfer_frame::Progress) {
     tell([this, frame](URLSessionDelegate& told) { tellProgress(told, frame); });
   } else if (type == transfer_frame::Outcome) {

@@ -60,7 +60,7 @@ class TransferSession final : public BackgroundURLSession {
   void detach();
 
   const URLSessionConfiguration configuration_;
-  const std::shared_ptr<SerialQueue> delegateQueue_;
+  const std::shared_ptr<SerialQueue> delegateQueue_, trustQueue_ = SerialQueue::create("florvane.transfer-trust");
   std::shared_ptr<TransferLink> link_;  // set once, before anything uses it
 
   mutable std::mutex mutex_;  // guards the rest
