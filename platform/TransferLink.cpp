@@ -18,6 +18,7 @@ namespace {
 
 constexpr int kLogNotice = 5;
 constexpr int kMostAttempts = 5;
+constexpr int kMostStarts = 3;
 constexpr auto kReplyLimit = std::chrono::seconds(30);
 constexpr Duration kFirstDelay = std::chrono::milliseconds(100);
 constexpr Duration kLongestDelay = std::chrono::seconds(30);
@@ -98,9 +99,13 @@ Result<FileDescriptor> TransferLink::connectSocket(Start start) {
   if (!starting) return Failure(starting.error());
   if (auto socket = folder->connect()) return socket;
   auto program = findTransferAgentProgram(options_.agentProgram);
-  Result<void> started = program ? startTransferAgent(*program, container)
-                                 : Result<void>(Failure(Error::posix(ENOENT, "florvane-transferd")));
-  if (auto socket = folder->connect()) return socket;
+  Result<void> started = Failure(Error::posix(ENOENT, "florvane-transferd"));
+  // One that ends before it can be talked to, since somebody kills it, says nothing of the next.
+  for (int attempt = 0; program && attempt < kMostStarts; ++attempt) {
+    started = startTransferAgent(*program, container);
+    if (auto socket = folder->connect()) return socket;
+    if (!started && !started.error().is(POSIXErrorDomain, ECHILD)) break;
+  }
   auto agent = TransferAgent::ofThisProcess(container);
   if (!agent) return Failure(started ? agent.error() : agent.error().withUnderlyingError(started.error()));
   if (!started) logOnceThatTransfersRunHere(started.error());
