@@ -76,7 +76,7 @@ class LastSweeps {
  private:
   using Clock = std::chrono::steady_clock;
   using Table = std::unordered_map<std::size_t, Clock::time_point>;
-  static constexpr std::size_t kRememberedFolders = 4096;
+  static constexpr std::size_t kRememberedFolders = 512;
 
   std::pair<Table::iterator, bool> find(const std::string& folder, Clock::time_point now) {
     if (table_.size() >= kRememberedFolders) table_.clear();
