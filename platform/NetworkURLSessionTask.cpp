@@ -277,7 +277,18 @@ std::optional<Error> NetworkURLSessionTask::openFile() {
   auto file = DownloadFile::create(session_->configuration().downloadDirectory);
   if (!file) return file.error();
   file_ = std::move(*file);
+  setPartialFile(file_->path());
   return std::nullopt;
+}
+
+void NetworkURLSessionTask::setPartialFile(std::optional<std::string> path) {
+  std::lock_guard lock(mutex_);
+  partialFile_ = std::move(path);
+}
+
+std::optional<std::string> NetworkURLSessionTask::partialFile() const {
+  std::lock_guard lock(mutex_);
+  return partialFile_;
 }
 
 std::optional<Error> NetworkURLSessionTask::receiveFile(std::span<const std::uint8_t> bytes) {
@@ -308,8 +319,11 @@ void NetworkURLSessionTask::finish(std::optional<Error> error) {
   sent_->advanceTo(sent_->total(), *session_, self, true);
   if (!error && kind_ == URLSessionTaskKind::Download && !discarding_) error = openFile();
   std::shared_ptr<DownloadFile> file = std::move(file_);
+  setPartialFile(std::nullopt);
   if (!error && file) {
-    file->close();
+    if (auto closed = file->close(); !closed) error = closed.error();
+  }
+  if (!error && file) {
     written_->advanceTo(static_cast<std::int64_t>(bodyBytes_), *session_, self, true);
     session_->tell([self, file](URLSessionDelegate& delegate, const URLSessionPtr& session) mutable {
       delegate.didFinishDownloadingToURL(session, self, URL::fileURL(file->path()));

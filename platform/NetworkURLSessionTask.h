@@ -28,6 +28,7 @@ class NetworkURLSessionTask final : public URLSessionTask,
   void resume() override;
   void cancel() override;
   void cancelByProducingResumeData(std::function<void(std::optional<Data>)> handler) override;
+  std::optional<std::string> partialFile() const override;
   std::string description() const override;
 
   bool transferAcceptsServer(const std::shared_ptr<const ServerTrust>& trust) override;
@@ -48,6 +49,7 @@ class NetworkURLSessionTask final : public URLSessionTask,
   void deliverData(URLSessionDelegate& delegate, const URLSessionPtr& session);
   std::optional<Error> receiveFile(std::span<const std::uint8_t> bytes);
   std::optional<Error> openFile();
+  void setPartialFile(std::optional<std::string> path);
   void finish(std::optional<Error> error);
 
   const std::shared_ptr<NetworkURLSession> session_;
@@ -56,12 +58,13 @@ class NetworkURLSessionTask final : public URLSessionTask,
   const URLRequest request_;
   const std::optional<std::string> sourcePath_;
 
-  mutable std::mutex mutex_;  // guards the five below
+  mutable std::mutex mutex_;  // guards the six below
   URLSessionTaskState state_ = URLSessionTaskState::Suspended;
   std::shared_ptr<const HTTPURLResponse> response_;
   std::string undelivered_;
   bool deliveryQueued_ = false;
   bool receivingPaused_ = false;
+  std::optional<std::string> partialFile_;
 
   // ---
   bool ended_ = false;

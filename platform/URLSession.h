@@ -54,6 +54,8 @@ class URLSessionTask {
   virtual void cancel() = 0;
   // As cancel(). There is nothing to resume from here: the handler gets none, on the delegate queue.
   virtual void cancelByProducingResumeData(std::function<void(std::optional<Data>)> handler) = 0;
+  // The file that a download's bytes go to as they come, some of them late; absent before the first and after the last.
+  virtual std::optional<std::string> partialFile() const { return std::nullopt; }
   // "<URLSessionTask: 0x...>{ taskIdentifier: 3 }"
   virtual std::string description() const = 0;
 };

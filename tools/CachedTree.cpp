@@ -125,7 +125,7 @@ CommandFailure CachedTree::noSuchItem(const std::string& path) const {
 template <typename T>
 std::optional<T> CachedTree::wait(std::future<T>& answer) const {
   auto end = offline_ ? std::max(deadline_, std::chrono::steady_clock::now() + kCachePatience) : deadline_;
-  while (progress_ && fetching_ && std::chrono::steady_clock::now() + kProgressInterval < end) {
+  while ((progress_ || partialFile_) && fetching_ && std::chrono::steady_clock::now() + kProgressInterval < end) {
     if (answer.wait_for(kProgressInterval) == std::future_status::ready) return answer.get();
     tellProgress();
   }
@@ -135,7 +135,9 @@ std::optional<T> CachedTree::wait(std::future<T>& answer) const {
 
 void CachedTree::tellProgress() const {
   const auto request = manager_->downloadTaskForItemAtPath(fetching_->first);
-  if (request) progress_(request->totalBytesReceived(), fetching_->second);
+  if (request && progress_) progress_(request->totalBytesReceived(), fetching_->second);
+  auto partial = request && partialFile_ ? request->partialFileURL() : std::nullopt;
+  if (partial) partialFile_(partial->path(), fetching_->second);
 }
 
 CommandResult<void> CachedTree::refresh(const std::string& path) {

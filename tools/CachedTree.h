@@ -73,6 +73,9 @@ class CachedTree {
   // Called from file() while its bytes come, several times a second. The total is 0 while it is not known.
   using Progress = std::function<void(std::int64_t received, std::int64_t total)>;
   void setProgress(Progress progress) { progress_ = std::move(progress); }
+  // Called from file(), too, with the file that its bytes go to and the size that it should have in the end.
+  using PartialFile = std::function<void(const std::string& path, std::int64_t size)>;
+  void setPartialFile(PartialFile partialFile) { partialFile_ = std::move(partialFile); }
   // Asks the server for the root alone.
   CommandResult<void> reach();
 
@@ -104,6 +107,7 @@ class CachedTree {
   MonotonicTime deadline_;
   std::optional<CommandFailure> offline_;
   Progress progress_;
+  PartialFile partialFile_;
   std::optional<std::pair<std::string, std::int64_t>> fetching_;  // path and size of the file whose bytes come
   std::map<std::string, Item> folders_;
 };

@@ -1,5 +1,6 @@
 #include "tools/CachedTree.h"
 #include "tools/Commands.h"
+#include "tools/FollowingCopy.h"
 #include "tools/ProgressBar.h"
 
 #include <cerrno>
@@ -54,18 +55,40 @@ Result<void> printAsObject(const std::string& path, const std::string& name) {
   return done ? print("\"}\n") : done;
 }
 
+constexpr char kTemporaryPrefix[] = ".florvane-get-";
+
+using NamedFile = std::pair<FileDescriptor, std::string>;
+
+// What was copied meanwhile gets its name now; else it is copied.
+Result<NamedFile> temporaryCopy(const std::string& cached, const std::string& folder, FollowingCopy* following) {
+  FileDescriptor copy = following ? following->finish(cached) : FileDescriptor();
+  if (copy.valid()) {
+    std::string path = folder + "/" + kTemporaryPrefix + makeUUID();
+    const std::string unnamed = "/proc/self/fd/" + std::to_string(copy.get());
+    if (linkat(AT_FDCWD, unnamed.c_str(), AT_FDCWD, path.c_str(), AT_SYMLINK_FOLLOW) == 0) {
+      return NamedFile(std::move(copy), std::move(path));
+    }
+  }
+  auto made = makeTemporaryFile(folder, kTemporaryPrefix);
+  if (!made) return made;
+  if (auto copied = copyFile(cached, made->first.get(), made->second); !copied) {
+    (void)removeItem(made->second);
+    return Failure(copied.error());
+  }
+  return made;
+}
+
 // Puts a copy of a file in its place: under a temporary name beside it, and then a rename, so that whatever stood there
 // is whole until the new file is, also if power fails. What stood there keeps its mode.
 Result<void> replaceFile(const std::string& cached, const std::string& destination, std::optional<Date> modified,
-                         std::optional<mode_t> presentMode) {
-  std::string folder = std::filesystem::path(destination).parent_path();
-  auto temporary = makeTemporaryFile(folder.empty() ? "." : folder, ".florvane-get-");
+                         std::optional<mode_t> presentMode, FollowingCopy* following) {
+  auto temporary = temporaryCopy(cached, folderOf(destination), following);
   if (!temporary) return Failure(temporary.error());
   auto& [file, path] = *temporary;
-  auto placed = copyFile(cached, file.get(), path);
+  Result<void> placed;
   mode_t mask = umask(0);
   umask(mask);
-  if (placed && fchmod(file.get(), presentMode.value_or(0666 & ~mask)) != 0) {
+  if (fchmod(file.get(), presentMode.value_or(0666 & ~mask)) != 0) {
     placed = Failure(Error::fileWrite(errno, path));
   }
   if (placed && modified) placed = setContentModificationDate(file.get(), *modified);
@@ -77,14 +100,25 @@ Result<void> replaceFile(const std::string& cached, const std::string& destinati
 }
 
 // A symbolic link stays one, and a device or a pipe is written to.
-Result<void> placeFile(const std::string& cached, const std::string& destination, std::optional<Date> modified) {
+Result<void> placeFile(const std::string& cached, const std::string& destination, std::optional<Date> modified,
+                       FollowingCopy* following) {
   struct stat present{};
-  if (::stat(destination.c_str(), &present) != 0) return replaceFile(cached, destination, modified, std::nullopt);
+  if (::stat(destination.c_str(), &present) != 0) {
+    return replaceFile(cached, destination, modified, std::nullopt, following);
+  }
   if (S_ISREG(present.st_mode)) {
-    return replaceFile(cached, realPath(destination).value_or(destination), modified, present.st_mode & 0777);
+    return replaceFile(cached, realPath(destination).value_or(destination), modified, present.st_mode & 0777,
+                       following);
   }
   auto device = openFile(destination, O_WRONLY | O_NOCTTY);
   return device ? copyFile(cached, device->get(), destination) : Failure(device.error());
+}
+
+std::filesystem::path destinationFor(const GetOptions& options, const std::string& name) {
+  std::filesystem::path destination = options.local.value_or(name);
+  std::error_code ignored;
+  if (std::filesystem::is_directory(destination, ignored)) destination /= name;
+  return destination;
 }
 
 }  // namespace
@@ -109,15 +143,20 @@ ExitStatus getFile(const Output& output, const GetOptions& options) {
   if (bar.isShown()) {
     tree->setProgress([&](std::int64_t received, std::int64_t total) { bar.show(reference.text(), received, total); });
   }
+  const auto components = splitPath(reference.path);
+  const std::filesystem::path expected = destinationFor(options, components.empty() ? "" : components.back());
+  std::optional<FollowingCopy> following;
+  if (std::error_code ignored; !std::filesystem::is_other(expected, ignored)) {
+    following.emplace(folderOf(realPath(expected).value_or(expected)));
+    tree->setPartialFile([&](const std::string& path, std::int64_t size) { following->follow(path, size); });
+  }
   auto file = tree->file(reference);
   bar.clear();
   if (!file) return output.fail(file.error());
   tree->tellWhetherCached(output);
-  std::filesystem::path destination = options.local.value_or(file->item.name);
-  std::error_code ignored;
-  if (std::filesystem::is_directory(destination, ignored)) destination /= file->item.name;
+  const std::filesystem::path destination = destinationFor(options, file->item.name);
   auto modified = file->item.attributes.date(ResourceContentModificationDateKey);
-  auto done = placeFile(file->localPath, destination, modified);
+  auto done = placeFile(file->localPath, destination, modified, following ? &*following : nullptr);
   if (!done) return output.fail(failureForError(done.error(), tree->server(), reference.text()));
   if (output.options().json) output.object({{"path", destination.string()}});
   output.note("Fetched " + reference.text() + " to " + destination.string());

@@ -173,6 +173,12 @@ URLSessionTaskPtr DCServerRequest::task() {
   return task_.lock();
 }
 
+std::optional<URL> DCServerRequest::partialFileURL() {
+  auto task = this->task();
+  auto path = task ? task->partialFile() : std::nullopt;
+  return path ? std::optional(URL::fileURL(*path)) : std::nullopt;
+}
+
 void DCServerRequest::cancel() {
   if (auto task = this->task()) {
     task->cancelByProducingResumeData([](const std::optional<Data>&) {});

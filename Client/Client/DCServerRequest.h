@@ -65,6 +65,9 @@ class DCServerRequest : public URLSessionDelegate, public std::enable_shared_fro
 
   // Bytes of the answer's body that a download has received so far. Any thread.
   std::int64_t totalBytesReceived() const { return totalBytesReceived_; }
+  // The file that a download grows in while its bytes come, to be read only; absent before the first and after the last
+  // of them. What it was is the item's local file in the end, unless that could not be linked. Any thread.
+  std::optional<URL> partialFileURL();
   // Whether the whole body has gone out on a connection whose server was accepted. Any thread.
   bool hasSentBody() const { return hasSentBody_; }
   // Cancels the task; the handler hears of it. Nothing happens before a start and after the end. Thread-safe.

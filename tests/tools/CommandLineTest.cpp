@@ -145,6 +145,33 @@ TEST_F(CommandLine, PutsAFetchedFileInItsPlaceWhole) {
   EXPECT_TRUE(std::filesystem::is_empty(container + "/tmp"));
 }
 
+// Long enough to be followed while it comes.
+TEST_F(CommandLine, CopiesALargeFileToItsLastByte) {
+  std::string contents(std::size_t{96} << 20U, '\0');
+  std::uint32_t state = 1;
+  for (char& each : contents) each = static_cast<char>((state = state * 1'664'525 + 1'013'904'223) >> 24U);
+  const std::string served = server.files() + "/large", place = folder.file("fetched/large");
+  auto serve = [&](time_t second) {
+    writeText(served, contents);
+    const timespec dates[2] = {{second, 0}, {second, 0}};
+    ASSERT_EQ(::utimensat(AT_FDCWD, served.c_str(), dates, 0), 0);
+  };
+  serve(1'600'000'000);
+  addAccount();
+  std::filesystem::create_directory(folder.file("fetched"));
+  for (time_t second : {1'600'000'000, 1'600'000'001}) {
+    output({"get", "home:Files/large", place});
+    EXPECT_TRUE(readText(place) == contents);
+    struct stat status{};
+    ASSERT_EQ(stat(place.c_str(), &status), 0);
+    EXPECT_EQ(status.st_nlink, 1U) << "the cache's own file";
+    EXPECT_EQ(status.st_mtim.tv_sec, second);
+    contents.resize(contents.size() - 1'000'001);
+    serve(second + 1);
+  }
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder.file("fetched")), {}), 1) << "a temporary is left";
+}
+
 TEST_F(CommandLine, FailsWhenItsOutputTakesNoMore) {
   writeText(server.files() + "/large", std::string(1'000'000, 'x'));
   addAccount();
