@@ -258,8 +258,9 @@ void NotificationCenter::post(std::string_view name, std::optional<std::string> 
   {
     std::lock_guard lock(state_->mutex);
     if (state_->started) {
+      const bool isFirst = state_->ownPosts.empty();  // whoever waits before it has woken the thread already
       state_->ownPosts.push_back(std::move(notification));
-      state_->wake();
+      if (isFirst) state_->wake();
     }
     if (state_->socket) ownSocket = state_->socket->name();
   }
