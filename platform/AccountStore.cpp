@@ -111,10 +111,6 @@ Result<std::optional<Account>> firstAccount(const Result<std::vector<Account>>& 
 
 }  // namespace
 
-std::unique_ptr<CredentialStore> makeFileCredentialStore(std::string path) {
-  return std::make_unique<FileCredentialStore>(std::move(path));
-}
-
 struct AccountStore::State {
   explicit State(const std::string& directory)
       : accounts(directory + "/" + kAccountsFile), credentials(directory + "/" + kCredentialsFile) {}

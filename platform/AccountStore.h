@@ -24,7 +24,8 @@ struct Account {
   std::optional<std::uint16_t> dataClassPortNumber;
 };
 
-// Where passwords live, by account identifier. Thread-safe.
+// Where passwords live, by account identifier. Thread-safe. The container's is one property-list file of mode 0600; one
+// that another user owns or could open is an error (QuilbarErrorDomain, FileReadNoPermissionError) for every call.
 class CredentialStore {
  public:
   virtual ~CredentialStore() = default;
@@ -32,10 +33,6 @@ class CredentialStore {
   virtual Result<void> setPassword(std::string_view identifier, const Secret& password) = 0;
   virtual Result<void> removePassword(std::string_view identifier) = 0;
 };
-
-// Passwords in one property-list file of mode 0600. One that another user owns or could open is an error
-// (QuilbarErrorDomain, FileReadNoPermissionError) for every call.
-std::unique_ptr<CredentialStore> makeFileCredentialStore(std::string path);
 
 // The accounts of a container, in its file "Accounts.plist", and their passwords in "Credentials.plist". Names are
 // unique. Thread-safe, and safe with several processes.

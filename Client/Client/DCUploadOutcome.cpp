@@ -1,6 +1,7 @@
 #include "Client/Client/DCUploadOutcome.h"
 
 #include "Client/Client/DCDocumentManager.h"
+#include "Client/Client/DCError.h"
 #include "platform/Format.h"
 #include "platform/ResourceValues.h"
 
@@ -24,17 +25,7 @@ std::string DCUploadOutcome::textOfError(const Error& error) {
 }
 
 bool DCUploadOutcome::isLostReply(const Error& error) {
-  if (error.domain() != URLErrorDomain) return false;
-  switch (error.code()) {
-    case URLErrorTimedOut:
-    case URLErrorCannotConnectToHost:
-    case URLErrorNetworkConnectionLost:
-    case URLErrorDNSLookupFailed:
-    case URLErrorCannotParseResponse:
-      return true;
-    default:
-      return false;
-  }
+  return pc_isConnectionFailure(error) || error.is(URLErrorDomain, URLErrorCannotParseResponse);
 }
 
 bool DCUploadOutcome::hasGivenUp(const DCManagedUpload& upload) {
