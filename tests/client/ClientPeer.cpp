@@ -1,7 +1,7 @@
 // A client process of the container (named by the environment), driven line by line: each line of standard input is a
 // JSON object with "op", each line of standard output its answer.
-//   client_peer PORT SECONDS [BUNDLE]
-//                              signs in to that port of the loopback; its clock is ahead of the machine's by so much
+//   client_peer PORT SECONDS [BUNDLE]    signs in to that port of the loopback; its clock stands still, ahead of the
+//                                        machine's by so much, or goes with the machine's, for "live"
 //   {"op": "list", "path", "sync"}      {"state", "items": [{"name", "type", "size", "modified"}], "error"}
 //   {"op": "stat", "path"}              {"state", "error"}
 //   {"op": "read", "path"}              {"state", "file": local path or null, "error"}
@@ -19,17 +19,28 @@
 //   {"op": "unsent"}                    files whose bytes the server does not have: {"paths"}
 //   {"op": "logged", "text"}            how many messages hold that text: {"count"}
 //   {"op": "quit"}                      ends as a program does that returns from its main function
+//   {"op": "upload", "path"}            sends what was given up: {"error"}
+//   {"op": "refresh", "path"}           {"error"}
+//   {"op": "batch", "of": [...]}        {"answers": [...]}, each with "began" and "ended", in microseconds of the
+//                                       machine's clock
+//   {"op": "usage"}                     what the process holds: {"kibibytes", "threads": {name: count},
+//                                       "descriptors": {kind: count}}
+// A file's answer has "version", of the text of a VersionText, null where there is no file and -1 where it is torn,
+// "confirmed", when the file was last downloaded, and "listed", when the folder it is in was before it was asked for.
 
 #include "Client/Client/DCBackgroundSessionIdentifier.h"
 #include "Client/Client/DCDocumentManager.h"
 #include "Client/Client/Florvane.h"
 #include "common/PUAdditions.h"
+#include "tests/client/VersionText.h"
 #include "tests/support/ManualClock.h"
 #include "tests/support/RecordingSystemLog.h"
+#include "tests/support/TemporaryDirectory.h"
 
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <future>
 #include <iostream>
 #include <mutex>
@@ -38,7 +49,9 @@
 #include <thread>
 #include <vector>
 
+#include <malloc.h>
 #include <nlohmann/json.hpp>
+#include <sys/socket.h>
 
 namespace {
 
@@ -89,9 +102,36 @@ class Delegate : public DCDocumentManagerDelegate {
   json calls_ = json::array();
 };
 
+// In use, since what the heap has given back stays with the process in pieces, more or less of it by chance.
+json usage() {
+  json descriptors = json::object();
+  for (const auto& each : std::filesystem::directory_iterator("/proc/self/fd")) {
+    std::error_code error;
+    const std::filesystem::path target = std::filesystem::read_symlink(each, error);
+    int domain = 0;
+    socklen_t size = sizeof(domain);
+    getsockopt(std::stoi(each.path().filename()), SOL_SOCKET, SO_DOMAIN, &domain, &size);
+    const std::string name = target.filename();
+    std::string kind = domain == AF_INET ? "connection" : name.substr(0, name.find(":["));
+    descriptors[kind] = descriptors.value(kind, 0) + 1;
+  }
+  json threads = json::object();
+  for (const auto& each : std::filesystem::directory_iterator("/proc/self/task")) {
+    std::string name = test::readText(each.path() / "comm");
+    name.pop_back();
+    threads[name] = threads.value(name, 0) + 1;
+  }
+  const auto heap = mallinfo2();
+  return {{"kibibytes", (heap.uordblks + heap.hblkhd) / 1024}, {"descriptors", descriptors}, {"threads", threads}};
+}
+
 class Peer {
  public:
-  Peer(std::uint16_t port, std::chrono::seconds ahead) : clock_(startOfClock(ahead)) {
+  Peer(std::uint16_t port, const std::string& clock)
+      : isLive_(clock == "live"),
+        log_(isLive_ ? &showAssertion : nullptr),
+        clock_(startOfClock(std::chrono::seconds(isLive_ ? 0 : std::stoi(clock)))) {
+    if (isLive_) std::thread([this] { keepTime(); }).detach();
     DCDocumentManager::setPurposeIdentifier("peer " + std::to_string(getpid()));
     service_ = DCService::serviceWithAccount(account(port), clock_);
     manager_ = DCDocumentManager::documentManagerForService(service_);
@@ -103,6 +143,10 @@ class Peer {
     const std::string op = request.at("op");
     const std::string path = request.value("path", "");
     asked_.insert({path, path.substr(0, path.rfind('/') == std::string::npos ? 0 : path.rfind('/'))});
+    if (op == "batch") return batch(request.at("of"));
+    if (op == "usage") return usage();
+    if (op == "refresh") return refresh(path);
+    if (op == "upload") return upload(path);
     if (op == "list") return list(path, request.value("sync", false));
     if (op == "stat") return stat(path);
     if (op == "read") return read(path);
@@ -124,7 +168,7 @@ class Peer {
     if (op == "restart") manager_->restartUploads();
     if (op == "watch") manager_->setDelegate(delegate_, answers_, path);
     if (op == "unwatch") manager_->removeDelegateForFilterPath(path);
-    if (op == "advance") clock_.advance(std::chrono::seconds(request.at("seconds").get<int>()));
+    if (op == "advance") advance(std::chrono::seconds(request.at("seconds").get<int>()));
     return json::object();
   }
 
@@ -132,6 +176,25 @@ class Peer {
   static Date startOfClock(std::chrono::seconds ahead) {
     return Date::fromMicroseconds(Clock::system().now().microsecondsSince1970() +
                                   std::chrono::microseconds(ahead).count());
+  }
+
+  // A live one's log is shown at once, since it may be killed, and not kept.
+  static bool showAssertion(const SystemLogMessage& message) {
+    const bool isAssertion = message.text.find("failed assertion") != std::string::npos;
+    if (isAssertion) std::fprintf(stderr, "%s\n", message.text.c_str());
+    return false;
+  }
+
+  void keepTime() {
+    for (auto last = Clock::system().now();;) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+      const auto now = Clock::system().now();
+      advance(now - std::exchange(last, now));
+    }
+  }
+  void advance(Duration time) {
+    std::lock_guard lock(clockMutex_);
+    clock_.advance(time);
   }
 
   static Account account(std::uint16_t port) {
@@ -161,6 +224,30 @@ class Peer {
     return answer.get();
   }
 
+  json batch(const json& requests) {
+    json answers = json::array();
+    for (const json& request : requests) {
+      const std::int64_t began = Clock::system().now().microsecondsSince1970();
+      answers.push_back(perform(request));
+      answers.back()["began"] = began;
+      answers.back()["ended"] = Clock::system().now().microsecondsSince1970();
+    }
+    return {{"answers", answers}};
+  }
+
+  json refresh(const std::string& path) {
+    return wait([&](const auto& promise) {
+      manager_->refreshItemAtPath(
+          path, [promise](const std::optional<Error>& error) { promise->set_value({{"error", describe(error)}}); });
+    });
+  }
+
+  json dateOfDownload(const std::string& path) {
+    const auto item = DCCachedItemManager::itemAtRelativePath(DCRelativePath::relativePathWithString(path, service_));
+    const auto date = item ? item->lastDownloadDate() : std::nullopt;
+    return date ? json(date->microsecondsSince1970()) : json(nullptr);
+  }
+
   json list(const std::string& path, bool sync) {
     return wait([&](const auto& promise) {
       if (sync) manager_->_synchronousNextContentsOfDirectory();
@@ -187,7 +274,8 @@ class Peer {
   }
 
   json read(const std::string& path) {
-    return wait([&](const auto& promise) {
+    const json listed = isLive_ ? dateOfDownload(path.substr(0, path.rfind('/'))) : json(nullptr);
+    json answer = wait([&](const auto& promise) {
       manager_->contentsOfFileAtPath(path, [promise](DCDocumentManagerFreshnessState state,
                                                      const std::optional<URL>& url, const std::optional<Error>& error) {
         promise->set_value({{"state", std::int64_t{state}},
@@ -195,6 +283,13 @@ class Peer {
                             {"error", describe(error)}});
       });
     });
+    if (!isLive_) return answer;
+    answer["listed"] = listed;
+    // What the bytes are is asked for afterwards, so that they are no older than what was confirmed by then.
+    answer["confirmed"] = dateOfDownload(path);
+    auto bytes = answer["file"].is_string() ? readFile(answer["file"]) : Result<Data>(Failure(Error::posix(ENOENT)));
+    answer["version"] = bytes ? json(test::versionOfText(std::string(bytes->view())).value_or(-1)) : json(nullptr);
+    return answer;
   }
 
   json write(const std::string& path, const std::string& source) {
@@ -203,6 +298,14 @@ class Peer {
                                   [promise](const std::optional<URL>&, const std::optional<Error>& error) {
                                     promise->set_value({{"error", describe(error)}});
                                   });
+    });
+  }
+
+  json upload(const std::string& path) {
+    return wait([&](const auto& promise) {
+      manager_->startUploadingItemAtPath(path, [promise](const std::optional<URL>&, const std::optional<Error>& error) {
+        promise->set_value({{"error", describe(error)}});
+      });
     });
   }
 
@@ -281,8 +384,11 @@ class Peer {
     while (!open.empty()) {
       const std::string directory = open.back();
       open.pop_back();
-      clock_.advance(std::chrono::seconds(11));
-      const json listing = list(directory, true);
+      // Where others live by the same clock it is not moved.
+      if (!isLive_) advance(std::chrono::seconds(11));
+      const json refreshed = isLive_ ? refresh(directory) : json{{"error", nullptr}};
+      const json listing = list(directory, !isLive_);
+      if (!refreshed["error"].is_null()) errors.push_back({directory, refreshed["error"]});
       if (!listing["error"].is_null()) errors.push_back({directory, listing["error"]});
       directories[directory] = listing;
       for (const json& item : listing["items"]) {
@@ -314,8 +420,10 @@ class Peer {
     return {{"service", service_->uniqueIdentifier()}, {"paths", paths}, {"assertions", assertions}};
   }
 
+  const bool isLive_;
   test::RecordingSystemLog log_;
   int marks_ = 0;
+  std::mutex clockMutex_;  // who moves it, one at a time
   test::ManualClock clock_;
   std::shared_ptr<DCService> service_;
   DCDocumentManager::Ptr manager_;
@@ -331,7 +439,7 @@ int main(int argc, char** argv) {
   try {
     if (argc == 4) DCSetMainBundleIdentifier(argv[3]);
     // Never taken down: work of its may still run when the input ends.
-    auto& peer = *new Peer(static_cast<std::uint16_t>(std::stoi(argv[1])), std::chrono::seconds(std::stoi(argv[2])));
+    auto& peer = *new Peer(static_cast<std::uint16_t>(std::stoi(argv[1])), argv[2]);
     std::cout << json::object() << std::endl;
     for (std::string line; std::getline(std::cin, line);) std::cout << peer.perform(json::parse(line)) << std::endl;
   } catch (const std::exception& exception) {

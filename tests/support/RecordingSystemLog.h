@@ -15,7 +15,11 @@ namespace florvane::test {
 // Stands in for the system's log and keeps what is written.
 class RecordingSystemLog {
  public:
-  RecordingSystemLog() { SystemLog::setShared(&sink_); }
+  // Or only what `keeps` says of, which is called in the writing thread.
+  explicit RecordingSystemLog(bool (*keeps)(const SystemLogMessage&) = nullptr) {
+    sink_.keeps = keeps;
+    SystemLog::setShared(&sink_);
+  }
   ~RecordingSystemLog() { SystemLog::setShared(nullptr); }
   RecordingSystemLog(const RecordingSystemLog&) = delete;
   RecordingSystemLog& operator=(const RecordingSystemLog&) = delete;
@@ -46,6 +50,7 @@ class RecordingSystemLog {
  private:
   struct Sink final : SystemLog {
     void write(const SystemLogMessage& message) override {
+      if (keeps && !keeps(message)) return;
       {
         std::lock_guard lock(mutex);
         messages.push_back(message);
@@ -57,6 +62,7 @@ class RecordingSystemLog {
     std::condition_variable changed;
     std::vector<SystemLogMessage> messages;
     std::function<void()> onWrite;
+    bool (*keeps)(const SystemLogMessage&) = nullptr;
   };
   // Kept for the life of the process: a thread may still be writing when the test is over.
   static Sink& makeSink() {
