@@ -155,16 +155,20 @@ bool ManagedObjectContext::usableStore() {
   return store_ != nullptr;
 }
 
-void ManagedObjectContext::noteOtherProcesses() {
+bool ManagedObjectContext::noteOtherProcesses() {
   auto version = store_->dataVersion();
-  if (!version || (dataVersion_ && *version == *dataVersion_)) return;
-  if (dataVersion_) ++version_;
+  if (!version) return false;
+  if (dataVersion_ && *version != *dataVersion_) ++version_;
   dataVersion_ = *version;
+  return true;
 }
 
-void ManagedObjectContext::noteChangesOfOthers() {
-  performAndWait([&] {
-    if (transactionDepth_ == 0 && usableStore()) noteOtherProcesses();
+bool ManagedObjectContext::noteChangesOfOthers() {
+  return performAndWait([&] {
+    if (transactionDepth_ > 0 || !usableStore()) return false;
+    // A transaction is in the log before it is seen, by as long as a slow disk takes.
+    const auto quiet = store_->tryKeepOthersFromWriting();
+    return noteOtherProcesses() && quiet;
   });
 }
 

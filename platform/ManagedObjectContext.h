@@ -105,8 +105,9 @@ class ManagedObjectContext : public std::enable_shared_from_this<ManagedObjectCo
   // Back to what was saved last.
   void rollback();
   bool hasChanges() const;
-  // Looks whether other processes have changed the store; a fetch does so, too.
-  void noteChangesOfOthers();
+  // Looks whether other processes have changed the store; a fetch does so, too. False when this may not have been all
+  // that was written to its files before the look began: somebody is writing, or it could not be read.
+  bool noteChangesOfOthers();
   // Rises when another process may have changed the store since the last look, and when the store is opened anew.
   std::uint64_t storeVersion() const { return version_.load(); }
 
@@ -141,7 +142,7 @@ class ManagedObjectContext : public std::enable_shared_from_this<ManagedObjectCo
   // On the queue.
   bool usableStore();
   void reopen();
-  void noteOtherProcesses();
+  bool noteOtherProcesses();
   Result<void> replaceDamagedStore(const Error& error);
   void keepUnsavedOfLostRecords();
   std::optional<Row> rowOf(std::size_t entity, std::int64_t number);

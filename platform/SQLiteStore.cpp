@@ -408,6 +408,11 @@ void SQLiteStore::checkpointIfLong() {
   reportSoftAssertion(kSource, __LINE__, sqlite3_errstr(result));
 }
 
+std::optional<FileLock> SQLiteStore::tryKeepOthersFromWriting() const {
+  auto lock = FileLock::tryAcquire(options_.lockPath, true);
+  return lock ? std::move(*lock) : std::nullopt;
+}
+
 Result<std::int64_t> SQLiteStore::dataVersion() {
   return perform([&]() -> std::int64_t {
     SQLite::Statement& query = statement("PRAGMA data_version");

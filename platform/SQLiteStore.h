@@ -106,6 +106,9 @@ class SQLiteStore {
   // Puts on stable storage what was committed without being there.
   Result<void> sync();
 
+  // While it is kept, nobody is writing: neither is a transaction in progress, nor is one in the log that others do not
+  // see yet. Absent when somebody is; nobody is waited for.
+  std::optional<FileLock> tryKeepOthersFromWriting() const;
   // Differs from the last answer once another connection has changed the store.
   Result<std::int64_t> dataVersion();
   // Whether the file at the path is another than the one that was opened, or none, or about to be another.

@@ -50,7 +50,8 @@ struct DCDatabase::Memory {
 
   std::atomic<std::uint64_t> changes{1};
 
-  // How store and log looked before the last look for others' changes, and whether a change after that look would show.
+  // How store and log looked before the last look for others' changes, and whether that look saw all that they held and
+  // a change after it would show.
   std::array<std::int64_t, 8> storeStamp{};
   bool isSettled = false;
 

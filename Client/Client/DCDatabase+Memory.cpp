@@ -394,10 +394,10 @@ void DCDatabase::refresh() {
     std::lock_guard lock(memory_->mutex);
     if (memory_->isSettled && memory_->storeStamp == stamp) return;
   }
-  managedObjectContext()->noteChangesOfOthers();
+  const bool hasSeenAll = managedObjectContext()->noteChangesOfOthers();
   std::lock_guard lock(memory_->mutex);
   memory_->storeStamp = stamp;
-  memory_->isSettled = willShowChanges(stamp, nanoseconds(now));
+  memory_->isSettled = hasSeenAll && willShowChanges(stamp, nanoseconds(now));
 }
 
 std::uint64_t DCDatabase::changesOfOthers() {

@@ -2,8 +2,10 @@
 #include "Client/Client/DCPath.h"
 #include "platform/Encoding.h"
 #include "tests/client/DatabaseFixture.h"
+#include "tests/support/ChildProcess.h"
 
 #include <atomic>
+#include <chrono>
 #include <csignal>
 #include <filesystem>
 #include <future>
@@ -300,6 +302,28 @@ TEST_F(DCDatabaseTest, SharesAStoreWithAnotherProcess) {
   EXPECT_EQ(upload->numberOfRetries(), 100);
   EXPECT_EQ(sql("SELECT numberOfRetries, totalBytesSent FROM Upload\nSELECT count(*), count(DISTINCT path) FROM Path"),
             "100 100\n100 100\n");
+}
+
+// The log tells of a change before it can be seen, and not again when it can.
+TEST_F(DCDatabaseTest, SeesWhatTookLongToReachTheDisk) {
+  auto database = open();
+  EXPECT_TRUE(database->setDocumentIdentifier(bytes("x"), "p"));
+  EXPECT_EQ(database->knownUploadForPath("late"), nullptr);
+  test::ChildProcess peer({kPeer, "slow", "late"});
+  int waits = 0;
+  for (auto line = peer.readLine(); line == "waiting"; line = peer.readLine(), ++waits) {
+    // Until the dates of the log say that it is at rest.
+    using std::filesystem::file_time_type;
+    const auto written = std::filesystem::last_write_time(file("service.sqlite-wal"));
+    while (file_time_type::clock::now() < written + std::chrono::milliseconds(50)) std::this_thread::yield();
+    database->refresh();
+    EXPECT_EQ(database->knownUploadForPath("late"), nullptr);
+    peer.writeLine("");
+  }
+  EXPECT_EQ(peer.wait(), 0);
+  EXPECT_GT(waits, 0);
+  database->refresh();
+  EXPECT_NE(database->knownUploadForPath("late"), nullptr);
 }
 
 TEST_F(DCDatabaseTest, LosesNothingThatWasSavedWhenItsProcessIsKilled) {
