@@ -12,6 +12,9 @@
 #include <cerrno>
 #include <cstdio>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 namespace florvane {
 
 namespace {
@@ -26,6 +29,13 @@ DCServiceRegistry<DCCachedItemManager>& managers() {
 
 DCCachedItemManager::Ptr managerOf(const DCRelativePath::Ptr& relativePath) {
   return DCCachedItemManager::cachedItemManagerForService(relativePath->service());
+}
+
+Result<void> syncContents(const std::string& path) {
+  auto file = openFile(path, O_RDONLY);
+  if (!file) return Failure(file.error());
+  if (fsync(file->get()) != 0) return Failure(Error::fileWrite(errno, path));
+  return {};
 }
 
 }  // namespace
@@ -441,8 +451,9 @@ Result<void> DCCachedItemManager::coordinateReadingForUploadingItem(const DCCach
           auto after = Utils::versionIdentifierForFileWithURL(url);
           isStable = after && *after == *generation;
           if (!isStable) return;
-          // A task that is on stable storage must not find half a file after a loss of power.
-          moved = syncFile(copy.path());
+          // A task that is on stable storage must not find half a file after a loss of power. One that finds none is
+          // given another, so that the name need not last.
+          moved = syncContents(copy.path());
           if (!moved) return;
           // Over a copy of the same generation that is there already, which a transfer may be about to open.
           if (rename(copy.path().c_str(), place->path().c_str()) != 0) {
