@@ -5,6 +5,7 @@
 #include "Client/Client/DCDatabase.h"
 #include "Client/Client/DCFileStamp.h"
 #include "Client/Client/DCLog.h"
+#include "Client/Client/DCSyncedFolders.h"
 #include "Client/Client/DCTemporaryFile.h"
 #include "common/FVFGenerationIdentifierUtils.h"
 #include "common/FVFMetadataUtils.h"
@@ -30,6 +31,11 @@ constexpr int kWriteAttempts = 8;
 std::optional<Data> generationOf(const std::string& path) {
   auto generation = FVFGenerationIdentifierUtils::versionIdentifierForFileWithURL(URL::fileURL(path));
   return generation ? *generation : std::nullopt;
+}
+
+DCSyncedFolders& syncedFolders() {
+  static auto& folders = *new DCSyncedFolders;
+  return folders;
 }
 
 Result<void> setDate(const std::string& path, Date date) {
@@ -200,8 +206,6 @@ Result<bool> DCCachedFile::writeInPlace(const URL& url, const Exclusion& exclusi
   }
   if (!fullPath) return Failure(Error::fileWrite(ENOENT, _pathsKeyString()));
   target = fullPath->string();
-  // A new file's folder has just been made by the question for it.
-  const bool isNewFolder = !DCFileStamp::of(target);
   if (auto made = createDirectories(folderOf(target)); !made) return Failure(made.error());
   auto source = DCFileStamp::of(url.path()), present = DCFileStamp::of(target);
   const bool isSame = source && present && source->isSameFile(*present);
@@ -223,9 +227,6 @@ Result<bool> DCCachedFile::writeInPlace(const URL& url, const Exclusion& exclusi
     if (auto dated = setDate(written, newer); !dated) return Failure(dated.error());
     if (auto synced = copy ? copy->sync() : syncFile(target); !synced) return Failure(synced.error());
   }
-  if (isNewFolder) {
-    if (auto synced = syncDirectory(folderOf(folderOf(target))); !synced) return Failure(synced.error());
-  }
 
   Result<void> done;
   bool isThere = false;
@@ -242,6 +243,8 @@ Result<bool> DCCachedFile::writeInPlace(const URL& url, const Exclusion& exclusi
       return;
     }
     if (copy) done = syncDirectory(folderOf(target));
+    // The folder may have been made for this file. It cannot be taken away and made again with the file in it.
+    if (done) done = syncedFolders().syncNameOf(folderOf(target));
     // Whoever attaches an identifier looks for a new file once more when it is recorded.
     isThere = belongsAt(target);
   };
