@@ -392,11 +392,16 @@ Result<void> syncDirectory(const std::string& path) {
   return {};
 }
 
-Result<void> syncFile(const std::string& path) {
+Result<void> syncContents(const std::string& path) {
   auto file = openFile(path, O_RDONLY);
   if (!file) return Failure(file.error());
   if (syncDescriptor(file->get()) != 0 && !isSyncUnsupported(errno)) return Failure(Error::fileWrite(errno, path));
-  return syncDirectory(folderOf(path));
+  return {};
+}
+
+Result<void> syncFile(const std::string& path) {
+  auto synced = syncContents(path);
+  return synced ? syncDirectory(folderOf(path)) : synced;
 }
 
 bool fileExists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }

@@ -60,6 +60,8 @@ Result<void> removeItem(const std::string& path);
 // Stops at the first thing that cannot be removed.
 Result<void> removeTree(const std::string& path);
 Result<void> syncDirectory(const std::string& path);
+// Puts what is in a file on stable storage.
+Result<void> syncContents(const std::string& path);
 // Puts a file and its name in the folder on stable storage.
 Result<void> syncFile(const std::string& path);
 // Follows symbolic links.

@@ -12,9 +12,6 @@
 #include <cerrno>
 #include <cstdio>
 
-#include <fcntl.h>
-#include <unistd.h>
-
 namespace florvane {
 
 namespace {
@@ -29,13 +26,6 @@ DCServiceRegistry<DCCachedItemManager>& managers() {
 
 DCCachedItemManager::Ptr managerOf(const DCRelativePath::Ptr& relativePath) {
   return DCCachedItemManager::cachedItemManagerForService(relativePath->service());
-}
-
-Result<void> syncContents(const std::string& path) {
-  auto file = openFile(path, O_RDONLY);
-  if (!file) return Failure(file.error());
-  if (fsync(file->get()) != 0) return Failure(Error::fileWrite(errno, path));
-  return {};
 }
 
 }  // namespace

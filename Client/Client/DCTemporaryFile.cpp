@@ -73,12 +73,7 @@ Result<DCTemporaryFile> DCTemporaryFile::copied(const std::string& source, const
   return copy;
 }
 
-Result<void> DCTemporaryFile::sync() const {
-  auto file = openFile(path_, O_RDONLY);
-  if (!file) return Failure(file.error());
-  if (fsync(file->get()) != 0) return Failure(Error::fileWrite(errno, path_));
-  return {};
-}
+Result<void> DCTemporaryFile::sync() const { return syncContents(path_); }
 
 Result<void> DCTemporaryFile::moveTo(const std::string& target) {
   if (rename(path_.c_str(), target.c_str()) != 0) return Failure(Error::fileWrite(errno, target));
