@@ -16,6 +16,7 @@ constexpr Duration kLeeway = std::chrono::milliseconds(50);
 // A download that follows a report may be judged unnecessary, and the next may join one that was asked for before the
 // report; the third says what the server has now.
 constexpr int kAttemptsAtOnce = 3;
+constexpr std::int64_t kVersionConflict = 3;
 constexpr std::int64_t kNoSuchItem = 11;
 
 using Items = std::vector<DCCachedItem::Ptr>;
@@ -133,8 +134,10 @@ void DCDocumentManager::_didDownloadUpdate(const Data& documentIdentifier, const
   Update& update = found->second;
   update.isDownloading = false;
   bool agrees = update.item->versionIdentifier() == update.versionIdentifier;
-  // Of several downloads whose cookie was refused not all have signed in again.
-  const bool maySucceedAtOnce = !error || error->is(URLErrorDomain, 401);
+  // Of several downloads whose cookie was refused not all have signed in again; and the upload that a download was
+  // refused for may have ended meanwhile.
+  const bool maySucceedAtOnce =
+      !error || error->is(URLErrorDomain, 401) || pc_isDCErrorWithCode(*error, kVersionConflict);
   // A version that came in answer to the report, and is another, is newer. The watch goes on from the reported one and
   // is answered with the newest at once.
   const bool hasMovedOn = !error && !update.joinsDownload && update.item->versionIdentifier() != update.versionBefore;
