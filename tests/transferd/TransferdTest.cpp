@@ -312,7 +312,8 @@ TEST_F(TransferdTest, NeverSendsTwiceWhatMayHaveArrived) {
   auto task = upload(open_, server.url("/"));
   ASSERT_TRUE(received.wait());
   killAgent();
-  EXPECT_THAT(recorder->wait(1), ElementsAre(std::to_string(task->taskIdentifier()) + " -1005"));
+  // What was missed ends with a line of its own.
+  EXPECT_THAT(recorder->wait(2), ElementsAre(std::to_string(task->taskIdentifier()) + " -1005", "finished"));
   EXPECT_EQ(server.requests().size(), 1U);
   over.raise();
 }
