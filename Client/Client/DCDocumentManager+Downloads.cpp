@@ -295,13 +295,17 @@ DCDocumentManager::OptionalError DCDocumentManager::_applyDownload(const Downloa
   }
   if (file) return _updateFreshlyDownloadedFile(file, container);
   auto directory = std::static_pointer_cast<DCCachedDirectory>(item);
-  auto listed = directory->lastDownloadDate();
-  // Somebody listed it after this was asked for. What he found may be missing in this answer.
-  if (listed && started < *listed && *listed <= service_->clock().now()) {
+  if (_wasListedSince(*directory, started)) {
     asksAgain = true;
     return std::nullopt;
   }
   return _updateFreshlyDownloadedDirectory(directory, container);
+}
+
+// Then what was found may be missing in the answer to a request of that time.
+bool DCDocumentManager::_wasListedSince(const DCCachedDirectory& directory, Date started) const {
+  const auto listed = directory.lastDownloadDate();
+  return listed && started < *listed && *listed <= service_->clock().now();
 }
 
 DCDocumentManager::OptionalError DCDocumentManager::_updateFreshlyDownloadedDirectory(

@@ -1,6 +1,7 @@
 #include "Client/Client/DCDocumentManager.h"
 #include "Client/Client/DCError.h"
 #include "Client/Client/DCLog.h"
+#include "Client/Client/DCTakeInLock.h"
 #include "Client/Client/DCUploadOutcome.h"
 #include "common/FVFMetadataUtils.h"
 #include "platform/Encoding.h"
@@ -34,11 +35,18 @@ void DCDocumentManager::_reconcileUpload(const DCCachedFile::Ptr& file, const Er
   }
   const std::string path = file->relativePath()->string();
   undecidedUploads_.insert(path);
-  auto listed = [self = shared_from_this(), file, path, parent, error, settled](
+  auto listed = [self = shared_from_this(), file, path, parent, error, settled, started = service_->clock().now()](
                     const FVFResponseContainer::Ptr& container, const OptionalError& failure) {
     std::optional<Dictionary> entry;
     OptionalError failed = failure;
-    if (container) failed = self->_updateFreshlyDownloadedDirectory(parent, container, file, &entry);
+    if (container) {
+      const DCTakeInLock lock(self->service_);
+      if (self->_wasListedSince(*parent, started)) {
+        self->_reconcileUpload(file, error, settled);
+        return;
+      }
+      failed = self->_updateFreshlyDownloadedDirectory(parent, container, file, &entry);
+    }
     if (!failed) {
       self->undecidedUploads_.erase(path);
       self->_decideUpload(file, error, entry, settled);

@@ -321,40 +321,44 @@ void DCDocumentManager::_takeInUploadAnswers(const std::vector<UploadAnswer>& an
 // The listings that came do not settle what the directory holds now: two of one moment, or somebody else was there.
 void DCDocumentManager::_listForUploadAnswers(const DCCachedDirectory::Ptr& directory,
                                               std::vector<UploadAnswer> answers) {
-  auto complete = [self = shared_from_this(), directory, answers = std::move(answers)] {
-    const DCTakeInLock lock(self->service_);
-    const auto contents = directory->directoryContents();
-    for (const UploadAnswer& answer : answers) {
-      const std::string name = answer.file->relativePath()->lastPathComponent();
-      auto upload = self->database()->uploadForPath(answer.file->relativePath()->string());
-      auto entry = entryNamed(contents, name);
-      if (DCUploadOutcome::isEntryOfLastAttempt(entry, upload)) {
-        self->_completeUpload(answer, entry, true);
-      } else {
-        // It was stored, and has been changed since; what is there now is fetched when somebody asks for it.
-        self->_completeUpload(answer, entryNamed(contentsOf(*answer.container), name), false);
-      }
-    }
-  };
   auto identifier = directory->documentIdentifier();
   if (!identifier) {
-    complete();
+    _completeUploads(directory, answers);
     return;
   }
   DCRemoteDocumentManager::remoteDocumentManagerForService(service_)->contentsOfDirectoryWithDocumentIdentifier(
       *identifier, std::nullopt, _activityInfoForItem(*directory),
-      [self = shared_from_this(), directory, complete](const FVFResponseContainer::Ptr& container,
-                                                       const OptionalError& error) {
-        auto takeIn = [self, directory, complete, container, error] {
-          if (container && !directory->hasBeenRemoved()) {
-            (void)self->_updateFreshlyDownloadedDirectory(directory, container);
-          } else if (error) {
-            DCLogInfo("Could not list '%@' after an upload: %@", directory->relativePath(), *error);
+      [self = shared_from_this(), directory, answers = std::move(answers), started = service_->clock().now()](
+          const FVFResponseContainer::Ptr& container, const OptionalError& error) {
+        const DCTakeInLock lock(self->service_);
+        if (container && !directory->hasBeenRemoved()) {
+          if (self->_wasListedSince(*directory, started)) {
+            self->_listForUploadAnswers(directory, answers);
+            return;
           }
-          complete();
-        };
-        takeIn();
+          (void)self->_updateFreshlyDownloadedDirectory(directory, container);
+        } else if (error) {
+          DCLogInfo("Could not list '%@' after an upload: %@", directory->relativePath(), *error);
+        }
+        self->_completeUploads(directory, answers);
       });
+}
+
+void DCDocumentManager::_completeUploads(const DCCachedDirectory::Ptr& directory,
+                                         const std::vector<UploadAnswer>& answers) {
+  const DCTakeInLock lock(service_);
+  const auto contents = directory->directoryContents();
+  for (const UploadAnswer& answer : answers) {
+    const std::string name = answer.file->relativePath()->lastPathComponent();
+    auto upload = database()->uploadForPath(answer.file->relativePath()->string());
+    auto entry = entryNamed(contents, name);
+    if (DCUploadOutcome::isEntryOfLastAttempt(entry, upload)) {
+      _completeUpload(answer, entry, true);
+    } else {
+      // It was stored, and has been changed since; what is there now is fetched when somebody asks for it.
+      _completeUpload(answer, entryNamed(contentsOf(*answer.container), name), false);
+    }
+  }
 }
 
 void DCDocumentManager::_serverReturnedNoMetadata(const UploadAnswer& answer) {

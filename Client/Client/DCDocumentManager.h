@@ -245,6 +245,7 @@ class DCDocumentManager : public DCConnectivityTrackerDelegate, public std::enab
   void _contentsOfFileAtPath(const std::string& path, const std::shared_ptr<FileHandler>& handler, bool asksAgain);
   OptionalError _applyDownload(const Download& download, const std::optional<Data>& requested, Date started,
                                const FVFResponseContainer::Ptr& container, bool& asksAgain);
+  bool _wasListedSince(const DCCachedDirectory& directory, Date started) const;
   static Error _clientErrorForError(const Error& error, const DCRelativePath& relativePath);
   OptionalError _updateFreshlyDownloadedDirectory(const DCCachedDirectory::Ptr& directory,
                                                   const FVFResponseContainer::Ptr& downloadedDirectory);
@@ -324,6 +325,7 @@ class DCDocumentManager : public DCConnectivityTrackerDelegate, public std::enab
   void _uploadDidSucceed(const UploadAnswer& answer);
   void _takeInUploadAnswers(const std::vector<UploadAnswer>& answers);
   void _listForUploadAnswers(const DCCachedDirectory::Ptr& directory, std::vector<UploadAnswer> answers);
+  void _completeUploads(const DCCachedDirectory::Ptr& directory, const std::vector<UploadAnswer>& answers);
   void _completeUpload(const UploadAnswer& answer, const std::optional<Dictionary>& remoteMetadata, bool isOfListing);
   void _serverReturnedNoMetadata(const UploadAnswer& answer);
   void _askWhatBecameOfUpload(const UploadAnswer& answer);
