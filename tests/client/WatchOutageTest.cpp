@@ -89,7 +89,7 @@ TEST_P(WatchOutageOf, EndsWithinAStep) {
   server.stop();
   editServersFolder();
   pass(GetParam().duration);
-  ASSERT_FALSE(isFetching());
+  untilTrue([&] { return !isFetching(); });
   server.restart();
   clock.advance(GetParam().step);
   expectNothingMissed();
