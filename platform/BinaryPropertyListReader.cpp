@@ -297,9 +297,14 @@ const Key* BinaryPropertyListReader::keyOf(std::uint32_t object) {
       fail("The binary property list has a key that is no string.");
       return nullptr;
     }
-    keys_.emplace_back(*text);
-    keyUsers_.push_back(topObject_);
-    details_[object] = static_cast<std::uint32_t>(keys_.size());
+    Key key(*text);
+    // Two objects may hold one text. Keys are interned, so that their addresses tell.
+    auto [place, isNew] = keyPlaces_.try_emplace(key.text().data(), static_cast<std::uint32_t>(keys_.size() + 1));
+    if (isNew) {
+      keys_.push_back(std::move(key));
+      keyUsers_.push_back(topObject_);
+    }
+    details_[object] = place->second;
   }
   return &keys_[details_[object] - 1];
 }

@@ -6,6 +6,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 namespace florvane {
@@ -68,7 +69,8 @@ class BinaryPropertyListReader {
   std::vector<std::uint8_t> heights_;   // collections inside each other, this one included; kOpen while being read
   std::vector<std::uint32_t> details_;  // collection: values of its tree; string: 1 + its place in keys_ if it has one
   std::vector<Key> keys_;
-  std::vector<std::uint32_t> keyUsers_;  // of each, the dictionary that had it last
+  std::unordered_map<const char*, std::uint32_t> keyPlaces_;  // by a key's text
+  std::vector<std::uint32_t> keyUsers_;                       // of each, the dictionary that had it last
   std::vector<Collection> open_;
   std::string scratch_;
 };

@@ -98,6 +98,8 @@ TEST(BinaryPropertyList, StringsThatAreNoText) {
 TEST(BinaryPropertyList, OfAKeyThatStandsTwiceTheLastValueCounts) {
   EXPECT_TRUE(*read(listOf({"\xd3\x01\x02\x01\x03\x04\x05"s, "\x51k"s, "\x51k"s, "\x10\x01"s, "\x10\x02"s,
                             "\x10\x03"s})) == Value(Dictionary{{"k", 3}}));
+  EXPECT_TRUE(*read(listOf({"\xa1\x01"s, "\xd2\x02\x03\x04\x05"s, "\x51k"s, "\x51k"s, "\x10\x01"s, "\x10\x02"s})) ==
+              Value(Array{Dictionary{{"k", 2}}}));
   EXPECT_REFUSED(read(listOf({"\xd1\x01\x01"s, "\x10\x01"s})), "key");
   EXPECT_REFUSED(read(listOf({"\xd1\x01\x02"s, "\xa0"s, "\x10\x01"s})), "key");
   EXPECT_REFUSED(read(listOf({"\xd1\x00\x01"s, "\x10\x01"s})), "key");
