@@ -3,7 +3,6 @@
 #include "Client/Client/DCDatabase.h"
 
 #include <array>
-#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -47,8 +46,6 @@ struct DCDatabase::Memory {
   // All of these, when they are known at all.
   std::optional<std::unordered_map<Data, std::shared_ptr<DCManagedStoredLocalMetadata>, DataHash>> storedLocalMetadata;
   std::optional<std::map<std::string, UploadPtr, std::less<>>> uploads;
-
-  std::atomic<std::uint64_t> changes{1};
 
   // How store and log looked before the last look for others' changes, and whether that look saw all that they held and
   // a change after it would show.

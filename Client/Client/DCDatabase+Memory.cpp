@@ -73,7 +73,6 @@ void DCDatabase::Memory::validate(const ManagedObjectContext& current) {
   const bool isFull = otherMetadata.size() > kMostAnswers;
   if (context == &current && version == currentVersion && !isFull) return;
   clear();
-  ++changes;
   context = &current;
   version = currentVersion;
 }
@@ -160,7 +159,6 @@ void DCDatabase::forgetAnswers() {
   std::lock_guard lock(memory_->mutex);
   memory_->clear();
   memory_->context = nullptr;
-  ++memory_->changes;
 }
 
 void DCDatabase::rememberIdentifier(const std::string& path, const std::optional<Data>& documentIdentifier) {
@@ -403,13 +401,6 @@ void DCDatabase::refresh() {
 std::uint64_t DCDatabase::changesOfOthers() {
   refresh();
   return managedObjectContext()->storeVersion();
-}
-
-std::uint64_t DCDatabase::changeCount() {
-  auto context = managedObjectContext();
-  std::lock_guard lock(memory_->mutex);
-  memory_->validate(*context);
-  return memory_->changes.load();
 }
 
 }  // namespace florvane

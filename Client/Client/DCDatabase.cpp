@@ -100,7 +100,6 @@ Result<void> DCDatabase::change(Durability durability, const std::function<void(
   // Another store has taken the damaged one's place. What the work changed is still in memory; what it did not find
   // may be there now.
   if (!saved && SQLiteStore::isDamage(saved.error())) saved = perform();
-  ++memory_->changes;
   logFailure(saved);
   return saved;
 }
@@ -113,7 +112,6 @@ Result<void> DCDatabase::save() {
 Result<void> DCDatabase::saveWithError(bool rollbackOnFailure) {
   DCLogTrace("-[DCDatabase saveWithError:rollbackOnFailure:]", {{"rollbackOnFailure", rollbackOnFailure}});
   auto saved = managedObjectContext()->save(rollbackOnFailure);
-  ++memory_->changes;
   if (!saved && rollbackOnFailure) forgetAnswers();
   logFailure(saved);
   return saved;
@@ -133,7 +131,6 @@ Result<void> DCDatabase::performBatch(const std::function<void()>& work, bool ro
         }
       },
       rollbackOnFailure);
-  ++memory_->changes;
   if (!saved && rollbackOnFailure) forgetAnswers();
   logFailure(saved);
   return saved;

@@ -126,8 +126,6 @@ class DCDatabase : public std::enable_shared_from_this<DCDatabase> {
   // Whether other processes have changed the store: once at the beginning of an operation. Two looks at files while
   // nothing happens.
   void refresh();
-  // Rises with every change of this process, and of others as far as it is known.
-  std::uint64_t changeCount();
   // Rises when another process may have changed the store.
   std::uint64_t changesOfOthers();
 
