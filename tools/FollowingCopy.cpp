@@ -1,8 +1,11 @@
 #include "tools/FollowingCopy.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <cstddef>
+#include <cstdlib>
+#include <memory>
 #include <utility>
-#include <vector>
 
 #include <fcntl.h>
 #include <linux/magic.h>
@@ -15,7 +18,10 @@ namespace florvane::tools {
 
 namespace {
 
-constexpr std::size_t kPieceBytes = std::size_t{256} * 1024;
+constexpr std::size_t kPieceBytes = std::size_t{2} << 20U;
+constexpr std::size_t kAlignment = 4096;  // what file systems ask of memory that they write from directly
+constexpr std::int64_t kLargeBytes = std::int64_t{32} << 20U;  // written directly from there on
+constexpr off_t kMostBehind = off_t{128} << 20U;               // while directly
 constexpr auto kPause = std::chrono::milliseconds(5);
 // Not in every version of the kernel's header.
 constexpr std::uint32_t kXFSMagic = 0x58465342, kBcachefsMagic = 0xca451a4e;
@@ -54,24 +60,68 @@ void FollowingCopy::follow(const std::string& path, std::int64_t size) {
   auto copy = openFile(folder_, O_TMPFILE | O_WRONLY, 0600);
   if (!source || !copy) return;
   source_ = std::move(*source);
+  copied_ = 0;
+  isDirect_ = false;
+  mayBeDirect_ = size >= kLargeBytes;
   copy_ = std::move(*copy);
   thread_ = std::jthread([this](const std::stop_token& stopped) { run(stopped); });
 }
 
-// Stops between two pieces: nobody waits for a slow place once the copy is of no use.
+// Stops between two pieces: nobody waits for a slow place once the copy is of no use. Whole pieces only; what is left
+// is for finish(), from where both files stand then.
 void FollowingCopy::run(const std::stop_token& stopped) {
-  std::vector<std::uint8_t> piece(kPieceBytes);
-  while (!stopped.stop_requested()) {
-    const ssize_t count = read(source_.get(), piece.data(), piece.size());
-    if (count < 0 && errno == EINTR) continue;
-    if (count < 0 || !writeAll(copy_.get(), {piece.data(), static_cast<std::size_t>(count)}, folder_)) {
+  const std::unique_ptr<std::uint8_t, decltype(&std::free)> memory(
+      static_cast<std::uint8_t*>(std::aligned_alloc(kAlignment, kPieceBytes)), &std::free);
+  while (memory && !stopped.stop_requested()) {
+    struct stat source{};
+    const off_t behind = fstat(source_.get(), &source) == 0 ? source.st_size - copied_ : 0;
+    const bool isCaughtUp = behind < static_cast<off_t>(kPieceBytes);
+    if (isCaughtUp || copied_ == 0) writeDirectly(true);
+    if (behind > kMostBehind) writeDirectly(false);
+    if (isCaughtUp) {
+      std::unique_lock lock(mutex_);
+      pause_.wait_for(lock, stopped, kPause, [] { return false; });
+    } else if (!copyPiece({memory.get(), kPieceBytes})) {
       copy_.close();  // its room may be what somebody waits for
       return;
     }
-    if (count > 0) continue;
-    std::unique_lock lock(mutex_);
-    pause_.wait_for(lock, stopped, kPause, [] { return false; });
   }
+  writeDirectly(false);
+  if (lseek(source_.get(), copied_, SEEK_SET) < 0) copy_.close();
+}
+
+// Past the system's memory: to fill that with a large file for the second time can cost more than all the rest, and
+// pushes out what is kept there. Through it all the same where the file system knows no other way, and to catch up
+// where the disk is slower than the network.
+void FollowingCopy::writeDirectly(bool directly) {
+  directly = directly && mayBeDirect_;
+  if (directly == isDirect_) return;
+  if (fcntl(copy_.get(), F_SETFL, directly ? O_DIRECT : 0) == 0) {
+    isDirect_ = directly;
+  } else {
+    mayBeDirect_ = false;
+  }
+}
+
+bool FollowingCopy::copyPiece(std::span<std::uint8_t> piece) {
+  for (std::size_t have = 0; have < piece.size();) {
+    const ssize_t count = pread(source_.get(), &piece[have], piece.size() - have, copied_ + static_cast<off_t>(have));
+    if (count == 0 || (count < 0 && errno != EINTR)) return false;
+    have += static_cast<std::size_t>(std::max<ssize_t>(count, 0));
+  }
+  while (!piece.empty()) {
+    const ssize_t count = write(copy_.get(), piece.data(), piece.size());
+    if (count >= 0) {
+      piece = piece.subspan(static_cast<std::size_t>(count));
+      copied_ += count;
+    } else if (errno == EINVAL && isDirect_) {
+      mayBeDirect_ = false;
+      writeDirectly(false);
+    } else if (errno != EINTR) {
+      return false;
+    }
+  }
+  return true;
 }
 
 void FollowingCopy::stop() {

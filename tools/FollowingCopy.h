@@ -7,9 +7,12 @@
 #include <cstdint>
 #include <ctime>
 #include <mutex>
+#include <span>
 #include <stop_token>
 #include <string>
 #include <thread>
+
+#include <sys/types.h>
 
 namespace florvane::tools {
 
@@ -31,12 +34,16 @@ class FollowingCopy {
 
  private:
   void run(const std::stop_token& stopped);
+  void writeDirectly(bool directly);
+  bool copyPiece(std::span<std::uint8_t> piece);
   void stop();
 
   const std::string folder_;
   std::string path_;
   FileDescriptor source_, copy_;
   timespec begun_{};
+  off_t copied_ = 0;  // bytes
+  bool isDirect_ = false, mayBeDirect_ = false;
   std::jthread thread_;
   std::mutex mutex_;  // guards nothing but the pause
   std::condition_variable_any pause_;
