@@ -23,6 +23,8 @@ namespace {
 constexpr char kSource[] = "Client/Client/DCDocumentManager";
 constexpr std::int64_t kUnauthorized = 401;
 constexpr std::int64_t kConflict = 409;
+// How many turns of the queue an answer lets go first at most.
+constexpr unsigned kTurnsForOthers = 32;
 
 // When the directory was as a listing shows it. A directory's content date moves with every entry that is added,
 // replaced or removed; which of two listings of one moment is the newer cannot be told.
@@ -268,8 +270,16 @@ void DCDocumentManager::_uploadDidSucceed(const UploadAnswer& answer) {
   // all of them wait for the disk once.
   const bool isFirst = uploadAnswers_.empty();
   uploadAnswers_[parent->relativePath()->string()].push_back(answer);
-  if (!isFirst) return;
-  queue_->dispatchAsynchronousBlock([self = shared_from_this()] {
+  if (isFirst) _takeInUploadAnswersAfter(kTurnsForOthers);
+}
+
+// Who waits on the queue goes first: writes are answered sooner, and more answers come together.
+void DCDocumentManager::_takeInUploadAnswersAfter(unsigned turns) {
+  queue_->dispatchAsynchronousBlock([self = shared_from_this(), turns] {
+    if (turns > 0) {
+      self->_takeInUploadAnswersAfter(turns - 1);
+      return;
+    }
     (void)self->database()->performGroup([&] {
       const auto waiting = std::exchange(self->uploadAnswers_, {});
       for (const auto& entry : waiting) {

@@ -323,6 +323,7 @@ class DCDocumentManager : public DCConnectivityTrackerDelegate, public std::enab
   void _restartUploadAfterLoss(const DCCachedFile::Ptr& file);
   void _afterPause(const std::string& path, std::function<void()> work);
   void _uploadDidSucceed(const UploadAnswer& answer);
+  void _takeInUploadAnswersAfter(unsigned turns);
   void _takeInUploadAnswers(const std::vector<UploadAnswer>& answers);
   void _listForUploadAnswers(const DCCachedDirectory::Ptr& directory, std::vector<UploadAnswer> answers);
   void _completeUploads(const DCCachedDirectory::Ptr& directory, const std::vector<UploadAnswer>& answers);
@@ -409,7 +410,7 @@ class DCDocumentManager : public DCConnectivityTrackerDelegate, public std::enab
   bool synchronousContentsOfDirectory_ = false;
   DCProcessedListings processedListings_;
   std::optional<AppliedDownload> appliedDownload_;
-  // Answers that came in this turn of the queue, by the directory that they list.
+  // Answers that wait to be taken in together, by the directory that they list.
   std::unordered_map<std::string, std::vector<UploadAnswer>> uploadAnswers_;
   // Of uploads whose connection was lost, by path, while they are not answered.
   struct Loss {
