@@ -289,6 +289,10 @@ Result<void> ManagedObjectContext::performTransaction(Durability durability, con
   return transact(durability, isInGroup(), work, rollbackOnFailure);
 }
 
+Result<void> ManagedObjectContext::performPreparingTransaction(const std::function<void()>& work) {
+  return transact(Durability::Full, true, work, false);
+}
+
 Result<void> ManagedObjectContext::transact(Durability durability, bool isGrouped, const std::function<void()>& work,
                                             bool rollbackOnFailure) {
   return performAndWait([&]() -> Result<void> {

@@ -93,6 +93,8 @@ class ManagedObjectContext : public std::enable_shared_from_this<ManagedObjectCo
   // throws is passed on, after a rollback.
   Result<void> performTransaction(Durability durability, const std::function<void()>& work,
                                   bool rollbackOnFailure = false);
+  // The same for what another durable save follows: on stable storage with that one.
+  Result<void> performPreparingTransaction(const std::function<void()>& work);
   // Inside performTransaction it is the transaction's end that saves.
   Result<void> save(bool rollbackOnFailure = false);
   // Runs the work, in which any locks may be taken. What it saves of durable objects on this thread, in however many

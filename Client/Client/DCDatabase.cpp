@@ -119,21 +119,28 @@ Result<void> DCDatabase::saveWithError(bool rollbackOnFailure) {
 
 Result<void> DCDatabase::performBatch(const std::function<void()>& work, bool rollbackOnFailure) {
   DCLogTrace("-[DCDatabase performBatch:rollbackOnFailure:]", {{"rollbackOnFailure", rollbackOnFailure}});
-  auto context = managedObjectContext();
-  auto saved = context->performTransaction(
-      Durability::Full,
-      [&] {
-        try {
-          work();
-        } catch (...) {
-          forgetAnswers();  // what the work changed is rolled back
-          throw;
-        }
-      },
-      rollbackOnFailure);
+  auto saved = managedObjectContext()->performTransaction(
+      Durability::Full, [&] { performRolledBackWork(work); }, rollbackOnFailure);
   if (!saved && rollbackOnFailure) forgetAnswers();
   logFailure(saved);
   return saved;
+}
+
+Result<void> DCDatabase::performPreparingBatch(const std::function<void()>& work) {
+  DCLogTrace("-[DCDatabase performPreparingBatch:]");
+  auto saved = managedObjectContext()->performPreparingTransaction([&] { performRolledBackWork(work); });
+  logFailure(saved);
+  return saved;
+}
+
+// What the work changed is rolled back when it throws.
+void DCDatabase::performRolledBackWork(const std::function<void()>& work) {
+  try {
+    work();
+  } catch (...) {
+    forgetAnswers();
+    throw;
+  }
 }
 
 Result<void> DCDatabase::performGroup(const std::function<void()>& work) {

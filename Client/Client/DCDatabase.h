@@ -56,6 +56,9 @@ class DCDatabase : public std::enable_shared_from_this<DCDatabase> {
   // The work, whose changes are saved together in one transaction at its end and are on stable storage on return. It
   // runs on the context's queue, so it must take no lock that the caller holds.
   Result<void> performBatch(const std::function<void()>& work, bool rollbackOnFailure = false);
+  // The same for what another batch follows: on stable storage with that one; until then it survives the end of the
+  // process.
+  Result<void> performPreparingBatch(const std::function<void()>& work);
   // The work, here and now and with whatever locks it takes. What it saves of uploads on this thread is on stable
   // storage when this returns, not with each save: until then it survives the end of the process.
   Result<void> performGroup(const std::function<void()>& work);
@@ -154,6 +157,7 @@ class DCDatabase : public std::enable_shared_from_this<DCDatabase> {
   Result<void> persistentStoreCoordinator(ManagedObjectContext& context);
   // The work may run twice, when the first time shows that the store is damaged.
   Result<void> change(Durability durability, const std::function<void(ManagedObjectContext&)>& work);
+  void performRolledBackWork(const std::function<void()>& work);
   struct Memory;
   void forgetAnswers();
   void rememberIdentifier(const std::string& path, const std::optional<Data>& documentIdentifier);

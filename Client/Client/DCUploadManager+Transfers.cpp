@@ -244,7 +244,8 @@ std::optional<Data> DCUploadManager::versionToReplace(const DCCachedFile& file, 
   return file.lastRemoteMetadataVersionIdentifier();
 }
 
-// What is sent is in the record before the task exists, so that its entry is recognised whatever is lost.
+// What is sent is in the record before the task exists, so that its entry is recognised whatever is lost. It is on
+// stable storage when recordTask() returns, before the first byte is sent.
 DCUploadManager::Preparation DCUploadManager::prepareRecord(const Order& order, const URL& source,
                                                             const Data& generationIdentifier) {
   const std::string path = order.file->relativePath()->string();
@@ -260,7 +261,7 @@ DCUploadManager::Preparation DCUploadManager::prepareRecord(const Order& order, 
   const auto date = sourceValues ? sourceValues->date(ResourceContentModificationDateKey) : std::nullopt;
   if (date) attributes.set(ResourceContentModificationDateKey, *date);
   DCDatabase& database = this->database();
-  auto saved = database.performBatch([&] {
+  auto saved = database.performPreparingBatch([&] {
     auto upload = database.uploadForPath(path);
     if (!upload) {
       const auto fullPath = order.file->fullPathIfKnown();
