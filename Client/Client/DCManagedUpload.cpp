@@ -5,6 +5,7 @@
 #include "platform/Encoding.h"
 #include "platform/FileSystem.h"
 #include "platform/Format.h"
+#include "platform/LargeFile.h"
 #include "platform/PropertyList.h"
 
 #include <algorithm>
@@ -96,10 +97,10 @@ void DCManagedUpload::markAsCancelled() {
 
 void DCManagedUpload::removeTemporaryUploadFileIfNecessary() const {
   auto url = temporaryUploadFileURLForItemAtPath(path(), generationIdentifier());
-  if (url) (void)removeItem(url->path());
+  if (url) (void)removeLargeFile(url->path());
   if (auto copy = conflictingVersionURL()) {
     const std::string copied = copy->path();
-    (void)removeItem(copied);
+    (void)removeLargeFile(copied);
     (void)removeItem(folderOf(copied));
   }
 }

@@ -7,6 +7,7 @@
 #include "Client/Client/DCUploadOutcome.h"
 #include "common/FVFMetadataUtils.h"
 #include "platform/Format.h"
+#include "platform/LargeFile.h"
 #include "platform/ResourceValues.h"
 
 #include <array>
@@ -155,7 +156,7 @@ bool DCUploadManager::_cancelExistingUpload(const std::shared_ptr<DCManagedUploa
   });
   if (!isMarked) return false;
   cancelTransferOfRecord(upload, path);
-  if (copy) (void)removeItem(copy->path());
+  if (copy) (void)removeLargeFile(copy->path());
   return true;
 }
 

@@ -1,4 +1,5 @@
 #include "platform/FileSystem.h"
+#include "platform/LargeFile.h"
 #include "tests/support/TemporaryDirectory.h"
 
 #include <array>
@@ -123,6 +124,21 @@ TEST_F(FileSystemTest, RemovingATreeNeverLeavesIt) {
   EXPECT_TRUE(fileExists(outside + "/kept"));
   ASSERT_TRUE(removeItem(outside + "/none"));
   EXPECT_EQ(underlyingErrno(removeItem(outside).error()), ENOTEMPTY);
+}
+
+TEST_F(FileSystemTest, RemovingALargeFileTakesNoOtherNameOfIt) {
+  constexpr std::uintmax_t kSize = std::uintmax_t{16} << 20U;
+  const std::string path = directory.file("f"), link = directory.file("link"), second = directory.file("second");
+  writeText(path, "x");
+  std::filesystem::resize_file(path, kSize);
+  std::filesystem::create_hard_link(path, second);
+  std::filesystem::create_symlink(path, link);
+  ASSERT_TRUE(removeLargeFile(link));
+  EXPECT_TRUE(fileExists(path));
+  for (int time = 0; time < 2; ++time) ASSERT_TRUE(removeLargeFile(path));
+  EXPECT_EQ(std::filesystem::file_size(second), kSize);
+  ASSERT_TRUE(removeLargeFile(second));
+  EXPECT_TRUE(std::filesystem::is_empty(directory.path()));
 }
 
 TEST_F(FileSystemTest, RemovesTreesDeeperThanPathsAndDescriptorsReach) {
