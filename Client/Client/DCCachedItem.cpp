@@ -286,7 +286,10 @@ bool DCCachedItem::hasBeenDownloaded() const {
   DCLogTrace("-[DCCachedItem hasBeenDownloaded]");
   auto locked = lock();
   if (!lastDownloadDate()) return false;
-  if (!documentIdentifier()) DCAssertionFailed(kSource, __LINE__, "self.documentIdentifier");
+  if (documentIdentifier()) return true;
+  // Another process may have taken it away in between.
+  if (!lastDownloadDate()) return false;
+  DCAssertionFailed(kSource, __LINE__, "self.documentIdentifier");
   return true;
 }
 
@@ -294,7 +297,10 @@ bool DCCachedItem::hasBeenUploaded() const {
   DCLogTrace("-[DCCachedItem hasBeenUploaded]");
   auto locked = lock();
   if (!lastUploadDate()) return false;
-  if (!documentIdentifier()) DCAssertionFailed(kSource, __LINE__, "self.documentIdentifier");
+  if (documentIdentifier()) return true;
+  // Another process may have taken it away in between.
+  if (!lastUploadDate()) return false;
+  DCAssertionFailed(kSource, __LINE__, "self.documentIdentifier");
   return true;
 }
 

@@ -210,6 +210,11 @@ void DCDocumentManager::_download(const Download& download, const std::shared_pt
                    const FVFResponseContainer::Ptr& container, const OptionalError& error) {
     self->_downloadDidEnd(download, requested, started, container, error, handler);
   };
+  if (!requested && !item->isRoot()) {
+    // Another process has moved it, or taken it away, since the attempt before.
+    ended(nullptr, DCError::errorNoSuchItemWithUserInfo(DCError::userInfoWithRelativePath(*item->relativePath())));
+    return;
+  }
   auto downloadManager = DCDownloadManager::downloadManagerForService(service_);
   auto remoteManager = DCRemoteDocumentManager::remoteDocumentManagerForService(service_);
   auto activityInfo = _activityInfoForItem(*item);

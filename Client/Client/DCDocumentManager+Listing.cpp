@@ -163,8 +163,11 @@ DCDocumentManager::Listing DCDocumentManager::_listingOfDirectory(const DCCached
     } else {
       ++local;
       if (!entry && !database->knownUploadForPath(childPath(path, name))) {
-        // Sent by another process since, which has listed it.
-        if (item->parentContentsMetadata()) return _listingOfDirectory(directory);
+        // Sent by another process since, which has listed it, or taken away with its document.
+        const bool isListedByNow = item->parentContentsMetadata().has_value();
+        if (isListedByNow || !_localItemsInDirectory(*directory).contains(item->relativePath()->lastPathComponent())) {
+          return _listingOfDirectory(directory);
+        }
         DCAssertionFailed(kSource, __LINE__, "uploadPath");
       }
     }
@@ -273,7 +276,11 @@ Dictionary DCDocumentManager::_synthesizedMetadataForItem(const DCCachedItem& it
   if (remoteMetadata || parentContentsMetadata || otherMetadata || path->isRoot() || upload) return metadata;
   // Another process may have made it known, or taken it away, since it was looked for.
   if (auto entry = item.parentContentsMetadata()) return _synthesizedMetadataForItem(item, entry);
-  if (_performPreOperationChecksWithPath(path->string(), ItemClass::Any, true).item.get() == &item) {
+  const bool isKnown = _performPreOperationChecksWithPath(path->string(), ItemClass::Any, true).item.get() == &item;
+  if (isKnown && (item.remoteMetadata() || item.parentContentsMetadata() || item.otherMetadata())) {
+    return _synthesizedMetadataForItem(item, item.parentContentsMetadata());
+  }
+  if (isKnown) {
     for (const char* condition : {"!remoteMetadata", "!parentContentsMetadata", "!item.otherMetadata"}) {
       DCAssertionFailed(kSource, __LINE__, condition);
     }

@@ -39,8 +39,9 @@ void DCDocumentManager::_processListingOfOthers(const DCCachedDirectory::Ptr& di
   const DCTakeInLock lock(service_);
   if (isKnown()) return;
   if (known && known->entries() == current->entries()) {
-    // The same file, read again.
+    // Read again; or something came and went meanwhile, of which there is still an object.
     processedListings_.keep(key, current);
+    cachedItemManager()->forgetVanishedChildren(*directory);
     return;
   }
   _takeInListing(directory, current, known, false, nullptr, nullptr);

@@ -222,6 +222,8 @@ DCDocumentManager::OptionalError DCDocumentManager::_checkParentOfItem(DCCachedI
   auto parent = manager.directory(parentPath);
   if (!parent || !parent->documentIdentifier()) return noSuchItem();
   _processListingOfOthers(parent);
+  // Another process that was waited for may have moved it, or taken it away.
+  if (!database()->knownDocumentIdentifierForPath(parentPath->string())) return noSuchItem();
   return std::nullopt;
 }
 
