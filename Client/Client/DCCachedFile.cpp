@@ -317,6 +317,8 @@ void DCCachedFile::updateUploadedFileFromRemoteMetadata(const Dictionary& remote
 
   auto upload = database().uploadForPath(_pathsKeyString());
   auto sentFile = upload ? upload->fileURL() : std::nullopt;
+  // Another process has given a new file its place, which a record of a fresh attempt may not name yet.
+  if (sentFile && existsOnDisk() && !fileExists(*sentFile)) sentFile = contentsPath();
   if (sentFile && holdsNewerThan(*upload)) {
     keepNewerThan(remoteMetadata);
   } else if (sentFile) {
