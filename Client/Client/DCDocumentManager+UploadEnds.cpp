@@ -333,7 +333,7 @@ void DCDocumentManager::_listForUploadAnswers(const DCCachedDirectory::Ptr& dire
                                               std::vector<UploadAnswer> answers) {
   auto identifier = directory->documentIdentifier();
   if (!identifier) {
-    _completeUploads(directory, answers);
+    _completeUploads(directory, answers, false);
     return;
   }
   DCRemoteDocumentManager::remoteDocumentManagerForService(service_)->contentsOfDirectoryWithDocumentIdentifier(
@@ -341,21 +341,22 @@ void DCDocumentManager::_listForUploadAnswers(const DCCachedDirectory::Ptr& dire
       [self = shared_from_this(), directory, answers = std::move(answers), started = service_->clock().now()](
           const FVFResponseContainer::Ptr& container, const OptionalError& error) {
         const DCTakeInLock lock(self->service_);
+        bool isListed = false;
         if (container && !directory->hasBeenRemoved()) {
           if (self->_wasListedSince(*directory, started)) {
             self->_listForUploadAnswers(directory, answers);
             return;
           }
-          (void)self->_updateFreshlyDownloadedDirectory(directory, container);
+          isListed = !self->_updateFreshlyDownloadedDirectory(directory, container);
         } else if (error) {
           DCLogInfo("Could not list '%@' after an upload: %@", directory->relativePath(), *error);
         }
-        self->_completeUploads(directory, answers);
+        self->_completeUploads(directory, answers, isListed);
       });
 }
 
 void DCDocumentManager::_completeUploads(const DCCachedDirectory::Ptr& directory,
-                                         const std::vector<UploadAnswer>& answers) {
+                                         const std::vector<UploadAnswer>& answers, bool isListed) {
   const DCTakeInLock lock(service_);
   const auto contents = directory->directoryContents();
   for (const UploadAnswer& answer : answers) {
@@ -366,7 +367,14 @@ void DCDocumentManager::_completeUploads(const DCCachedDirectory::Ptr& directory
       _completeUpload(answer, entry, true);
     } else {
       // It was stored, and has been changed since; what is there now is fetched when somebody asks for it.
-      _completeUpload(answer, entryNamed(contentsOf(*answer.container), name), false);
+      const auto stored = entryNamed(contentsOf(*answer.container), name);
+      const auto identifier = stored ? stored->data(FVDocumentIdentifierKey) : std::nullopt;
+      _completeUpload(answer, stored, false);
+      // Or taken away: no later listing would miss what none has shown.
+      const bool isGone = isListed && contents && !entry && !answer.file->hasBeenRemoved();
+      if (isGone && identifier && answer.file->documentIdentifier() == identifier) {
+        cachedItemManager()->removeItem(answer.file);
+      }
     }
   }
 }

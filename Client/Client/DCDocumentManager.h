@@ -326,7 +326,8 @@ class DCDocumentManager : public DCConnectivityTrackerDelegate, public std::enab
   void _takeInUploadAnswersAfter(unsigned turns);
   void _takeInUploadAnswers(const std::vector<UploadAnswer>& answers);
   void _listForUploadAnswers(const DCCachedDirectory::Ptr& directory, std::vector<UploadAnswer> answers);
-  void _completeUploads(const DCCachedDirectory::Ptr& directory, const std::vector<UploadAnswer>& answers);
+  void _completeUploads(const DCCachedDirectory::Ptr& directory, const std::vector<UploadAnswer>& answers,
+                        bool isListed);
   void _completeUpload(const UploadAnswer& answer, const std::optional<Dictionary>& remoteMetadata, bool isOfListing);
   void _serverReturnedNoMetadata(const UploadAnswer& answer);
   void _askWhatBecameOfUpload(const UploadAnswer& answer);
