@@ -37,6 +37,7 @@
 #include "tests/support/RecordingSystemLog.h"
 #include "tests/support/TemporaryDirectory.h"
 
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -125,13 +126,43 @@ json usage() {
   return {{"kibibytes", (heap.uordblks + heap.hblkhd) / 1024}, {"descriptors", descriptors}, {"threads", threads}};
 }
 
+// Stands still, or follows the machine's clock: its date to the microsecond, since other processes compare theirs with
+// it, its timers by ticks.
+class PeerClock : public test::ManualClock {
+ public:
+  PeerClock(bool isLive, std::chrono::seconds ahead) : ManualClock(Clock::system().now() + ahead), isLive_(isLive) {
+    if (isLive_) std::thread([this] { tick(); }).detach();
+  }
+  Date now() const override { return isLive_ ? Clock::system().now() + Duration(leapt_.load()) : ManualClock::now(); }
+  void leap(Duration time) {
+    leapt_ += time.count();
+    move(time);
+  }
+
+ private:
+  [[noreturn]] void tick() {
+    for (auto last = Clock::system().now();;) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+      const auto now = Clock::system().now();
+      move(now - std::exchange(last, now));
+    }
+  }
+  void move(Duration time) {
+    std::lock_guard lock(mutex_);
+    advance(time);
+  }
+
+  const bool isLive_;
+  std::atomic<Duration::rep> leapt_ = 0;
+  std::mutex mutex_;  // who moves it, one at a time
+};
+
 class Peer {
  public:
   Peer(std::uint16_t port, const std::string& clock)
       : isLive_(clock == "live"),
         log_(isLive_ ? &showAssertion : nullptr),
-        clock_(startOfClock(std::chrono::seconds(isLive_ ? 0 : std::stoi(clock)))) {
-    if (isLive_) std::thread([this] { keepTime(); }).detach();
+        clock_(isLive_, std::chrono::seconds(isLive_ ? 0 : std::stoi(clock))) {
     DCDocumentManager::setPurposeIdentifier("peer " + std::to_string(getpid()));
     service_ = DCService::serviceWithAccount(account(port), clock_);
     manager_ = DCDocumentManager::documentManagerForService(service_);
@@ -168,33 +199,16 @@ class Peer {
     if (op == "restart") manager_->restartUploads();
     if (op == "watch") manager_->setDelegate(delegate_, answers_, path);
     if (op == "unwatch") manager_->removeDelegateForFilterPath(path);
-    if (op == "advance") advance(std::chrono::seconds(request.at("seconds").get<int>()));
+    if (op == "advance") clock_.leap(std::chrono::seconds(request.at("seconds").get<int>()));
     return json::object();
   }
 
  private:
-  static Date startOfClock(std::chrono::seconds ahead) {
-    return Date::fromMicroseconds(Clock::system().now().microsecondsSince1970() +
-                                  std::chrono::microseconds(ahead).count());
-  }
-
   // A live one's log is shown at once, since it may be killed, and not kept.
   static bool showAssertion(const SystemLogMessage& message) {
     const bool isAssertion = message.text.find("failed assertion") != std::string::npos;
     if (isAssertion) std::fprintf(stderr, "%s\n", message.text.c_str());
     return false;
-  }
-
-  void keepTime() {
-    for (auto last = Clock::system().now();;) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(2));
-      const auto now = Clock::system().now();
-      advance(now - std::exchange(last, now));
-    }
-  }
-  void advance(Duration time) {
-    std::lock_guard lock(clockMutex_);
-    clock_.advance(time);
   }
 
   static Account account(std::uint16_t port) {
@@ -385,7 +399,7 @@ class Peer {
       const std::string directory = open.back();
       open.pop_back();
       // Where others live by the same clock it is not moved.
-      if (!isLive_) advance(std::chrono::seconds(11));
+      if (!isLive_) clock_.leap(std::chrono::seconds(11));
       const json refreshed = isLive_ ? refresh(directory) : json{{"error", nullptr}};
       const json listing = list(directory, !isLive_);
       if (!refreshed["error"].is_null()) errors.push_back({directory, refreshed["error"]});
@@ -423,8 +437,7 @@ class Peer {
   const bool isLive_;
   test::RecordingSystemLog log_;
   int marks_ = 0;
-  std::mutex clockMutex_;  // who moves it, one at a time
-  test::ManualClock clock_;
+  PeerClock clock_;
   std::shared_ptr<DCService> service_;
   DCDocumentManager::Ptr manager_;
   std::shared_ptr<SerialQueue> answers_;

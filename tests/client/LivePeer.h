@@ -86,6 +86,8 @@ inline void expectNoGrowth(const nlohmann::json& before, const nlohmann::json& a
     for (const auto& [kind, count] : after[what].items()) {
       int limit = before[what].value(kind, 0);
       if (kind == "connection") limit = count;
+      // That of a queue is started when it first has to wait: of the database, of signing in, of the log.
+      if (kind == "quorl.florvane.") limit = std::max(limit, 3);
       // SQLite keeps that of a second connection, which looking for litter makes each hour, for the next one.
       if (kind.ends_with(".sqlite")) limit = std::max(limit, 2);
       EXPECT_LE(count, limit) << what << ": " << kind;
@@ -93,16 +95,17 @@ inline void expectNoGrowth(const nlohmann::json& before, const nlohmann::json& a
   }
 }
 
-// But for those that are asked for: where a file is read that never came, and where an upload has ended whose record
-// another process has already taken away.
+// But for those that are asked for: where a file is read that never came, where an upload has ended whose record
+// another process has already taken away, and where somebody removed the file before the server could list it.
 inline void expectNoAssertions(const std::string& log) {
   std::ifstream file(log);
   std::map<std::string, int> assertions;
   for (std::string line; std::getline(file, line);) {
-    const bool isFailure = line.find("failed assertion") != std::string::npos || line.starts_with("terminate");
-    const bool isDemanded =
-        line.find("Client/Client/DCError:121: failed assertion '0'") != std::string::npos ||
-        line.find("Client/Client/DCDocumentManager:71: failed assertion 'file'") != std::string::npos;
+    auto has = [&line](const char* text) { return line.find(text) != std::string::npos; };
+    const bool isFailure = has("failed assertion") || line.starts_with("terminate");
+    const bool isDemanded = (has("Client/Client/DCError:") && has("failed assertion '0'")) ||
+                            (has("Client/Client/DCDocumentManager:") && has("failed assertion 'file'")) ||
+                            has("failed assertion 'remoteMetadata'");
     if (isFailure && !isDemanded) ++assertions[line];
   }
   for (const auto& [text, count] : assertions) ADD_FAILURE() << count << " times: " << text;

@@ -16,7 +16,7 @@ inline std::string versionText(std::int64_t version, int size) {
 // Absent for what versionText() does not make.
 inline std::optional<std::int64_t> versionOfText(const std::string& text) {
   const auto colon = text.find(':');
-  if (colon == std::string::npos || colon > 18 || text.find_first_not_of("0123456789") != colon) return std::nullopt;
+  if (colon > 18 || text.find_first_not_of("0123456789") != colon) return std::nullopt;
   if (text.size() < 2 * colon + 3) return std::nullopt;
   const std::int64_t version = std::stoll(text);
   return text == versionText(version, static_cast<int>(text.size() - 2 * colon - 3)) ? std::optional(version)
