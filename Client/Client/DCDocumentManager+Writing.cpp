@@ -229,11 +229,13 @@ void DCDocumentManager::_uploadItem(const DCCachedItem::Ptr& item, ErrorHandler 
     auto due = std::dynamic_pointer_cast<DCCachedFile>(item);
     if (due && self->database()->uploadForPath(due->relativePath()->string())) self->_restartUpload(due);
   };
-  if (directory && downloads->isDownloadingDirectory(*directory)) {
+  // One that another process has taken away meanwhile is no longer that download's.
+  const bool isKnown = item->documentIdentifier() || item->relativePath()->isRoot();
+  if (directory && isKnown && downloads->isDownloadingDirectory(*directory)) {
     (void)downloads->startDownloadingDirectory(directory, remote, _activityInfoForItem(*item), joined);
     return;
   }
-  if (file && downloads->isDownloadingFile(*file)) {
+  if (file && isKnown && downloads->isDownloadingFile(*file)) {
     (void)downloads->startDownloadingFile(file, remote, _activityInfoForItem(*item), joined);
     return;
   }
