@@ -21,7 +21,7 @@ namespace {
 constexpr char kSource[] = "Client/Client/DCBackgroundSessionManager";
 constexpr char kSeparator = '~';
 // Far more than can end while a list of tasks is on its way.
-constexpr std::size_t kMostEndedTasks = 1000;
+constexpr std::size_t kMostEndedTasks = 256;
 
 DCServiceRegistry<DCBackgroundSessionManager>& registry() {
   static auto* shared = new DCServiceRegistry<DCBackgroundSessionManager>;

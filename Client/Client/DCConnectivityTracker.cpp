@@ -224,7 +224,7 @@ bool DCConnectivityTracker::forgetEventOfTask(const URLSessionTask* task) {
 
 void DCConnectivityTracker::forgetExpiredTasks() {
   constexpr std::size_t kSlack = 64;
-  if (newestByTask_.size() <= 2 * events_->count() + kSlack) return;
+  if (newestByTask_.size() <= events_->count() + events_->count() / 4 + kSlack) return;
   auto oldest = events_->firstIdentifier();
   std::erase_if(newestByTask_, [&](const auto& newest) { return !oldest || newest.second < *oldest; });
 }

@@ -11,7 +11,7 @@ namespace florvane {
 
 namespace {
 
-constexpr std::size_t kMostFolders = 4096;
+constexpr std::size_t kMostFolders = 256;
 
 }  // namespace
 
